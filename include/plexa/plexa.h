@@ -1,0 +1,18 @@
+#ifndef PLEXA_PLEXA_H
+#define PLEXA_PLEXA_H
+
+// Everything a host program needs: include this header only.
+
+#include <plexa/znr-export.h>
+#include <plexa/znr-error.h>
+#include <plexa/znr-stl-adapter.h>
+#include <plexa/znr-thread-mutex.h>
+#include <plexa/znr-thread-cond.h>
+#include <plexa/znr-tls.h>
+#include <plexa/znr-singleton.h>
+#include <plexa/znr-string.h>
+#include <plexa/znr-logger.h>
+#include <plexa/znr-mem-allocator.h>
+#include <plexa/znr-byte-buffer.h>
+
+#endif

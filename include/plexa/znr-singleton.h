@@ -1,0 +1,41 @@
+#ifndef PLEXA_ZNR_SINGLETON_H
+#define PLEXA_ZNR_SINGLETON_H
+
+#include <plexa/znr-export.h>
+#include <plexa/znr-thread-mutex.h>
+
+// One lazily created instance of T per process. Every call takes the type's
+// lock, so two threads racing on first use get the same object.
+//
+// The template has default visibility and the library declares its own
+// instantiations extern, so the host program and libplexa.so share one
+// instance pointer and one lock per type.
+template <class T>
+class ZNR_API ZNRSingleton {
+public:
+    static T* Instance() {
+        ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
+        if (instance_ == nullptr) instance_ = new T();
+        return instance_;
+    }
+
+    static void Destroy() {
+        ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
+        delete instance_;
+        instance_ = nullptr;
+    }
+
+private:
+    ZNRSingleton() = default;
+
+    static T* instance_;
+    static ZNRThreadMutex lock_;
+};
+
+template <class T>
+T* ZNRSingleton<T>::instance_ = nullptr;
+
+template <class T>
+ZNRThreadMutex ZNRSingleton<T>::lock_;
+
+#endif

@@ -1,0 +1,99 @@
+#include <plexa/znr-byte-buffer.h>
+#include <plexa/znr-mem-allocator.h>
+
+#include <cstring>
+
+namespace {
+ZNRMemAllocator* OrDefault(ZNRMemAllocator* allocator) {
+    return allocator != nullptr ? allocator : ZNRMemAllocator::Default();
+}
+}  // namespace
+
+ZNRByteBuffer::ZNRByteBuffer(unsigned int capacity, ZNRMemAllocator* allocator)
+    : capacity_(capacity), count_(0), data_(nullptr), allocator_(OrDefault(allocator)) {
+    if (capacity_ > 0)
+        data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
+}
+
+ZNRByteBuffer::ZNRByteBuffer(unsigned char const* data, unsigned int size, ZNRMemAllocator* allocator)
+    : capacity_(0), count_(0), data_(nullptr), allocator_(OrDefault(allocator)) {
+    if (data == nullptr) return;
+    capacity_ = count_ = size;
+    data_ = static_cast<unsigned char*>(allocator_->Alloc(size, __FILE__, __LINE__));
+    if (data_ != nullptr && size > 0) std::memcpy(data_, data, size);
+}
+
+ZNRByteBuffer::ZNRByteBuffer(ZNRByteBuffer const& other)
+    : capacity_(other.capacity_), count_(other.count_), data_(nullptr), allocator_(other.allocator_) {
+    if (capacity_ > 0) {
+        data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
+        if (data_ != nullptr && count_ > 0) std::memcpy(data_, other.data_, count_);
+    }
+}
+
+ZNRByteBuffer& ZNRByteBuffer::operator=(ZNRByteBuffer const& other) {
+    if (this == &other) return *this;
+    if (data_ != nullptr) allocator_->Free(data_);
+    data_ = nullptr;
+    capacity_ = other.capacity_;
+    count_ = other.count_;
+    if (capacity_ > 0) {
+        data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
+        if (data_ != nullptr && count_ > 0) std::memcpy(data_, other.data_, count_);
+    }
+    return *this;
+}
+
+ZNRByteBuffer::~ZNRByteBuffer() {
+    if (data_ != nullptr) allocator_->Free(data_);
+}
+
+void ZNRByteBuffer::AppendData(unsigned char const* p, unsigned int n) {
+    // Room is the writer's job; refusing beats writing past the block.
+    if (n == 0 || data_ == nullptr || n > capacity_ - count_) return;
+    std::memcpy(data_ + count_, p, n);
+    count_ += n;
+}
+
+void ZNRByteBuffer::AppendData(ZNRByteBuffer const& other) {
+    AppendData(other.GetData(), other.GetDataCount());
+}
+
+// A new block of exactly `capacity` bytes holding the valid bytes.
+void ZNRByteBuffer::Reallocate(unsigned int capacity) {
+    unsigned char* block = static_cast<unsigned char*>(allocator_->Alloc(capacity, __FILE__, __LINE__));
+    if (count_ > capacity) count_ = capacity;
+    if (block != nullptr && data_ != nullptr && count_ > 0) std::memcpy(block, data_, count_);
+    if (data_ != nullptr) allocator_->Free(data_);
+    data_ = block;
+    capacity_ = capacity;
+}
+
+void ZNRByteBuffer::ExtendCapacity(unsigned int n) {
+    if (n == 0) return;
+    Reallocate(capacity_ + n);
+}
+
+void ZNRByteBuffer::SetCapacity(unsigned int n) {
+    if (n == capacity_) return;
+    if (n == 0) {
+        if (data_ != nullptr) allocator_->Free(data_);
+        data_ = nullptr;
+        capacity_ = count_ = 0;
+        return;
+    }
+    Reallocate(n);
+}
+
+void ZNRByteBuffer::CutData(unsigned int n) {
+    if (n >= count_) {
+        count_ = 0;
+        return;
+    }
+    std::memmove(data_, data_ + n, count_ - n);
+    count_ -= n;
+}
+
+void ZNRByteBuffer::CutDataTail(unsigned int n) {
+    count_ = n >= count_ ? 0 : count_ - n;
+}

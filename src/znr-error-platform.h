@@ -1,0 +1,20 @@
+#ifndef PLEXA_SRC_ZNR_ERROR_PLATFORM_H
+#define PLEXA_SRC_ZNR_ERROR_PLATFORM_H
+
+#include <cstdint>
+#include <string>
+
+// Starts whatever the platform's network layer needs; 0 or an error code.
+std::uint64_t ZNRPlatformInit();
+
+// The platform's own text for an operating-system error number, in the
+// process's narrow encoding.
+std::string ZNRPlatformErrorText(int err);
+
+// The C runtime's text for an errno value, in the process's narrow encoding.
+std::string ZNRCrtErrorText(int err);
+
+// Stops in an attached debugger; does nothing when none is attached.
+void ZNRPlatformDebugBreak();
+
+#endif
