@@ -14,5 +14,12 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-mem-allocator.h>
 #include <plexa/znr-byte-buffer.h>
+#include <plexa/znr-block-memory-pool.h>
+#include <plexa/znr-pool-mem-allocator.h>
+#include <plexa/znr-id-allocator.h>
+#include <plexa/znr-utils.h>
+#include <plexa/znr-message-queue.h>
+#include <plexa/znr-thread.h>
+#include <plexa/znr-timer.h>
 
 #endif

@@ -23,7 +23,7 @@ public:
     typedef ZNRStdWString::reverse_iterator reverse_iterator;
     typedef ZNRStdWString::const_reverse_iterator const_reverse_iterator;
 
-    static const size_type npos = 0xFFFFFFFFu;
+    static constexpr size_type npos = 0xFFFFFFFFu;
 
     enum TrimType_t { TRIM_LEFT = 0, TRIM_RIGHT = 1, TRIM_BOTH = 2 };
 

@@ -72,10 +72,10 @@ public:
 
 private:
     ZNRThreadMutex const* lock_;
-    std::int32_t reserved1_;
-    std::int32_t reserved2_;
-    char const* file_;
-    unsigned int line_;
+    [[maybe_unused]] std::int32_t reserved1_;
+    [[maybe_unused]] std::int32_t reserved2_;
+    [[maybe_unused]] char const* file_;
+    [[maybe_unused]] unsigned int line_;
 };
 
 class ZNR_API ZNRGuardReadLock {
@@ -109,10 +109,10 @@ public:
 
 private:
     ZNRThreadRWMutex const* lock_;
-    std::int32_t reserved1_;
-    std::int32_t reserved2_;
-    char const* file_;
-    unsigned int line_;
+    [[maybe_unused]] std::int32_t reserved1_;
+    [[maybe_unused]] std::int32_t reserved2_;
+    [[maybe_unused]] char const* file_;
+    [[maybe_unused]] unsigned int line_;
 };
 
 class ZNR_API ZNRGuardWriteSpinLock {
@@ -124,10 +124,10 @@ public:
 
 private:
     ZNRThreadRWMutex const* lock_;
-    std::int32_t reserved1_;
-    std::int32_t reserved2_;
-    char const* file_;
-    unsigned int line_;
+    [[maybe_unused]] std::int32_t reserved1_;
+    [[maybe_unused]] std::int32_t reserved2_;
+    [[maybe_unused]] char const* file_;
+    [[maybe_unused]] unsigned int line_;
 };
 
 #endif

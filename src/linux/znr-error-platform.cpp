@@ -8,8 +8,8 @@
 namespace {
 
 // strerror_r comes in two flavours depending on the feature macros.
-char const* PickText(char const* gnu_result, char const*) { return gnu_result; }
-char const* PickText(int xsi_result, char const* buffer) {
+[[maybe_unused]] char const* PickText(char const* gnu_result, char const*) { return gnu_result; }
+[[maybe_unused]] char const* PickText(int xsi_result, char const* buffer) {
     return xsi_result == 0 ? buffer : "";
 }
 

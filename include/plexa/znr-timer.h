@@ -1,0 +1,105 @@
+#ifndef PLEXA_ZNR_TIMER_H
+#define PLEXA_ZNR_TIMER_H
+
+#include <plexa/znr-export.h>
+#include <plexa/znr-id-allocator.h>
+#include <plexa/znr-stl-adapter.h>
+
+#include <map>
+
+// Base of every timed callback. Ticks are ZNRGetSysTick() milliseconds.
+class ZNR_API ZNRTimer {
+public:
+    enum : unsigned int { REPEAT_FOREVER = 0xFFFFFFFFu };
+
+    ZNRTimer(unsigned int interval, unsigned int repeat_limit, void* user_data);
+    ZNRTimer(ZNRTimer const&) = delete;
+    ZNRTimer& operator=(ZNRTimer const&) = delete;
+
+    virtual void Trace();
+    // True keeps the timer (until its repeat limit), false ends it.
+    virtual bool OnExpires(std::uint64_t now) = 0;
+    // Called before a repeating timer is re-armed.
+    virtual void OnReset() = 0;
+    // Called when the timer ends, right before Destroy().
+    virtual void OnClose() = 0;
+    virtual void Destroy() = 0;
+
+    unsigned int GetInterval() const { return interval_; }
+    unsigned int GetRepeatLimit() const { return repeat_limit_; }
+    unsigned int GetFireCount() const { return fire_count_; }
+    void* GetUserData() const { return user_data_; }
+    // All ones while not registered with a timer manager.
+    std::uint64_t GetId() const { return id_; }
+    std::uint64_t GetExpiry() const { return expiry_; }
+    unsigned int GetSlot() const { return slot_; }
+
+protected:
+    virtual ~ZNRTimer();
+
+private:
+    friend class ZNRTimerMgr;
+
+    std::uint32_t interval_;
+    std::uint32_t repeat_limit_;
+    std::uint32_t fire_count_;
+    void* user_data_;
+    std::uint64_t id_;
+    std::uint64_t expiry_;
+    std::uint32_t slot_;
+};
+
+// The timers of one reactor in a small hashed wheel. No lock: it is used on
+// its reactor's thread (or under the reactor's timer lock) only.
+//
+// The wheel always has 7 slots and a timer lands in slot (expiry & 6), so
+// only the even slots hold timers. ScheduleTimers looks at the one slot of
+// the tick it is given; a due timer in another slot waits for a call whose
+// tick maps to its slot.
+class ZNR_API ZNRTimerMgr {
+public:
+    typedef std::multimap<std::uint64_t, ZNRTimer*> SlotMap;
+
+    // Both arguments are ignored: the wheel shape is fixed.
+    explicit ZNRTimerMgr(unsigned int bits = 3, unsigned int shift = 0);
+    ZNRTimerMgr(ZNRTimerMgr const&) = delete;
+    ZNRTimerMgr& operator=(ZNRTimerMgr const&) = delete;
+
+    // Arms the timer at now + interval and returns its new id; all ones for
+    // a null timer or one that is already registered. The manager owns the
+    // timer only once it ends.
+    virtual std::uint64_t AddTimer(ZNRTimer* timer);
+    // Detaches the timer without calling it; the caller keeps it and may
+    // add it again. Unknown ids are ignored.
+    virtual void RemoveTimer(std::uint64_t id);
+    // Detaches every timer whose id lies in [first_id, last_id]; returns how
+    // many were detached.
+    virtual unsigned int RemoveTimers(std::uint64_t first_id, std::uint64_t last_id);
+    // Detaches every timer.
+    virtual void RemoveAll();
+    virtual unsigned int Size();
+    // Fires the due timers of the slot of now; returns how many it handled.
+    virtual unsigned int ScheduleTimers(std::uint64_t now);
+    // Logs, at DEBUG, the number of timers and each slot's load.
+    virtual void Trace();
+    virtual void Destroy();
+
+protected:
+    virtual ~ZNRTimerMgr();
+    // Re-arms at the previous expiry + interval, keeping the cadence.
+    virtual void UpdateTimer(ZNRTimer* timer);
+
+private:
+    unsigned int SlotOf(std::uint64_t expiry) const;
+    void Insert(ZNRTimer* timer);
+    bool EraseFromSlot(ZNRTimer* timer);
+
+    std::uint32_t bits_;
+    std::uint32_t shift_;
+    std::uint32_t slot_count_;
+    SlotMap** slots_;
+    ZNRStlAdapter<std::map<std::uint64_t, ZNRTimer*>> timers_;
+    ZNRIdAllocator id_allocator_;
+};
+
+#endif

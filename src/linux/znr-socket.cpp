@@ -1,0 +1,541 @@
+#include <plexa/znr-error.h>
+#include <plexa/znr-socket.h>
+#include <plexa/znr-utils.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <set>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+sockaddr* NewAddrBuffer(unsigned int len) {
+    auto* p = new unsigned char[len];
+    std::memset(p, 0, len);
+    return reinterpret_cast<sockaddr*>(p);
+}
+
+void FreeAddrBuffer(sockaddr* addr) { delete[] reinterpret_cast<unsigned char*>(addr); }
+
+// Resolver failures have no errno of their own; each is given the nearest
+// one so that the code reads sensibly through ZNRGetErrorMsg.
+std::uint64_t ResolverError(int rc) {
+    switch (rc) {
+    case EAI_SYSTEM: return ZNRSysError(errno != 0 ? errno : EIO);
+    case EAI_MEMORY: return ZNRSysError(ENOMEM);
+    case EAI_FAMILY: return ZNRSysError(EAFNOSUPPORT);
+#ifdef EAI_ADDRFAMILY
+    case EAI_ADDRFAMILY: return ZNRSysError(EAFNOSUPPORT);
+#endif
+    case EAI_AGAIN: return ZNRSysError(EAGAIN);
+    case EAI_OVERFLOW: return ZNRSysError(EOVERFLOW);
+    case EAI_SOCKTYPE: return ZNRSysError(ESOCKTNOSUPPORT);
+    case EAI_BADFLAGS: return ZNRSysError(EINVAL);
+    case EAI_FAIL: return ZNRSysError(EIO);
+    default: return ZNRSysError(ENXIO);  // no such host or service
+    }
+}
+
+std::uint64_t LastSysError() { return ZNRSysError(errno); }
+
+void StoreError(std::uint64_t* err, std::uint64_t code) {
+    if (err != nullptr) *err = code;
+}
+
+struct SocketKind {
+    int family;
+    int type;
+    int protocol;
+    unsigned int addr_len;
+};
+
+SocketKind const kSocketKinds[] = {
+    {AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in)},
+    {AF_INET6, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in6)},
+    {AF_INET, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in)},
+    {AF_INET6, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in6)},
+};
+
+bool ValidType(ZNRSocket::Type_t type) {
+    return static_cast<unsigned int>(type) <= ZNRSocket::TYPE_UDP_V6;
+}
+
+std::uint64_t const kUnsupportedType = ZNRUserError(3);
+std::uint64_t const kEndOfStream = ZNRUserError(4);
+
+std::uint64_t SetIntOption(int fd, int name, int value) {
+    if (setsockopt(fd, SOL_SOCKET, name, &value, sizeof(value)) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t GetIntOption(int fd, int name, long* out) {
+    int value = 0;
+    socklen_t len = sizeof(value);
+    if (getsockopt(fd, SOL_SOCKET, name, &value, &len) != 0) return LastSysError();
+    if (out != nullptr) *out = value;
+    return 0;
+}
+
+std::uint64_t SetTimeOption(int fd, int name, unsigned int ms) {
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(ms / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+    if (setsockopt(fd, SOL_SOCKET, name, &tv, sizeof(tv)) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t GetTimeOption(int fd, int name, unsigned int* ms) {
+    timeval tv{};
+    socklen_t len = sizeof(tv);
+    if (getsockopt(fd, SOL_SOCKET, name, &tv, &len) != 0) return LastSysError();
+    if (ms != nullptr) {
+        *ms = static_cast<unsigned int>(tv.tv_sec * 1000 + tv.tv_usec / 1000);
+    }
+    return 0;
+}
+
+// Shared tail of Recv and RecvFrom: n is the system call's result.
+int RecvResult(ssize_t n, std::uint64_t* err) {
+    if (n > 0) return static_cast<int>(n);
+    if (n == 0) {
+        StoreError(err, kEndOfStream);
+        return -1;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+    StoreError(err, static_cast<std::uint32_t>(errno));
+    return -1;
+}
+
+int SendResult(ssize_t n, std::uint64_t* err) {
+    if (n >= 0) return static_cast<int>(n);
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+    StoreError(err, static_cast<std::uint32_t>(errno));
+    return -1;
+}
+
+bool BadLength(unsigned char const* buf, int len, std::uint64_t* err) {
+    if (len >= 0 && (buf != nullptr || len == 0)) return false;
+    StoreError(err, EINVAL);
+    return true;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- addresses
+
+ZNRNetAddrInfo::ZNRNetAddrInfo(Type_t type) : addr_(nullptr), addr_len_(0), type_(TYPE_IPV4) {
+    if (type == TYPE_IPV6) {
+        type_ = TYPE_IPV6;
+        addr_len_ = sizeof(sockaddr_in6);
+        addr_ = NewAddrBuffer(addr_len_);
+        addr_->sa_family = AF_INET6;
+    } else {
+        addr_len_ = sizeof(sockaddr_in);
+        addr_ = NewAddrBuffer(addr_len_);
+        addr_->sa_family = AF_INET;
+    }
+}
+
+ZNRNetAddrInfo::ZNRNetAddrInfo(ZNRNetAddrInfo const& other)
+    : addr_(nullptr), addr_len_(0), type_(other.type_), addr_str_(other.addr_str_),
+      port_str_(other.port_str_) {
+    if (other.addr_ != nullptr) {
+        addr_ = NewAddrBuffer(other.addr_len_);
+        std::memcpy(addr_, other.addr_, other.addr_len_);
+        addr_len_ = other.addr_len_;
+    }
+}
+
+ZNRNetAddrInfo& ZNRNetAddrInfo::operator=(ZNRNetAddrInfo const& other) {
+    if (this == &other) return *this;
+    FreeAddrBuffer(addr_);
+    addr_ = nullptr;
+    addr_len_ = 0;
+    addr_str_.clear();
+    port_str_.clear();
+    if (other.addr_ == nullptr) return *this;
+    addr_ = NewAddrBuffer(other.addr_len_);
+    std::memcpy(addr_, other.addr_, other.addr_len_);
+    addr_len_ = other.addr_len_;
+    type_ = other.type_;
+    addr_str_ = other.addr_str_;
+    port_str_ = other.port_str_;
+    return *this;
+}
+
+ZNRNetAddrInfo::~ZNRNetAddrInfo() { FreeAddrBuffer(addr_); }
+
+std::uint64_t ZNRNetAddrInfo::Open(ZNRString const& port, ZNRString const& ip) {
+    unsigned short port_num = 0;
+    if (!ZNRStrToUInt16(port, &port_num)) return EINVAL;
+    unsigned int ip_num = 0;
+    StrAddrToNet(ip, &ip_num);
+    if (addr_ == nullptr || addr_len_ < sizeof(sockaddr_in)) {
+        FreeAddrBuffer(addr_);
+        addr_ = NewAddrBuffer(sizeof(sockaddr_in));
+    }
+    sockaddr_in sin;
+    std::memset(&sin, 0, sizeof(sin));
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(port_num);
+    sin.sin_addr.s_addr = ip_num;
+    std::memset(addr_, 0, addr_len_ > sizeof(sin) ? addr_len_ : sizeof(sin));
+    std::memcpy(addr_, &sin, sizeof(sin));
+    type_ = TYPE_IPV4;
+    addr_len_ = sizeof(sockaddr_in);
+    addr_str_ = ip;
+    port_str_ = port;
+    return 0;
+}
+
+std::uint64_t ZNRNetAddrInfo::Open() { return InnerOpenAddr(addr_, addr_len_); }
+
+std::uint64_t ZNRNetAddrInfo::Open(sockaddr const* sa, unsigned int len) {
+    std::uint64_t const rc = InnerOpenAddr(sa, len);
+    if (rc != 0) return rc;
+    sockaddr* copy = NewAddrBuffer(len);
+    std::memcpy(copy, sa, len);
+    FreeAddrBuffer(addr_);
+    addr_ = copy;
+    addr_len_ = len;
+    return 0;
+}
+
+std::uint64_t ZNRNetAddrInfo::Reopen() { return InnerOpenAddr(addr_, addr_len_); }
+
+std::uint64_t ZNRNetAddrInfo::InnerOpenAddr(sockaddr const* sa, unsigned int len) {
+    if (sa == nullptr) return ZNRSysError(EINVAL);
+    // Room for an IPv6 text with a scope name.
+    char host[64];
+    char service[16];
+    int const rc = getnameinfo(sa, len, host, sizeof(host), service, sizeof(service),
+                               NI_NUMERICHOST | NI_NUMERICSERV);
+    if (rc != 0) return ResolverError(rc);
+    if (sa->sa_family == AF_INET6) {
+        type_ = TYPE_IPV6;
+    } else if (sa->sa_family == AF_INET) {
+        type_ = TYPE_IPV4;
+    }
+    addr_str_ = ZNRString(host);
+    port_str_ = ZNRString(service);
+    return 0;
+}
+
+std::uint64_t ZNRNetAddrInfo::StrAddrToNet(ZNRString const& text, unsigned int* addr) {
+    in_addr_t const value = inet_addr(text.ToStdCStr().c_str());
+    if (addr != nullptr) *addr = static_cast<unsigned int>(value);
+    return 0;
+}
+
+std::uint64_t ZNRNetAddrInfo::NetAddrToStr(unsigned int addr, ZNRString* text) {
+    in_addr in;
+    in.s_addr = addr;
+    char buffer[INET_ADDRSTRLEN];
+    if (inet_ntop(AF_INET, &in, buffer, sizeof(buffer)) == nullptr) return LastSysError();
+    if (text != nullptr) *text = ZNRString(buffer, "chs");
+    return 0;
+}
+
+std::uint64_t ZNRNetAddrInfo::GetLocalAddrs(std::map<ZNRString, unsigned int>* out) {
+    if (out == nullptr) return ZNRSysError(EINVAL);
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) return LastSysError();
+    std::set<std::string> seen;
+    for (ifaddrs* p = list; p != nullptr; p = p->ifa_next) {
+        if (p->ifa_addr == nullptr || p->ifa_addr->sa_family != AF_INET) continue;
+        if (!seen.insert(p->ifa_name).second) continue;
+        sockaddr_in sin;
+        std::memcpy(&sin, p->ifa_addr, sizeof(sin));
+        (*out)[ZNRString(p->ifa_name)] = static_cast<unsigned int>(sin.sin_addr.s_addr);
+    }
+    freeifaddrs(list);
+    return 0;
+}
+
+// ---------------------------------------------------------------- host info
+
+ZNRHostInfo::ZNRHostInfo() {}
+
+ZNRHostInfo::ZNRHostInfo(ZNRHostInfo const& other)
+    : host_(other.host_), service_(other.service_) {
+    CopyAddrs(other);
+}
+
+ZNRHostInfo& ZNRHostInfo::operator=(ZNRHostInfo const& other) {
+    if (this == &other) return *this;
+    Clear();
+    host_ = other.host_;
+    service_ = other.service_;
+    CopyAddrs(other);
+    return *this;
+}
+
+ZNRHostInfo::~ZNRHostInfo() { Clear(); }
+
+void ZNRHostInfo::Clear() {
+    for (ZNRNetAddrInfo* addr : *addr_infos_) delete addr;
+    addr_infos_->clear();
+}
+
+void ZNRHostInfo::CopyAddrs(ZNRHostInfo const& other) {
+    addr_infos_->reserve(other.addr_infos_->size());
+    for (ZNRNetAddrInfo const* addr : *other.addr_infos_) {
+        addr_infos_->push_back(new ZNRNetAddrInfo(*addr));
+    }
+}
+
+std::uint64_t ZNRHostInfo::Open(ZNRString const& host, ZNRString const& service, bool ipv6) {
+    Clear();
+    addrinfo hints;
+    std::memset(&hints, 0, sizeof(hints));
+    hints.ai_family = ipv6 ? AF_INET6 : AF_INET;
+    hints.ai_flags = host.empty() ? AI_PASSIVE : AI_CANONNAME;
+    std::string const host_text = host.ToStdCStr();
+    std::string const service_text = service.ToStdCStr();
+    addrinfo* result = nullptr;
+    int const rc = getaddrinfo(host.empty() ? nullptr : host_text.c_str(),
+                               service.empty() ? nullptr : service_text.c_str(), &hints, &result);
+    if (rc != 0) return ResolverError(rc);
+    // Without a socket type the resolver repeats each address once per
+    // socket type; the list keeps each address once.
+    std::uint64_t code = 0;
+    for (addrinfo* p = result; p != nullptr; p = p->ai_next) {
+        unsigned int const len = static_cast<unsigned int>(p->ai_addrlen);
+        bool duplicate = false;
+        for (ZNRNetAddrInfo const* known : *addr_infos_) {
+            if (known->GetAddrLen() == len && std::memcmp(known->GetAddr(), p->ai_addr, len) == 0) {
+                duplicate = true;
+                break;
+            }
+        }
+        if (duplicate) continue;
+        auto* addr = new ZNRNetAddrInfo(p->ai_family == AF_INET6 ? ZNRNetAddrInfo::TYPE_IPV6
+                                                                 : ZNRNetAddrInfo::TYPE_IPV4);
+        code = addr->Open(p->ai_addr, len);
+        if (code != 0) {
+            delete addr;
+            break;
+        }
+        addr_infos_->push_back(addr);
+    }
+    freeaddrinfo(result);
+    if (code != 0) return code;
+    host_ = host;
+    service_ = service;
+    return 0;
+}
+
+// ---------------------------------------------------------------- socket
+
+ZNRSocket::ZNRSocket() : type_(TYPE_NONE), fd_(-1) {}
+
+ZNRSocket::~ZNRSocket() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
+    if (!ValidType(type)) return kUnsupportedType;
+    type_ = type;
+    fd_ = fd;
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Open(Type_t type) {
+    if (!ValidType(type)) return kUnsupportedType;
+    SocketKind const& kind = kSocketKinds[type];
+    int const fd = ::socket(kind.family, kind.type | SOCK_CLOEXEC, kind.protocol);
+    if (fd < 0) return LastSysError();
+    type_ = type;
+    fd_ = fd;
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Bind(ZNRNetAddrInfo const* addr) {
+    if (addr == nullptr || addr->GetAddr() == nullptr) return ZNRSysError(EINVAL);
+    if (::bind(fd_, addr->GetAddr(), addr->GetAddrLen()) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Listen(int backlog) {
+    if (::listen(fd_, backlog) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
+    if (client == nullptr) return ZNRSysError(EINVAL);
+    sockaddr_storage storage;
+    sockaddr* sa = nullptr;
+    socklen_t len = 0;
+    socklen_t peer_len = 0;
+    if (peer != nullptr) {
+        if (type_ != TYPE_TCP_V4 && type_ != TYPE_TCP_V6) return kUnsupportedType;
+        peer_len = kSocketKinds[type_].addr_len;
+        len = peer_len;
+        sa = reinterpret_cast<sockaddr*>(&storage);
+    }
+    // Accepted sockets take on the listener's blocking mode, as callers of
+    // a non-blocking listener expect.
+    int flags = SOCK_CLOEXEC;
+    int const listener_flags = ::fcntl(fd_, F_GETFL);
+    if (listener_flags != -1 && (listener_flags & O_NONBLOCK) != 0) flags |= SOCK_NONBLOCK;
+    int fd;
+    do {
+        fd = ::accept4(fd_, sa, sa != nullptr ? &len : nullptr, flags);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) return LastSysError();
+    if (peer != nullptr) {
+        std::uint64_t const rc = peer->Open(sa, std::min(len, peer_len));
+        if (rc != 0) {
+            ::close(fd);
+            return rc;
+        }
+    }
+    client->type_ = type_;
+    client->fd_ = fd;
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Connect(ZNRNetAddrInfo const* addr) {
+    if (addr == nullptr || addr->GetAddr() == nullptr) return ZNRSysError(EINVAL);
+    if (::connect(fd_, addr->GetAddr(), addr->GetAddrLen()) != 0) return LastSysError();
+    return 0;
+}
+
+int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
+    if (BadLength(buf, len, err)) return -1;
+    // A zero-byte read would look like the peer's shutdown.
+    if (len == 0) return 0;
+    ssize_t n;
+    do {
+        n = ::recv(fd_, buf, static_cast<size_t>(len), 0);
+    } while (n < 0 && errno == EINTR);
+    return RecvResult(n, err);
+}
+
+int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetAddrInfo* from) {
+    if (BadLength(buf, len, err)) return -1;
+    sockaddr_storage storage;
+    sockaddr* sa = nullptr;
+    socklen_t from_len = 0;
+    socklen_t len_in = 0;
+    if (from != nullptr) {
+        if (!ValidType(type_)) {
+            StoreError(err, kUnsupportedType);
+            return -1;
+        }
+        from_len = kSocketKinds[type_].addr_len;
+        len_in = from_len;
+        sa = reinterpret_cast<sockaddr*>(&storage);
+    }
+    ssize_t n;
+    do {
+        n = ::recvfrom(fd_, buf, static_cast<size_t>(len), 0, sa, sa != nullptr ? &len_in : nullptr);
+    } while (n < 0 && errno == EINTR);
+    int const result = RecvResult(n, err);
+    if (result > 0 && from != nullptr) {
+        std::uint64_t const rc = from->Open(sa, std::min(len_in, from_len));
+        if (rc != 0) {
+            StoreError(err, rc);
+            return -1;
+        }
+    }
+    return result;
+}
+
+int ZNRSocket::Send(unsigned char const* buf, int len, std::uint64_t* err) {
+    if (BadLength(buf, len, err)) return -1;
+    ssize_t n;
+    do {
+        n = ::send(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    return SendResult(n, err);
+}
+
+int ZNRSocket::SendTo(unsigned char const* buf, int len, std::uint64_t* err,
+                      ZNRNetAddrInfo const* to) {
+    if (BadLength(buf, len, err)) return -1;
+    sockaddr const* sa = to != nullptr ? to->GetAddr() : nullptr;
+    socklen_t const sa_len = sa != nullptr ? to->GetAddrLen() : 0;
+    ssize_t n;
+    do {
+        n = ::sendto(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL, sa, sa_len);
+    } while (n < 0 && errno == EINTR);
+    return SendResult(n, err);
+}
+
+std::uint64_t ZNRSocket::CloseRecv() {
+    if (::shutdown(fd_, SHUT_RD) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocket::CloseSend() {
+    if (::shutdown(fd_, SHUT_WR) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Close() {
+    if (fd_ < 0) return ZNRSysError(EBADF);
+    // Linux releases the descriptor even when close reports an error, so
+    // it is forgotten either way: closing it again could hit a reused one.
+    int const rc = ::close(fd_);
+    int const saved = errno;
+    fd_ = -1;
+    return rc != 0 ? ZNRSysError(saved) : 0;
+}
+
+std::uint64_t ZNRSocket::NonBlock(bool on) {
+    int value = on ? 1 : 0;
+    if (::ioctl(fd_, FIONBIO, &value) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocket::ReuseAddress(bool on) { return SetIntOption(fd_, SO_REUSEADDR, on ? 1 : 0); }
+
+std::uint64_t ZNRSocket::GetSendBufferSize(long* size) { return GetIntOption(fd_, SO_SNDBUF, size); }
+
+std::uint64_t ZNRSocket::SetSendBufferSize(long size) {
+    return SetIntOption(fd_, SO_SNDBUF, static_cast<int>(size));
+}
+
+std::uint64_t ZNRSocket::GetRecvBufferSize(long* size) { return GetIntOption(fd_, SO_RCVBUF, size); }
+
+std::uint64_t ZNRSocket::SetRecvBufferSize(long size) {
+    return SetIntOption(fd_, SO_RCVBUF, static_cast<int>(size));
+}
+
+std::uint64_t ZNRSocket::SetRecvTimeout(unsigned int ms) { return SetTimeOption(fd_, SO_RCVTIMEO, ms); }
+
+std::uint64_t ZNRSocket::GetRecvTimeout(unsigned int* ms) { return GetTimeOption(fd_, SO_RCVTIMEO, ms); }
+
+std::uint64_t ZNRSocket::SetSendTimeout(unsigned int ms) { return SetTimeOption(fd_, SO_SNDTIMEO, ms); }
+
+std::uint64_t ZNRSocket::GetSendTimeout(unsigned int* ms) { return GetTimeOption(fd_, SO_SNDTIMEO, ms); }
+
+std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
+    int value = 0;
+    socklen_t len = sizeof(value);
+    if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &value, &len) != 0) return LastSysError();
+    StoreError(err, ZNRSysError(value));
+    return 0;
+}
+
+std::uint64_t ZNRSocket::GetLocalInfo(ZNRNetAddrInfo* addr) {
+    if (!ValidType(type_)) return kUnsupportedType;
+    if (addr == nullptr) return ZNRSysError(EINVAL);
+    sockaddr_storage storage;
+    socklen_t const want = kSocketKinds[type_].addr_len;
+    socklen_t len = want;
+    auto* sa = reinterpret_cast<sockaddr*>(&storage);
+    if (::getsockname(fd_, sa, &len) != 0) return LastSysError();
+    return addr->Open(sa, std::min(len, want));
+}

@@ -1,0 +1,367 @@
+#include <plexa/znr-string.h>
+
+#include "znr-text-codec.h"
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+char const kDefaultLocaleName[] = "chs";
+std::size_t const kTemplLimit = 4096;
+
+// Building a std::locale by name is slow and throws for names the machine
+// lacks (always so for "chs"), so each name is resolved once per process.
+std::locale const& LocaleByName(std::string const& name) {
+    static std::mutex mutex;
+    static std::map<std::string, std::unique_ptr<std::locale>>* cache =
+        new std::map<std::string, std::unique_ptr<std::locale>>();
+    std::lock_guard<std::mutex> guard(mutex);
+    auto it = cache->find(name);
+    if (it != cache->end()) return *it->second;
+    std::unique_ptr<std::locale> locale;
+    try {
+        locale.reset(new std::locale(name.c_str()));
+    } catch (...) {
+        locale.reset(new std::locale(std::locale::classic()));
+    }
+    return *cache->emplace(name, std::move(locale)).first->second;
+}
+
+std::locale const& DefaultLocale() {
+    static std::locale const& locale = LocaleByName(kDefaultLocaleName);
+    return locale;
+}
+
+std::string LocaleCharset(std::string const& locale_name) {
+    return ZNRTextCodec::CharsetOfLocale(locale_name.c_str());
+}
+
+ZNRStdWString UnitsFromBytes(std::string const& bytes) {
+    ZNRStdWString units(bytes.size() / 2, 0);
+    if (!units.empty()) std::memcpy(&units[0], bytes.data(), units.size() * 2);
+    return units;
+}
+
+std::size_t UnitLength(unsigned short const* s) {
+    std::size_t n = 0;
+    while (s[n] != 0) ++n;
+    return n;
+}
+
+ZNRStdWString const& Units(ZNRString const& s) { return s; }
+
+}  // namespace
+
+ZNRString::ZNRString() : locale_(new std::locale(DefaultLocale())) {
+    locale_name_->assign(kDefaultLocaleName);
+}
+
+ZNRString::ZNRString(unsigned short const* s, char const* locale_name) : locale_(nullptr) {
+    SetLocale(locale_name);
+    if (s != nullptr) str_->assign(s);
+}
+
+ZNRString::ZNRString(char16_t const* s, char const* locale_name)
+    : ZNRString(reinterpret_cast<unsigned short const*>(s), locale_name) {}
+
+ZNRString::ZNRString(ZNRStdWString const& s, char const* locale_name) : locale_(nullptr) {
+    SetLocale(locale_name);
+    str_->assign(s);
+}
+
+ZNRString::ZNRString(unsigned short ch, char const* locale_name) : locale_(nullptr) {
+    SetLocale(locale_name);
+    str_->assign(1, ch);
+}
+
+ZNRString::ZNRString(char const* s, char const* locale_name) : locale_(nullptr) {
+    SetLocale(locale_name);
+    if (s != nullptr) {
+        std::unique_ptr<unsigned short[]> units(MBSToWCS(s));
+        str_->assign(units.get());
+    }
+}
+
+ZNRString::ZNRString(std::string const& s, char const* locale_name) : locale_(nullptr) {
+    SetLocale(locale_name);
+    std::unique_ptr<unsigned short[]> units(MBSToWCS(s.c_str()));
+    str_->assign(units.get());
+}
+
+ZNRString::ZNRString(char ch, char const* locale_name) : locale_(nullptr) {
+    SetLocale(locale_name);
+    wchar_t wide = std::use_facet<std::ctype<wchar_t>>(*locale_).widen(ch);
+    // A byte the locale cannot widen on its own keeps its value.
+    if (static_cast<unsigned long>(wide) > 0xFFFFu) wide = static_cast<unsigned char>(ch);
+    str_->assign(1, static_cast<unsigned short>(wide));
+}
+
+ZNRString::ZNRString(ZNRString const& other)
+    : str_(other.str_), locale_(new std::locale(*other.locale_)), locale_name_(other.locale_name_) {}
+
+ZNRString::~ZNRString() { delete locale_; }
+
+ZNRString& ZNRString::operator=(ZNRString const& other) {
+    if (this == &other) {
+        std::fprintf(stderr, "Same string object use operator=, string_context=\"%s\"",
+                     ToStdCStr().c_str());
+        return *this;
+    }
+    *locale_ = *other.locale_;
+    locale_name_->assign(*other.locale_name_);
+    str_->assign(*other.str_);
+    return *this;
+}
+
+ZNRString& ZNRString::operator=(unsigned short const* s) {
+    SetLocale(kDefaultLocaleName);
+    if (s == nullptr) {
+        str_->clear();
+    } else {
+        str_->assign(s);
+    }
+    return *this;
+}
+
+ZNRString& ZNRString::operator=(unsigned short ch) {
+    SetLocale(kDefaultLocaleName);
+    str_->assign(1, ch);
+    return *this;
+}
+
+void ZNRString::swap(ZNRString& other) {
+    str_->swap(*other.str_);
+    std::swap(locale_, other.locale_);
+    locale_name_->swap(*other.locale_name_);
+}
+
+ZNRString ZNRString::substr(size_type pos, size_type n) const {
+    return ZNRString(str_->substr(pos, Std(n)), kDefaultLocaleName);
+}
+
+ZNRString& ZNRString::ToLower() {
+    std::ctype<wchar_t> const& ctype = std::use_facet<std::ctype<wchar_t>>(*locale_);
+    for (unsigned short& unit : *str_) unit = static_cast<unsigned short>(ctype.tolower(static_cast<wchar_t>(unit)));
+    return *this;
+}
+
+ZNRString& ZNRString::ToUpper() {
+    std::ctype<wchar_t> const& ctype = std::use_facet<std::ctype<wchar_t>>(*locale_);
+    for (unsigned short& unit : *str_) unit = static_cast<unsigned short>(ctype.toupper(static_cast<wchar_t>(unit)));
+    return *this;
+}
+
+bool ZNRString::IgnCaseCompare(ZNRString const& other) const {
+    ZNRString a(*this);
+    ZNRString b(other);
+    return Units(a.ToLower()) == Units(b.ToLower());
+}
+
+bool ZNRString::StartsWith(ZNRString const& prefix) const {
+    return str_->compare(0, prefix.str_->size(), *prefix.str_) == 0;
+}
+
+bool ZNRString::EndsWith(ZNRString const& suffix) const {
+    if (suffix.str_->size() > str_->size()) return false;
+    return str_->compare(str_->size() - suffix.str_->size(), suffix.str_->size(), *suffix.str_) == 0;
+}
+
+ZNRString& ZNRString::Trim(unsigned short ch, TrimType_t type) {
+    if (type != TRIM_LEFT && type != TRIM_RIGHT && type != TRIM_BOTH) return *this;
+    if (type == TRIM_LEFT || type == TRIM_BOTH) {
+        std::size_t run = str_->find_first_not_of(ch);
+        // An all-ch string keeps its start: the trailing trim alone empties it.
+        if (run != ZNRStdWString::npos) str_->erase(0, run);
+    }
+    if (type == TRIM_RIGHT || type == TRIM_BOTH) {
+        std::size_t last = str_->find_last_not_of(ch);
+        str_->erase(last == ZNRStdWString::npos ? 0 : last + 1);
+    }
+    return *this;
+}
+
+void ZNRString::Split(ZNRString const& separators, std::vector<ZNRString>* out) const {
+    // Tokenised like the C runtime's wcstok over a terminated copy: the text
+    // ends at its first zero unit and a zero unit never separates.
+    ZNRStdWString const& text = *str_;
+    ZNRStdWString delims = *separators.str_;
+    std::size_t zero = delims.find(static_cast<unsigned short>(0));
+    if (zero != ZNRStdWString::npos) delims.erase(zero);
+    std::size_t end = text.find(static_cast<unsigned short>(0));
+    if (end == ZNRStdWString::npos) end = text.size();
+    std::size_t pos = 0;
+    while (pos < end) {
+        std::size_t start = text.find_first_not_of(delims, pos);
+        if (start == ZNRStdWString::npos || start >= end) break;
+        std::size_t stop = text.find_first_of(delims, start);
+        if (stop == ZNRStdWString::npos || stop > end) stop = end;
+        out->push_back(ZNRString(text.substr(start, stop - start), kDefaultLocaleName));
+        pos = stop;
+    }
+}
+
+std::string ZNRString::ToStdCStr() const {
+    std::unique_ptr<char[]> narrow(WCSToMBS(str_->c_str()));
+    return std::string(narrow.get());
+}
+
+bool ZNRString::ToUtf8Str(std::string* out) const {
+    std::string utf8;
+    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), ZNRTextCodec::Utf8Charset(),
+                               str_->data(), str_->size() * 2, &utf8)) {
+        return false;
+    }
+    out->swap(utf8);
+    return true;
+}
+
+bool ZNRString::NewFromUtf8Str(std::string const& in) {
+    std::string bytes;
+    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf8Charset(), ZNRTextCodec::Utf16Charset(),
+                               in.data(), in.size(), &bytes)) {
+        return false;
+    }
+    str_->assign(UnitsFromBytes(bytes));
+    return true;
+}
+
+bool ZNRString::IsUTF8() const {
+    std::unique_ptr<char[]> narrow(WCSToMBS(str_->c_str()));
+    unsigned char const* p = reinterpret_cast<unsigned char const*>(narrow.get());
+    while (*p != 0) {
+        int follow;
+        if (*p < 0x80) {
+            follow = 0;
+        } else if (*p < 0xC0) {
+            return false;
+        } else if (*p < 0xE0) {
+            follow = 1;
+        } else if (*p < 0xF0) {
+            follow = 2;
+        } else {
+            return false;
+        }
+        ++p;
+        // A sequence cut off by the end of the text still counts as valid.
+        for (; follow > 0 && *p != 0; --follow, ++p) {
+            if ((*p & 0xC0) != 0x80) return false;
+        }
+    }
+    return true;
+}
+
+ZNRString& ZNRString::NewFromTempl(unsigned short const* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    VNewFromTempl(fmt, args);
+    va_end(args);
+    return *this;
+}
+
+ZNRString& ZNRString::NewFromTempl(char const* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    VNewFromTempl(fmt, args);
+    va_end(args);
+    return *this;
+}
+
+ZNRString& ZNRString::VNewFromTempl(unsigned short const* fmt, va_list args) {
+    if (fmt == nullptr) {
+        str_->clear();
+        return *this;
+    }
+    std::unique_ptr<char[]> narrow(WCSToMBS(fmt));
+    return VNewFromTempl(narrow.get(), args);
+}
+
+ZNRString& ZNRString::VNewFromTempl(char const* fmt, va_list args) {
+    if (fmt == nullptr) {
+        str_->clear();
+        return *this;
+    }
+    // One byte more than the limit, all zero, so a cut result stays terminated.
+    std::unique_ptr<char[]> buffer(new char[kTemplLimit + 1]());
+    std::vsnprintf(buffer.get(), kTemplLimit + 1, fmt, args);
+    std::unique_ptr<unsigned short[]> units(MBSToWCS(buffer.get()));
+    str_->assign(units.get());
+    return *this;
+}
+
+ZNRString& ZNRString::AppendFromTempl(unsigned short const* fmt, ...) {
+    ZNRString part(static_cast<unsigned short const*>(nullptr), locale_name_->c_str());
+    va_list args;
+    va_start(args, fmt);
+    part.VNewFromTempl(fmt, args);
+    va_end(args);
+    str_->append(*part.str_);
+    return *this;
+}
+
+ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
+    ZNRString part(static_cast<unsigned short const*>(nullptr), locale_name_->c_str());
+    va_list args;
+    va_start(args, fmt);
+    part.VNewFromTempl(fmt, args);
+    va_end(args);
+    str_->append(*part.str_);
+    return *this;
+}
+
+unsigned short* ZNRString::MBSToWCS(char const* s) const {
+    std::size_t length = s == nullptr ? 0 : std::strlen(s);
+    std::string bytes;
+    bool ok = ZNRTextCodec::Convert(LocaleCharset(*locale_name_).c_str(), ZNRTextCodec::Utf16Charset(),
+                                    s, length, &bytes);
+    if (!ok) {
+        std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
+                     locale_name_->c_str());
+    }
+    std::size_t units = bytes.size() / 2;
+    unsigned short* wide = new unsigned short[(units > length ? units : length) + 1]();
+    if (units > 0) std::memcpy(wide, bytes.data(), units * 2);
+    return wide;
+}
+
+char* ZNRString::WCSToMBS(unsigned short const* s) const {
+    std::size_t length = s == nullptr ? 0 : UnitLength(s);
+    std::string bytes;
+    bool ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), LocaleCharset(*locale_name_).c_str(),
+                                    s, length * 2, &bytes);
+    if (!ok) {
+        std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
+                     locale_name_->c_str());
+    }
+    std::size_t size = length * 5 + 5;
+    if (bytes.size() >= size) size = bytes.size() + 1;
+    char* narrow = new char[size]();
+    if (!bytes.empty()) std::memcpy(narrow, bytes.data(), bytes.size());
+    return narrow;
+}
+
+void ZNRString::SetLocale(char const* name) {
+    std::string locale_name(name == nullptr ? "" : name);
+    std::locale const& locale = LocaleByName(locale_name);
+    if (locale_ == nullptr) {
+        locale_ = new std::locale(locale);
+    } else {
+        *locale_ = locale;
+    }
+    locale_name_->swap(locale_name);
+}
+
+bool operator==(ZNRString const& a, ZNRString const& b) { return Units(a) == Units(b); }
+
+bool operator!=(ZNRString const& a, ZNRString const& b) { return !(a == b); }
+
+bool operator<(ZNRString const& a, ZNRString const& b) { return Units(a) < Units(b); }
+
+ZNRString operator+(ZNRString const& a, ZNRString const& b) {
+    ZNRString sum(a);
+    sum += b;
+    return sum;
+}

@@ -1,0 +1,32 @@
+#ifndef PLEXA_SRC_ZNR_THREAD_PLATFORM_H
+#define PLEXA_SRC_ZNR_THREAD_PLATFORM_H
+
+#include <cstdint>
+
+// The platform's view of one thread: a thread started here, or a thread
+// started elsewhere and adopted by the thread manager.
+struct ZNRThreadHandle;
+
+// Starts body(arg) on a new thread. A priority other than normal (see
+// ZNRThread::Priority_t) is applied by the new thread before body runs; if
+// that fails, body never runs, the thread is reaped and the error returned.
+std::uint64_t ZNRPlatformThreadCreate(void (*body)(void*), void* arg, int priority,
+                                      ZNRThreadHandle** handle);
+
+// Waits for the thread to end, stores its exit code and frees the handle.
+// On failure the handle stays valid. A null handle is "no such thread".
+std::uint64_t ZNRPlatformThreadJoin(ZNRThreadHandle* handle, long* exit_code);
+
+// Frees a handle without waiting; a started thread is left to end alone.
+void ZNRPlatformThreadRelease(ZNRThreadHandle* handle);
+
+// A handle on the calling thread, which the library did not start. Waiting
+// on it returns once that thread has ended (exit code 0).
+ZNRThreadHandle* ZNRPlatformThreadAdoptCurrent(std::uint64_t* error);
+
+// Names the calling thread for debuggers and tools.
+void ZNRPlatformThreadSetName(char const* name);
+
+[[noreturn]] void ZNRPlatformThreadExit(long code);
+
+#endif
