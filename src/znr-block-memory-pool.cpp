@@ -183,6 +183,11 @@ std::uint64_t ZNRBlockMemoryPool::Free(void* p) {
     Block const block = static_cast<Block>(p);
     for (auto& entry : *classes_) {
         BlockList* const list = entry.second.block_list;
+        // The ends of an ordered map are at hand: most classes are ruled
+        // out without a search.
+        if (list->used_blocks.empty() || ByAddress()(block, list->used_blocks.begin()->first) ||
+            ByAddress()(list->used_blocks.rbegin()->first, block))
+            continue;
         auto used = list->used_blocks.find(block);
         if (used == list->used_blocks.end()) continue;
         list->used_blocks.erase(used);

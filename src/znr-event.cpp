@@ -18,7 +18,7 @@ void ZNREvent::Reset() {
     set_ = false;
 }
 
-bool ZNREvent::Wait(int timeout_ms) {
+bool ZNREvent::Wait(std::int64_t timeout_ms) {
     std::unique_lock<std::mutex> lock(mutex_);
     auto is_set = [this] { return set_; };
     if (timeout_ms < 0) {

@@ -2,6 +2,7 @@
 #define PLEXA_SRC_ZNR_EVENT_H
 
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
 // A settable event: a manual-reset one stays set until Reset, an automatic
@@ -14,7 +15,7 @@ public:
     void Set();
     void Reset();
     // Negative timeout waits without limit. True when the event was set.
-    bool Wait(int timeout_ms);
+    bool Wait(std::int64_t timeout_ms);
 
 private:
     std::mutex mutex_;

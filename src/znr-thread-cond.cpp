@@ -23,7 +23,7 @@ std::uint64_t ZNRThreadCond::Signal() {
 int ZNRThreadCond::Wait(int timeout_seconds, void* check_arg, void* fetch_arg, void** result,
                         std::uint64_t* /*error*/) {
     ZNRGuardLock guard(mutex_);
-    int const wait_ms = timeout_seconds < 0 ? -1 : timeout_seconds * 1000;
+    std::int64_t const wait_ms = timeout_seconds < 0 ? -1 : std::int64_t{timeout_seconds} * 1000;
     while (!OnCheckCond(check_arg)) {
         mutex_->Unlock();
         bool const signalled = event_->Wait(wait_ms);

@@ -116,10 +116,11 @@ ZNRThreadMgr::ZNRThreadMgr() : adopted_(nullptr) {
 }
 
 ZNRThreadMgr::~ZNRThreadMgr() {
-    // The adopted object unregisters itself through Instance(), which still
+    ZNRThread* adopted = adopted_;
+    Remove(adopted);
+    // Its destructor unregisters once more through Instance(), which still
     // answers with this manager while the singleton is being destroyed.
-    Remove(adopted_);
-    delete adopted_;
+    delete adopted;
 }
 
 void ZNRThreadMgr::Add(ZNRThread* thread) {
@@ -128,9 +129,15 @@ void ZNRThreadMgr::Add(ZNRThread* thread) {
 }
 
 void ZNRThreadMgr::Remove(ZNRThread* thread) {
-    ZNRGuardLock guard(&lock_);
-    auto it = std::find(threads_->begin(), threads_->end(), thread);
-    if (it != threads_->end()) threads_->erase(it);
+    {
+        ZNRGuardLock guard(&lock_);
+        auto it = std::find(threads_->begin(), threads_->end(), thread);
+        if (it != threads_->end()) threads_->erase(it);
+        if (adopted_ == thread) adopted_ = nullptr;
+    }
+    // A thread dropping its own object gets a fresh one from GetCurrent.
+    void* value = nullptr;
+    if (current_.Get(&value) == 0 && value == thread) current_.Set(nullptr);
 }
 
 void ZNRThreadMgr::SetCurrent(ZNRThread* thread) {
@@ -146,7 +153,10 @@ ZNRThread* ZNRThreadMgr::GetCurrent() {
     if (value != nullptr) return static_cast<ZNRThread*>(value);
 
     ZNRThread* thread = new ZNRThread(nullptr);
-    adopted_ = thread;
+    {
+        ZNRGuardLock guard(&lock_);
+        adopted_ = thread;
+    }
     std::uint64_t error = 0;
     ZNRThreadHandle* handle = ZNRPlatformThreadAdoptCurrent(&error);
     if (error != 0) {

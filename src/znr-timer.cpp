@@ -166,6 +166,6 @@ void ZNRTimerMgr::Trace() {
     for (std::uint32_t i = 0; i < slot_count_; ++i) {
         if (slots_[i] != nullptr) load[i] = static_cast<unsigned int>(slots_[i]->size());
     }
-    ZNR_LOG(DEBUG, "Timer manager, size=%u slots=%u,%u,%u,%u,%u,%u,%u", Size(), load[0], load[1],
-            load[2], load[3], load[4], load[5], load[6]);
+    ZNR_LOG(DEBUG, "Timer manager, bits=%u shift=%u size=%u slots=%u,%u,%u,%u,%u,%u,%u", bits_,
+            shift_, Size(), load[0], load[1], load[2], load[3], load[4], load[5], load[6]);
 }

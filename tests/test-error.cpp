@@ -30,16 +30,6 @@ TEST(ErrorMsg, TextsOfEveryKind) {
     EXPECT_EQ("", MsgOf(ZNR_ERROR_FAILED_ID));
 }
 
-TEST(ErrorMsg, CodeLayout) {
-    EXPECT_EQ(0x4000000100000068ULL, ZNRSysError(104));
-    EXPECT_EQ(0x8000000100000012ULL, ZNRUserError(18));
-    EXPECT_EQ(0x0000000100000002ULL, ZNRCrtError(2));
-    EXPECT_EQ(2u, ZNRErrorKind(ZNRUserError(1)));
-    EXPECT_EQ(3u, ZNRErrorKind(ZNR_ERROR_FAILED_ID));
-    EXPECT_EQ(0x3FFFFFFFu, ZNRErrorDomain(ZNR_ERROR_FAILED_ID));
-    EXPECT_EQ(1u, ZNRErrorDomain(ZNRSysError(5)));
-}
-
 TEST(Init, ReturnsZeroEveryTimeAndVersionIsDotted) {
     EXPECT_EQ(0u, ZNRInit());
     EXPECT_EQ(0u, ZNRInit());

@@ -46,6 +46,8 @@ int ReservingAdapter::created = 0;
 
 TEST(Singleton, RacingFirstUseGivesOneInstanceAndDestroyRenews) {
     constexpr int kThreads = 16;
+    g_constructed = 0;
+    g_destroyed = 0;
     std::atomic<bool> go{false};
     std::vector<SlowService*> seen(kThreads, nullptr);
     std::vector<std::thread> threads;

@@ -15,6 +15,29 @@ auto OnOtherThread(F f) {
     return std::async(std::launch::async, f).get();
 }
 
+// Whether another thread can take the lock right now; it lets go at once.
+bool OtherCanLock(ZNRThreadMutex& m) {
+    return OnOtherThread([&] {
+        bool got = m.Trylock();
+        if (got) m.Unlock();
+        return got;
+    });
+}
+bool OtherCanRead(ZNRThreadRWMutex& rw) {
+    return OnOtherThread([&] {
+        bool got = rw.TrylockRead();
+        if (got) rw.Unlock();
+        return got;
+    });
+}
+bool OtherCanWrite(ZNRThreadRWMutex& rw) {
+    return OnOtherThread([&] {
+        bool got = rw.TrylockWrite();
+        if (got) rw.Unlock();
+        return got;
+    });
+}
+
 // Takes a lock on a thread of its own and releases it there on demand, so
 // that locks owned by a thread are also released by it.
 class Holder {
@@ -70,68 +93,49 @@ TEST(ThreadMutex, RecursiveOwnerAndExclusiveOthers) {
     ZNRThreadMutex m;
     m.Lock();
     EXPECT_TRUE(m.Trylock());
-    EXPECT_FALSE(OnOtherThread([&] { return m.Trylock(); }));
+    EXPECT_FALSE(OtherCanLock(m));
     m.Unlock();
     // Still held once: another thread must not get it yet.
-    EXPECT_FALSE(OnOtherThread([&] { return m.Trylock(); }));
+    EXPECT_FALSE(OtherCanLock(m));
     m.Unlock();
-    EXPECT_TRUE(OnOtherThread([&] {
-        bool got = m.Trylock();
-        if (got) m.Unlock();
-        return got;
-    }));
+    EXPECT_TRUE(OtherCanLock(m));
     EXPECT_NE(nullptr, m.GetFd());
 
     {
         ZNRGuardLock outer(&m);
         ZNRGuardSpinLock inner(&m, __FILE__, __LINE__);
-        EXPECT_FALSE(OnOtherThread([&] { return m.Trylock(); }));
+        EXPECT_FALSE(OtherCanLock(m));
     }
-    EXPECT_TRUE(OnOtherThread([&] {
-        bool got = m.Trylock();
-        if (got) m.Unlock();
-        return got;
-    }));
+    EXPECT_TRUE(OtherCanLock(m));
 }
 
 TEST(ThreadRWMutex, ReadersShareAndKeepWritersOut) {
     ZNRThreadRWMutex rw;
-    auto try_write = [&] {
-        bool got = rw.TrylockWrite();
-        if (got) rw.Unlock();
-        return got;
-    };
-    auto try_read = [&] {
-        bool got = rw.TrylockRead();
-        if (got) rw.Unlock();
-        return got;
-    };
-
     rw.LockRead();
     Holder second_reader([&] { EXPECT_TRUE(rw.TrylockRead()); }, [&] { rw.Unlock(); });
     second_reader.WaitTaken();
-    EXPECT_FALSE(OnOtherThread(try_write));
+    EXPECT_FALSE(OtherCanWrite(rw));
     rw.Unlock();
     // One reader left.
-    EXPECT_FALSE(OnOtherThread(try_write));
-    EXPECT_TRUE(OnOtherThread(try_read));
+    EXPECT_FALSE(OtherCanWrite(rw));
+    EXPECT_TRUE(OtherCanRead(rw));
     second_reader.Release();
-    EXPECT_TRUE(OnOtherThread(try_write));
+    EXPECT_TRUE(OtherCanWrite(rw));
 
     // A writer keeps both readers and other writers out until it unlocks.
     Holder writer([&] { EXPECT_TRUE(rw.TrylockWrite()); }, [&] { rw.Unlock(); });
     writer.WaitTaken();
-    EXPECT_FALSE(OnOtherThread(try_read));
-    EXPECT_FALSE(OnOtherThread(try_write));
+    EXPECT_FALSE(OtherCanRead(rw));
+    EXPECT_FALSE(OtherCanWrite(rw));
     writer.Release();
-    EXPECT_TRUE(OnOtherThread(try_read));
+    EXPECT_TRUE(OtherCanRead(rw));
     // Read, then write, then read again on one thread.
     rw.LockRead();
     rw.Unlock();
     rw.LockWrite();
     rw.Unlock();
-    EXPECT_TRUE(OnOtherThread(try_read));
-    EXPECT_TRUE(OnOtherThread(try_write));
+    EXPECT_TRUE(OtherCanRead(rw));
+    EXPECT_TRUE(OtherCanWrite(rw));
 }
 
 TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
@@ -144,16 +148,12 @@ TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
     Holder writer([&] { rw.LockWrite(); }, [&] { rw.Unlock(); });
     EXPECT_FALSE(writer.IsTaken());
     // A waiting writer does not hold readers back.
-    EXPECT_TRUE(OnOtherThread([&] {
-        bool got = rw.TrylockRead();
-        if (got) rw.Unlock();
-        return got;
-    }));
+    EXPECT_TRUE(OtherCanRead(rw));
     reader1.Release();
     EXPECT_FALSE(writer.IsTaken());
     reader2.Release();
     writer.WaitTaken();
-    EXPECT_FALSE(OnOtherThread([&] { return rw.TrylockRead(); }));
+    EXPECT_FALSE(OtherCanRead(rw));
 
     // A blocking reader gets in once the writer leaves.
     Holder late_reader([&] { rw.LockRead(); }, [&] { rw.Unlock(); });
@@ -161,52 +161,34 @@ TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
     writer.Release();
     late_reader.WaitTaken();
     late_reader.Release();
-    EXPECT_TRUE(OnOtherThread([&] {
-        bool got = rw.TrylockWrite();
-        if (got) rw.Unlock();
-        return got;
-    }));
+    EXPECT_TRUE(OtherCanWrite(rw));
 }
 
 TEST(ThreadRWMutex, GuardsReleaseOnScopeExit) {
     ZNRThreadRWMutex rw;
-    auto can_write = [&] {
-        return OnOtherThread([&] {
-            bool got = rw.TrylockWrite();
-            if (got) rw.Unlock();
-            return got;
-        });
-    };
-    auto can_read = [&] {
-        return OnOtherThread([&] {
-            bool got = rw.TrylockRead();
-            if (got) rw.Unlock();
-            return got;
-        });
-    };
     {
         ZNRGuardReadLock g(&rw);
-        EXPECT_FALSE(can_write());
-        EXPECT_TRUE(can_read());
+        EXPECT_FALSE(OtherCanWrite(rw));
+        EXPECT_TRUE(OtherCanRead(rw));
     }
-    EXPECT_TRUE(can_write());
+    EXPECT_TRUE(OtherCanWrite(rw));
     {
         ZNRGuardReadSpinLock g(&rw, __FILE__, __LINE__);
-        EXPECT_FALSE(can_write());
+        EXPECT_FALSE(OtherCanWrite(rw));
     }
-    EXPECT_TRUE(can_write());
+    EXPECT_TRUE(OtherCanWrite(rw));
     {
         ZNRGuardWriteLock g(&rw);
-        EXPECT_FALSE(can_read());
-        EXPECT_FALSE(can_write());
+        EXPECT_FALSE(OtherCanRead(rw));
+        EXPECT_FALSE(OtherCanWrite(rw));
     }
-    EXPECT_TRUE(can_read());
+    EXPECT_TRUE(OtherCanRead(rw));
     {
         ZNRGuardWriteSpinLock g(&rw, __FILE__, __LINE__);
-        EXPECT_FALSE(can_read());
+        EXPECT_FALSE(OtherCanRead(rw));
     }
-    EXPECT_TRUE(can_read());
-    EXPECT_TRUE(can_write());
+    EXPECT_TRUE(OtherCanRead(rw));
+    EXPECT_TRUE(OtherCanWrite(rw));
 }
 
 TEST(ThreadCond, TimeoutAndConditionAlreadyTrue) {
@@ -241,11 +223,7 @@ TEST(ThreadCond, TimeoutAndConditionAlreadyTrue) {
     EXPECT_EQ(1, cond.handled);
     EXPECT_EQ(1, cond.Wait(-1, nullptr, nullptr, nullptr, nullptr));
     // The mutex is free again after every return.
-    EXPECT_TRUE(OnOtherThread([&] {
-        bool got = m.Trylock();
-        if (got) m.Unlock();
-        return got;
-    }));
+    EXPECT_TRUE(OtherCanLock(m));
 }
 
 TEST(ThreadCond, SignalFromAnotherThreadWakesWaiter) {

@@ -22,8 +22,11 @@ public:
 
     bool OnExpires(std::uint64_t) override {
         log_->push_back(name_ + ":expires");
-        if (on_expires) on_expires();
-        return keep_;
+        // The hook may delete this timer: nothing of it is used afterwards.
+        bool const keep = keep_;
+        std::function<void()> hook = on_expires;
+        if (hook) hook();
+        return keep;
     }
     void OnReset() override { log_->push_back(name_ + ":reset"); }
     void OnClose() override {
@@ -42,6 +45,17 @@ private:
 
 // Timers the manager has detached are still ours to free.
 void Free(RecTimer* timer) { delete timer; }
+
+// Arms the timers on a fresh manager, again until their expiries tie.
+ZNRTimerMgr* ArmTogether(std::vector<RecTimer*> const& timers) {
+    for (;;) {
+        ZNRTimerMgr* mgr = new ZNRTimerMgr();
+        for (RecTimer* t : timers) mgr->AddTimer(t);
+        if (timers.front()->GetExpiry() == timers.back()->GetExpiry()) return mgr;
+        mgr->RemoveAll();
+        mgr->Destroy();
+    }
+}
 
 void WaitUntilTick(std::uint64_t tick) {
     while (ZNRGetSysTick() < tick) ZNRSleep(1);
@@ -79,23 +93,10 @@ TEST(TimerMgr, RepeatLimitFiresThenClosesAndDestroys) {
 
 TEST(TimerMgr, EqualExpiriesKeepInsertionOrderAndCallbackOrder) {
     Log log;
-    ZNRTimerMgr* mgr = nullptr;
-    std::vector<RecTimer*> t;
-    // Retry until the three land in the same millisecond.
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        if (mgr != nullptr) {
-            mgr->RemoveAll();
-            for (RecTimer* timer : t) Free(timer);
-            mgr->Destroy();
-        }
-        mgr = new ZNRTimerMgr();
-        t = {new RecTimer("a", &log, 0, ZNRTimer::REPEAT_FOREVER),
-             new RecTimer("b", &log, 0, ZNRTimer::REPEAT_FOREVER, false),
-             new RecTimer("c", &log, 0, 1)};
-        for (RecTimer* timer : t) mgr->AddTimer(timer);
-        if (t[0]->GetExpiry() == t[2]->GetExpiry()) break;
-    }
-    ASSERT_EQ(t[0]->GetExpiry(), t[2]->GetExpiry());
+    std::vector<RecTimer*> t{new RecTimer("a", &log, 0, ZNRTimer::REPEAT_FOREVER),
+                             new RecTimer("b", &log, 0, ZNRTimer::REPEAT_FOREVER, false),
+                             new RecTimer("c", &log, 0, 1)};
+    ZNRTimerMgr* mgr = ArmTogether(t);
     EXPECT_EQ(t[0]->GetId(), 1u);
     EXPECT_EQ(t[2]->GetId(), 3u);
 
@@ -152,14 +153,16 @@ TEST(TimerMgr, ReArmsFromPreviousExpiryNotFromNow) {
     EXPECT_EQ(mgr->ScheduleTimers(e + 4), 1u);
     EXPECT_EQ(t->GetExpiry(), e + 8);
 
+    mgr->RemoveTimer(t->GetId());
+    Free(t);
+
     // A far-future timer in the examined slot stops the walk.
     RecTimer* later = new RecTimer("later", &log, 100000000, 1);
     mgr->AddTimer(later);
     EXPECT_EQ(mgr->ScheduleTimers(later->GetExpiry()), 0u);
     EXPECT_EQ(log, (Log{"a:expires", "a:reset", "a:expires", "a:reset"}));
-    EXPECT_EQ(mgr->Size(), 2u);
+    EXPECT_EQ(mgr->Size(), 1u);
     mgr->RemoveAll();
-    Free(t);
     Free(later);
     mgr->Destroy();
 }
@@ -199,29 +202,11 @@ TEST(TimerMgr, RemovedTimersAreNeverCalledNorDestroyed) {
 
 TEST(TimerMgr, RemovingInsideAWalkIsSafe) {
     Log log;
-    ZNRTimerMgr* mgr = nullptr;
-    RecTimer *a = nullptr, *b = nullptr, *c = nullptr;
-    for (int attempt = 0; attempt < 1000; ++attempt) {
-        if (mgr != nullptr) {
-            mgr->RemoveAll();
-            Free(a);
-            Free(b);
-            Free(c);
-            mgr->Destroy();
-        }
-        mgr = new ZNRTimerMgr();
-        a = new RecTimer("a", &log, 0, ZNRTimer::REPEAT_FOREVER);
-        b = new RecTimer("b", &log, 0, ZNRTimer::REPEAT_FOREVER);
-        c = new RecTimer("c", &log, 0, ZNRTimer::REPEAT_FOREVER);
-        mgr->AddTimer(a);
-        mgr->AddTimer(b);
-        mgr->AddTimer(c);
-        if (a->GetExpiry() == c->GetExpiry()) break;
-    }
-    ASSERT_EQ(a->GetExpiry(), c->GetExpiry());
-    log.clear();
-    // "a" detaches and frees the pending "c"; "b" detaches itself and is
-    // freed by its owner right away.
+    RecTimer* a = new RecTimer("a", &log, 0, ZNRTimer::REPEAT_FOREVER);
+    RecTimer* b = new RecTimer("b", &log, 0, ZNRTimer::REPEAT_FOREVER);
+    RecTimer* c = new RecTimer("c", &log, 0, ZNRTimer::REPEAT_FOREVER);
+    ZNRTimerMgr* mgr = ArmTogether({a, b, c});
+    // "a" detaches and frees the pending "c"; "b" detaches and frees itself.
     a->on_expires = [&] {
         mgr->RemoveTimer(c->GetId());
         Free(c);

@@ -21,5 +21,17 @@
 #include <plexa/znr-message-queue.h>
 #include <plexa/znr-thread.h>
 #include <plexa/znr-timer.h>
+#include <plexa/znr-device.h>
+#include <plexa/znr-socket.h>
+#include <plexa/znr-blocking-device.h>
+#include <plexa/znr-pack.h>
+#include <plexa/znr-unpack.h>
+#include <plexa/znr-gzip.h>
+#include <plexa/znr-trans-message.h>
+#include <plexa/znr-xml-config.h>
+#include <plexa/znr-data-dispatcher.h>
+#include <plexa/znr-entity-map.h>
+#include <plexa/znr-compat-entity-map.h>
+#include <plexa/znr-data-sender.h>
 
 #endif

@@ -80,7 +80,7 @@ public:
     virtual unsigned int Size();
     // Fires the due timers of the slot of now; returns how many it handled.
     virtual unsigned int ScheduleTimers(std::uint64_t now);
-    // Logs, at DEBUG, the number of timers and each slot's load.
+    // Logs, at DEBUG, the wheel shape, the number of timers and each slot's load.
     virtual void Trace();
     virtual void Destroy();
 

@@ -25,7 +25,9 @@ struct ZNRFilePathInfo_t {
     ZNRString extension;
 };
 
-enum ZNRTestFileMode_t {
+// A fixed underlying type, so that callers may pass any number (above 3 is
+// an error, not undefined behaviour).
+enum ZNRTestFileMode_t : int {
     ZNR_TEST_FILE_EXIST = 0,
     ZNR_TEST_FILE_WRITABLE = 1,
     ZNR_TEST_FILE_READABLE = 2,

@@ -56,7 +56,10 @@ std::uint64_t CollectFiles(std::string const& dir, ZNRString const& prefix,
         if (!wide_name.NewFromUtf8Str(name)) continue;
         ZNRString const full = prefix + wide_name;
         struct stat st;
-        if (lstat(path.c_str(), &st) != 0) return ZNRSysError(errno);
+        if (lstat(path.c_str(), &st) != 0) {
+            if (errno == ENOENT) continue;  // removed since it was listed
+            return ZNRSysError(errno);
+        }
         if (S_ISDIR(st.st_mode)) {
             if (!recursive) continue;
             error = CollectFiles(path, full + ZNRString("/"), out, recursive);

@@ -215,17 +215,15 @@ std::uint64_t ZNRNetAddrInfo::Reopen() { return InnerOpenAddr(addr_, addr_len_);
 
 std::uint64_t ZNRNetAddrInfo::InnerOpenAddr(sockaddr const* sa, unsigned int len) {
     if (sa == nullptr) return ZNRSysError(EINVAL);
+    // The resolver also names local-socket addresses; only IP ones are ours.
+    if (sa->sa_family != AF_INET && sa->sa_family != AF_INET6) return ZNRSysError(EAFNOSUPPORT);
     // Room for an IPv6 text with a scope name.
     char host[64];
     char service[16];
     int const rc = getnameinfo(sa, len, host, sizeof(host), service, sizeof(service),
                                NI_NUMERICHOST | NI_NUMERICSERV);
     if (rc != 0) return ResolverError(rc);
-    if (sa->sa_family == AF_INET6) {
-        type_ = TYPE_IPV6;
-    } else if (sa->sa_family == AF_INET) {
-        type_ = TYPE_IPV4;
-    }
+    type_ = sa->sa_family == AF_INET6 ? TYPE_IPV6 : TYPE_IPV4;
     addr_str_ = ZNRString(host);
     port_str_ = ZNRString(service);
     return 0;

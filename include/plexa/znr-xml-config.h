@@ -1,0 +1,80 @@
+#ifndef PLEXA_ZNR_XML_CONFIG_H
+#define PLEXA_ZNR_XML_CONFIG_H
+
+#include <plexa/znr-export.h>
+#include <plexa/znr-stl-adapter.h>
+#include <plexa/znr-string.h>
+
+#include <map>
+#include <vector>
+
+class TiXmlDocument;
+class TiXmlNode;
+
+// A configuration read from XML files into one tree and queried by
+// slash-separated element paths ("server/db/port").
+//
+// A file may pull in other files with a <#include path> tag anywhere among
+// its elements. The whole tag text is lower-cased; the lower-cased path is
+// tried first and, when nothing exists there, the path as written. A
+// relative path is relative to the working directory. A directory is
+// searched recursively, in name order, for files ending in "." + ext (the
+// extension is compared without regard to case). The root element of an
+// included file is appended under the root element of the including file.
+// Include cycles and nesting deeper than 32 levels make Load fail.
+//
+// Failures return false and log the reason at error level. Queries may run
+// concurrently with each other, not with Load.
+class ZNR_API ZNRXmlConfig {
+public:
+    // One element: its tag name, the text of its first child when that child
+    // is text, its attributes, its line in its file (from 1) and its child
+    // elements (owned).
+    struct ZNR_API NodeInfo {
+        ZNRString name;
+        ZNRString value;
+        ZNRStlAdapter<std::map<ZNRString, ZNRString>> attrs;
+        int line;
+        ZNRStlAdapter<std::vector<NodeInfo*>> children;
+
+        NodeInfo();
+        NodeInfo(NodeInfo const& other);
+        NodeInfo& operator=(NodeInfo const& other);
+        ~NodeInfo();
+    };
+
+    ZNRXmlConfig();
+    // Both copy nothing of the document.
+    ZNRXmlConfig(ZNRXmlConfig const& other);
+    ZNRXmlConfig& operator=(ZNRXmlConfig const& other);
+    virtual ~ZNRXmlConfig();
+
+    // Replaces the configuration with file and everything it includes. A
+    // failed load keeps what was merged before the failure.
+    virtual bool Load(ZNRString const& file, ZNRString const& ext);
+    // Appends the elements the path selects, in document order. True with
+    // nothing appended when the first component is not the root's name.
+    virtual bool GetNodes(ZNRString const& path, std::vector<NodeInfo>* nodes) const;
+    // The value and attributes of the single element at path; each output
+    // may be null.
+    virtual bool Get(ZNRString const& path, ZNRString* value,
+                     std::map<ZNRString, ZNRString>* attrs) const;
+    // Get, then the value as a decimal, 0x hexadecimal or 0 octal number.
+    virtual bool GetInt(ZNRString const& path, int* value) const;
+    // A hook for derived classes: the base returns false.
+    virtual bool GetAttr(ZNRString const& path, ZNRString const& name, ZNRString* value) const;
+    // GetAttr, then the text as a number like GetInt.
+    virtual bool GetAttrInt(ZNRString const& path, ZNRString const& name, int* value) const;
+    // Prints the whole tree, includes merged, to standard output.
+    virtual void Dump();
+
+private:
+    bool InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRString const& file,
+                   ZNRString const& ext);
+    bool InnerGetNodes(TiXmlNode* node, std::vector<ZNRString> const& path,
+                       std::vector<NodeInfo>* nodes) const;
+
+    TiXmlDocument* document_;
+};
+
+#endif

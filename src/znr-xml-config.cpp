@@ -1,0 +1,353 @@
+#include <plexa/znr-xml-config.h>
+
+#include <plexa/znr-error.h>
+#include <plexa/znr-logger.h>
+#include <plexa/znr-utils.h>
+
+#include "znr-xml-config-file.h"
+
+#include <tinyxml.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace {
+
+// Deeper nesting than this is taken for a runaway include chain.
+constexpr int kMaxIncludeDepth = 32;
+
+unsigned short const kBlanks[] = {' ', '\t', '\r', '\n', 0};
+
+// The file being loaded and every file that included it, innermost first.
+// Hung on the document as its user data so that the load of an included
+// file can look up the chain of files above it.
+struct IncludeFrame {
+    ZNRXmlConfigFileStat stat;
+    int depth;
+    IncludeFrame const* up;
+};
+
+// File names on Linux are UTF-8.
+std::string FsPath(ZNRString const& path) {
+    std::string out;
+    if (!path.ToUtf8Str(&out)) out = path.ToStdCStr();
+    return out;
+}
+
+bool HasExtension(ZNRString const& file, ZNRString const& ext) {
+    ZNRString name = file;
+    ZNRString suffix = ZNRString(".") + ext;
+    return name.ToLower().EndsWith(suffix.ToLower());
+}
+
+bool IsInChain(IncludeFrame const* frame, ZNRXmlConfigFileStat const& stat) {
+    for (; frame != nullptr; frame = frame->up) {
+        if (frame->stat.exists && frame->stat.device == stat.device &&
+            frame->stat.inode == stat.inode) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void FillNodeInfo(TiXmlElement const* element, ZNRXmlConfig::NodeInfo* info) {
+    info->name = ZNRString(element->Value());
+    TiXmlNode const* first = element->FirstChild();
+    if (first != nullptr && first->ToText() != nullptr) info->value = ZNRString(first->Value());
+    for (TiXmlAttribute const* a = element->FirstAttribute(); a != nullptr; a = a->Next()) {
+        (*info->attrs)[ZNRString(a->Name())] = ZNRString(a->Value());
+    }
+    info->line = element->Row();
+    for (TiXmlElement const* c = element->FirstChildElement(); c != nullptr;
+         c = c->NextSiblingElement()) {
+        std::unique_ptr<ZNRXmlConfig::NodeInfo> child(new ZNRXmlConfig::NodeInfo());
+        FillNodeInfo(c, child.get());
+        info->children->push_back(child.get());
+        child.release();
+    }
+}
+
+// Splits at every "/"; false when any component is empty.
+bool SplitPath(ZNRString const& path, std::vector<ZNRString>* parts) {
+    unsigned short const slash = '/';
+    ZNRString::size_type begin = 0;
+    for (;;) {
+        ZNRString::size_type end = path.find(slash, begin);
+        if (end == ZNRString::npos) end = path.size();
+        if (end == begin) return false;
+        parts->push_back(path.substr(begin, end - begin));
+        if (end == path.size()) return true;
+        begin = end + 1;
+    }
+}
+
+} // namespace
+
+// Collects the include tags of one document during a walk.
+class __ZNRXmlConfigVisitor : public TiXmlVisitor {
+public:
+    // One "<#command argument>" tag. argument is lower-cased with the rest
+    // of the tag; written keeps the argument as it stands in the file.
+    struct Dictate {
+        int line;
+        ZNRString command;
+        ZNRString argument;
+        ZNRString written;
+    };
+
+    explicit __ZNRXmlConfigVisitor(ZNRString const& file) : file_(file), error_(false) {}
+
+    bool Visit(TiXmlUnknown const& unknown) override;
+
+    ZNRStlAdapter<std::vector<Dictate>> dictates_;
+    ZNRString file_;
+    bool error_;
+};
+
+bool __ZNRXmlConfigVisitor::Visit(TiXmlUnknown const& unknown) {
+    // An element resumes the walk of its siblings after a child said stop,
+    // so later tags are refused here to report only the first bad one.
+    if (error_) return false;
+    ZNRString const text(unknown.Value());
+    ZNRString lower = text;
+    lower.ToLower();
+    ZNRString::size_type const blank = lower.find_first_of(kBlanks);
+    ZNRString const command = lower.substr(0, blank);
+    ZNRString::size_type const first =
+        blank == ZNRString::npos ? ZNRString::npos : lower.find_first_not_of(kBlanks, blank);
+    if (command == ZNRString("#include") && first != ZNRString::npos) {
+        ZNRString::size_type const last = lower.find_last_not_of(kBlanks);
+        Dictate dictate;
+        dictate.line = unknown.Row();
+        dictate.command = command;
+        dictate.argument = lower.substr(first, last - first + 1);
+        dictate.written = text.substr(first, last - first + 1);
+        dictates_->push_back(dictate);
+        return true;
+    }
+    ZNR_LOG(ERROR, "Invalid config tag, file=\"%s\" row=%d tag=\"%s\"", file_.ToStdCStr().c_str(),
+            unknown.Row(), unknown.Value());
+    error_ = true;
+    return false;
+}
+
+ZNRXmlConfig::NodeInfo::NodeInfo() : line(0) {}
+
+ZNRXmlConfig::NodeInfo::NodeInfo(NodeInfo const& other)
+    : name(other.name), value(other.value), attrs(other.attrs), line(other.line) {
+    children->reserve(other.children->size());
+    for (NodeInfo const* child : *other.children) children->push_back(new NodeInfo(*child));
+}
+
+ZNRXmlConfig::NodeInfo& ZNRXmlConfig::NodeInfo::operator=(NodeInfo const& other) {
+    if (this == &other) return *this;
+    // Copies first: other may be one of our own descendants.
+    std::vector<NodeInfo*> copies;
+    copies.reserve(other.children->size());
+    for (NodeInfo const* child : *other.children) copies.push_back(new NodeInfo(*child));
+    name = other.name;
+    value = other.value;
+    *attrs = *other.attrs;
+    line = other.line;
+    children->swap(copies);
+    for (NodeInfo* old : copies) delete old;
+    return *this;
+}
+
+ZNRXmlConfig::NodeInfo::~NodeInfo() {
+    for (NodeInfo* child : *children) delete child;
+}
+
+ZNRXmlConfig::ZNRXmlConfig() : document_(nullptr) {}
+
+ZNRXmlConfig::ZNRXmlConfig(ZNRXmlConfig const&) : document_(nullptr) {}
+
+ZNRXmlConfig& ZNRXmlConfig::operator=(ZNRXmlConfig const&) { return *this; }
+
+ZNRXmlConfig::~ZNRXmlConfig() { delete document_; }
+
+bool ZNRXmlConfig::Load(ZNRString const& file, ZNRString const& ext) {
+    if (document_ == nullptr) document_ = new TiXmlDocument();
+    return InnerLoad(nullptr, document_, file, ext);
+}
+
+bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRString const& file,
+                             ZNRString const& ext) {
+    std::string const fs_path = FsPath(file);
+    IncludeFrame frame;
+    ZNRXmlConfigStatFile(fs_path, &frame.stat);
+    // Opening a directory or a pipe would make the parser read without end.
+    if (frame.stat.exists && !frame.stat.regular) {
+        ZNR_LOG(ERROR, "Can not load config file, not a regular file, file=\"%s\"",
+                file.ToStdCStr().c_str());
+        return false;
+    }
+    if (!doc->LoadFile(fs_path.c_str(), TIXML_ENCODING_LEGACY)) {
+        ZNR_LOG(ERROR, "Can not load config file, file=\"%s\" line=%d error desc=\"%s\"",
+                file.ToStdCStr().c_str(), doc->ErrorRow(), doc->ErrorDesc());
+        return false;
+    }
+    TiXmlElement* root = doc->RootElement();
+    if (root == nullptr) {
+        ZNR_LOG(ERROR, "Can not load config file, root element not exist, file=\"%s\"",
+                file.ToStdCStr().c_str());
+        return false;
+    }
+    // Before this file's own includes run, so theirs stay in this document.
+    if (parent != nullptr) parent->RootElement()->InsertEndChild(*root);
+
+    __ZNRXmlConfigVisitor visitor(file);
+    doc->Accept(&visitor);
+    if (visitor.error_) return false;
+
+    frame.up = parent != nullptr ? static_cast<IncludeFrame const*>(parent->GetUserData())
+                                 : nullptr;
+    frame.depth = frame.up != nullptr ? frame.up->depth + 1 : 0;
+
+    auto include = [&](__ZNRXmlConfigVisitor::Dictate const& dictate) {
+        ZNRString path = dictate.argument;
+        std::uint64_t code = ZNRIsDirFile(path);
+        // Names are case-sensitive here: fall back to the path as written.
+        if (code != 0 && code != ZNRUserError(18) && dictate.written != dictate.argument) {
+            path = dictate.written;
+            code = ZNRIsDirFile(path);
+        }
+        std::vector<ZNRString> files;
+        if (code == 0) {
+            code = ZNRGetDirFiles(path, &files, true);
+        } else if (code == ZNRUserError(18)) {
+            code = 0;
+            files.push_back(path);
+        }
+        if (code != 0) {
+            ZNRString text;
+            ZNRGetErrorMsg(code, &text);
+            ZNR_LOG(ERROR,
+                    "Can not load config file, execute dictate error,                               "
+                    "file=\"%s\" line=%d error desc=\"%s\"",
+                    file.ToStdCStr().c_str(), dictate.line, text.ToStdCStr().c_str());
+            return false;
+        }
+        for (ZNRString const& name : files) {
+            if (!HasExtension(name, ext)) continue;
+            if (frame.depth + 1 > kMaxIncludeDepth) {
+                ZNR_LOG(ERROR,
+                        "Can not load config file, include depth limit reached, file=\"%s\" "
+                        "line=%d limit=%d",
+                        file.ToStdCStr().c_str(), dictate.line, kMaxIncludeDepth);
+                return false;
+            }
+            ZNRXmlConfigFileStat stat;
+            ZNRXmlConfigStatFile(FsPath(name), &stat);
+            if (stat.exists && IsInChain(&frame, stat)) {
+                ZNR_LOG(ERROR,
+                        "Can not load config file, include cycle, file=\"%s\" line=%d "
+                        "include=\"%s\"",
+                        file.ToStdCStr().c_str(), dictate.line, name.ToStdCStr().c_str());
+                return false;
+            }
+            TiXmlDocument included;
+            if (!InnerLoad(doc, &included, name, ext)) return false;
+        }
+        return true;
+    };
+
+    doc->SetUserData(&frame);
+    bool ok = true;
+    for (__ZNRXmlConfigVisitor::Dictate const& dictate : *visitor.dictates_) {
+        ok = include(dictate);
+        if (!ok) break;
+    }
+    doc->SetUserData(nullptr);
+    return ok;
+}
+
+bool ZNRXmlConfig::GetNodes(ZNRString const& path, std::vector<NodeInfo>* nodes) const {
+    std::vector<ZNRString> parts;
+    if (!SplitPath(path, &parts)) {
+        ZNR_LOG(ERROR, "Get config node error, invalid node path, node path=\"%s\"",
+                path.ToStdCStr().c_str());
+        return false;
+    }
+    TiXmlElement* root = document_ != nullptr ? document_->RootElement() : nullptr;
+    if (root == nullptr) {
+        ZNR_LOG(ERROR, "Get config node error, config not loaded, node path=\"%s\"",
+                path.ToStdCStr().c_str());
+        return false;
+    }
+    if (nodes == nullptr) return false;
+    return InnerGetNodes(root, parts, nodes);
+}
+
+bool ZNRXmlConfig::InnerGetNodes(TiXmlNode* node, std::vector<ZNRString> const& path,
+                                 std::vector<NodeInfo>* nodes) const {
+    if (path.empty() || path[0].ToStdCStr() != node->Value()) return true;
+    std::vector<TiXmlElement const*> selected(1, node->ToElement());
+    for (std::size_t i = 1; i < path.size() && !selected.empty(); ++i) {
+        std::string const name = path[i].ToStdCStr();
+        std::vector<TiXmlElement const*> next;
+        for (TiXmlElement const* parent : selected) {
+            for (TiXmlElement const* c = parent->FirstChildElement(name.c_str()); c != nullptr;
+                 c = c->NextSiblingElement(name.c_str())) {
+                next.push_back(c);
+            }
+        }
+        selected.swap(next);
+    }
+    for (TiXmlElement const* element : selected) {
+        nodes->emplace_back();
+        FillNodeInfo(element, &nodes->back());
+    }
+    return true;
+}
+
+bool ZNRXmlConfig::Get(ZNRString const& path, ZNRString* value,
+                       std::map<ZNRString, ZNRString>* attrs) const {
+    std::vector<NodeInfo> nodes;
+    if (!GetNodes(path, &nodes)) return false;
+    if (nodes.empty()) {
+        ZNR_LOG(ERROR, "Get config node error, path not exist, node path=\"%s\"",
+                path.ToStdCStr().c_str());
+        return false;
+    }
+    if (nodes.size() > 1) {
+        ZNR_LOG(ERROR, "Get config node error, node redefined, node path=\"%s\"",
+                path.ToStdCStr().c_str());
+        return false;
+    }
+    if (value != nullptr) *value = nodes[0].value;
+    if (attrs != nullptr) *attrs = *nodes[0].attrs;
+    return true;
+}
+
+bool ZNRXmlConfig::GetInt(ZNRString const& path, int* value) const {
+    ZNRString text;
+    if (!Get(path, &text, nullptr)) return false;
+    if (!ZNRStrToInt32(text, value)) {
+        ZNR_LOG(ERROR, "Invalid config node value, node path=\"%s\"", path.ToStdCStr().c_str());
+        return false;
+    }
+    return true;
+}
+
+bool ZNRXmlConfig::GetAttr(ZNRString const&, ZNRString const&, ZNRString*) const { return false; }
+
+bool ZNRXmlConfig::GetAttrInt(ZNRString const& path, ZNRString const& name, int* value) const {
+    ZNRString text;
+    if (!GetAttr(path, name, &text)) return false;
+    if (!ZNRStrToInt32(text, value)) {
+        ZNR_LOG(ERROR, "Invalid config node attribute value node path=\"%s\" attr name=\"%s\"",
+                path.ToStdCStr().c_str(), name.ToStdCStr().c_str());
+        return false;
+    }
+    return true;
+}
+
+void ZNRXmlConfig::Dump() {
+    if (document_ == nullptr) return;
+    TiXmlPrinter printer;
+    document_->Accept(&printer);
+    std::fputs(printer.CStr(), stdout);
+    std::fflush(stdout);
+}

@@ -1,0 +1,159 @@
+#include <plexa/plexa.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Records every request and checks that each block comes back.
+class CountingAllocator : public ZNRMemAllocator {
+public:
+    void* Alloc(unsigned int size, char const* owner_file, unsigned int) override {
+        sizes.push_back(size);
+        files.push_back(owner_file != nullptr ? owner_file : "");
+        if (fail) return nullptr;
+        unsigned char* p = new unsigned char[size];
+        live[p] = size;
+        return p;
+    }
+    std::uint64_t Free(void* p) override {
+        ++frees;
+        unknown_frees += live.erase(static_cast<unsigned char*>(p)) == 0;
+        delete[] static_cast<unsigned char*>(p);
+        return 0;
+    }
+    ~CountingAllocator() override {
+        EXPECT_TRUE(live.empty());
+        EXPECT_EQ(0, unknown_frees);
+    }
+
+    std::vector<unsigned int> sizes;
+    std::vector<std::string> files;
+    std::map<unsigned char*, unsigned int> live;
+    int frees = 0;
+    int unknown_frees = 0;
+    bool fail = false;
+};
+
+unsigned char const* Bytes(char const* text) { return reinterpret_cast<unsigned char const*>(text); }
+
+std::string Content(ZNRByteBuffer const& b) {
+    return std::string(reinterpret_cast<char const*>(b.GetData()), b.GetDataCount());
+}
+
+TEST(ByteBufferTest, ConstructionGrowthAndOwnerNames) {
+    CountingAllocator alloc;
+    ZNRByteBuffer empty(0u, &alloc), null_data(nullptr, 8, &alloc);
+    EXPECT_EQ(nullptr, empty.GetData());
+    EXPECT_EQ(0u, null_data.GetCapacity());
+    EXPECT_TRUE(alloc.sizes.empty());
+
+    empty.ExtendCapacity(0);
+    empty.ExtendCapacity(16);
+    EXPECT_EQ(16u, empty.GetCapacity());
+    EXPECT_EQ(0u, empty.GetDataCount());
+    empty.AppendData(Bytes("0123456789abcdef"), 16);
+    empty.AppendData(Bytes("X"), 1);  // no room: the buffer does not grow
+    EXPECT_EQ("0123456789abcdef", Content(empty));
+    EXPECT_EQ(16u, empty.GetCapacity());
+
+    empty.ExtendCapacity(4);
+    ZNRByteBuffer tail(Bytes("WXYZ"), 4, &alloc);
+    EXPECT_EQ(0u, tail.GetFreeCapacity());
+    empty.AppendData(tail);
+    EXPECT_EQ("0123456789abcdefWXYZ", Content(empty));
+    empty.ResetDataCount(3);
+    EXPECT_EQ(17u, empty.GetFreeCapacity());
+    EXPECT_EQ((std::vector<unsigned int>{16, 20, 4}), alloc.sizes);
+    EXPECT_EQ(1, alloc.frees);
+    for (std::string const& file : alloc.files) EXPECT_NE(std::string::npos, file.find("znr-byte-buffer")) << file;
+
+    ZNRByteBuffer defaulted(4);
+    EXPECT_EQ(ZNRSingleton<ZNRMemAllocator>::Instance(), defaulted.GetAllocator());
+
+    // A failing allocator leaves a null block with the stated capacity.
+    alloc.fail = true;
+    ZNRByteBuffer failed(8, &alloc);
+    EXPECT_EQ(nullptr, failed.GetData());
+    EXPECT_EQ(8u, failed.GetCapacity());
+    failed.AppendData(Bytes("abc"), 3);
+    EXPECT_EQ(0u, failed.GetDataCount());
+}
+
+TEST(ByteBufferTest, SetCapacityAndCutting) {
+    CountingAllocator alloc;
+    ZNRByteBuffer buffer(Bytes("abcdefghij"), 10, &alloc);
+    buffer.SetCapacity(10);
+    buffer.SetCapacity(4);
+    EXPECT_EQ("abcd", Content(buffer));
+    buffer.SetCapacity(32);
+    EXPECT_EQ("abcd", Content(buffer));
+    EXPECT_EQ((std::vector<unsigned int>{10, 4, 32}), alloc.sizes);
+    buffer.SetCapacity(0);
+    EXPECT_EQ(nullptr, buffer.GetData());
+    EXPECT_EQ(0u, buffer.GetCapacity() + buffer.GetDataCount());
+    buffer.SetCapacity(0);
+    EXPECT_EQ(3, alloc.frees);
+
+    // The remaining bytes overlap their new place; the block stays.
+    ZNRByteBuffer text(Bytes("0123456789ABCDEFGHIJ"), 20, &alloc);
+    unsigned char* const block = text.GetData();
+    text.CutData(2);
+    EXPECT_EQ("23456789ABCDEFGHIJ", Content(text));
+    text.CutDataTail(8);
+    EXPECT_EQ("23456789AB", Content(text));
+    text.CutData(7);
+    EXPECT_EQ("9AB", Content(text));
+    EXPECT_EQ(block, text.GetData());
+    text.CutData(100);
+    EXPECT_EQ(0u, text.GetDataCount());
+    text.ResetDataCount(2);
+    text.CutDataTail(5);
+    EXPECT_EQ(0u, text.GetDataCount());
+    EXPECT_EQ(20u, text.GetCapacity());
+}
+
+TEST(ByteBufferTest, CopiesKeepTheirOwnAllocators) {
+    CountingAllocator alloc, other;
+    ZNRByteBuffer source(Bytes("payload"), 7, &alloc);
+    source.ExtendCapacity(9);
+    ZNRByteBuffer copy(source);
+    EXPECT_EQ(&alloc, copy.GetAllocator());
+    EXPECT_EQ(16u, copy.GetCapacity());
+    EXPECT_EQ("payload", Content(copy));
+    EXPECT_NE(source.GetData(), copy.GetData());
+
+    ZNRByteBuffer target(Bytes("old"), 3, &other);
+    target = source;
+    ZNRByteBuffer const& self = target;
+    target = self;
+    EXPECT_EQ(&other, target.GetAllocator());
+    EXPECT_EQ(16u, target.GetCapacity());
+    EXPECT_EQ("payload", Content(target));
+    EXPECT_EQ((std::vector<unsigned int>{3, 16}), other.sizes);
+
+    ZNRByteBuffer empty(0u, &other), empty_copy(empty);
+    target = empty;
+    EXPECT_EQ(nullptr, empty_copy.GetData());
+    EXPECT_EQ(nullptr, target.GetData());
+    EXPECT_EQ(2u, other.sizes.size());
+}
+
+TEST(ByteBufferTest, WorksOverAPoolAllocator) {
+    ZNRBlockMemoryPool::InitParam param;
+    param.block_pools->push_back(ZNRBlockMemoryPool::BlockPoolInfo(64, 2, 2));
+    ZNRPoolMemAllocator<ZNRBlockMemoryPool, ZNRBlockMemoryPool::InitParam> pool(param);
+    ZNRByteBuffer buffer(Bytes("abc"), 3, &pool);
+    unsigned char* const first = buffer.GetData();
+    buffer.ExtendCapacity(10);
+    EXPECT_NE(first, buffer.GetData());
+    buffer.SetCapacity(3);  // the old block was freed first: it comes back
+    EXPECT_EQ(first, buffer.GetData());
+    buffer.SetCapacity(100);  // beyond every block size: from the heap
+    EXPECT_EQ("abc", Content(buffer));
+}
+
+}  // namespace

@@ -1,0 +1,220 @@
+#include <plexa/plexa.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+int OwnNice() { return getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid))); }
+
+// Records what the body saw; waits for *gate when one is given.
+class Probe : public ZNRThreadRunable {
+public:
+    void Run(ZNRThread* thread) override {
+        while (gate != nullptr && !*gate) std::this_thread::yield();
+        got = thread;
+        is_current = thread->IsCurrent() && thread->Started();
+        char buf[64] = {};
+        pthread_getname_np(pthread_self(), buf, sizeof buf);
+        name = buf;
+        nice = OwnNice();
+        run_tid = pthread_self();
+        ++runs;
+        if (exit_code != 0) ZNRThread::Exit(exit_code);
+    }
+    void Destroy() override {
+        destroyed_on_run_thread = pthread_equal(run_tid, pthread_self());
+        ++destroys;
+    }
+
+    std::atomic<bool>* gate = nullptr;
+    long exit_code = 0;
+    ZNRThread* got = nullptr;
+    bool is_current = false;
+    std::string name;
+    int nice = 0;
+    pthread_t run_tid{};
+    bool destroyed_on_run_thread = false;
+    std::atomic<int> runs{0};
+    int destroys = 0;
+};
+
+class LoopHandler : public ZNRMessageHandler {
+public:
+    explicit LoopHandler(ZNRThread* t) : thread(t) {}
+    void OnMessage(ZNRMessage* message) override {
+        ids.push_back(message->id);
+        if (!thread->IsCurrent()) on_wrong_thread = true;
+    }
+    ZNRThread* thread;
+    std::vector<unsigned int> ids;
+    bool on_wrong_thread = false;
+};
+
+}  // namespace
+
+TEST(ThreadMgr, AdoptsTheMainThreadOnceAndJoinErrors) {
+    ZNRThread* current = ZNRThreadMgr::Instance()->GetCurrent();
+    ASSERT_NE(current, nullptr);
+    EXPECT_EQ(current->GetName().ToStdCStr(), "default");
+    EXPECT_TRUE(current->Started());
+    EXPECT_EQ(ZNRThreadMgr::Instance()->GetCurrent(), current);
+    EXPECT_TRUE(current->IsCurrent());
+    // A thread cannot wait for itself: an error, and it stays started.
+    long code = -1;
+    EXPECT_EQ(current->Join(&code), ZNRSysError(EDEADLK));
+    EXPECT_EQ(code, -1);
+    EXPECT_TRUE(current->Started());
+
+    ZNRThread never;
+    EXPECT_FALSE(never.IsCurrent());
+    EXPECT_EQ(never.Join(&code), ZNRSysError(ESRCH));
+    EXPECT_EQ(code, -1);
+    EXPECT_FALSE(never.Started());
+    EXPECT_EQ(never.GetFd(), nullptr);
+}
+
+TEST(Thread, MessageLoopRunsUntilStopAndJoinGivesZero) {
+    ZNRThread t(new ZNRMessageQueue());
+    LoopHandler h(&t);
+    ZNRMessageQueue* q = t.GetMsgQ();
+    for (unsigned int i = 1; i <= 50; ++i) q->Post(&h, i, nullptr);  // before the start
+    ASSERT_EQ(t.Start(), 0u);
+    EXPECT_TRUE(t.Started());
+    EXPECT_EQ(t.Start(), ZNRSysError(EBUSY));
+    for (unsigned int i = 51; i <= 100; ++i) q->Post(&h, i, nullptr);
+    t.Stop();
+    q->Post(&h, 1000, nullptr);  // after the stop: never dispatched
+
+    long code = -1;
+    ASSERT_EQ(t.Join(&code), 0u);
+    EXPECT_EQ(code, 0);
+    EXPECT_FALSE(t.Started());
+    ASSERT_EQ(h.ids.size(), 100u);
+    for (unsigned int i = 0; i < 100; ++i) ASSERT_EQ(h.ids[i], i + 1);
+    EXPECT_FALSE(h.on_wrong_thread);
+    EXPECT_EQ(q->Size(), 1u);
+    EXPECT_EQ(t.Join(&code), ZNRSysError(ESRCH));
+
+    // The same object runs again after a join.
+    q->ClearAll(nullptr);
+    ASSERT_EQ(t.Start(), 0u);
+    t.Stop();
+    EXPECT_EQ(t.Join(nullptr), 0u);
+}
+
+TEST(Thread, RunableBodyNameAndExitCode) {
+    ZNRThread t;
+    t.SetName(ZNRString("plexa-worker-name-too-long"));
+    Probe probe;
+    ASSERT_EQ(t.Start(&probe), 0u);
+    long code = -1;
+    ASSERT_EQ(t.Join(&code), 0u);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(probe.runs, 1);
+    EXPECT_EQ(probe.destroys, 1);
+    EXPECT_EQ(probe.got, &t);
+    EXPECT_TRUE(probe.is_current);
+    EXPECT_EQ(probe.name, "plexa-worker-na");  // cut to 15 bytes
+    EXPECT_TRUE(probe.destroyed_on_run_thread);
+
+    // Exit ends the thread with its code; Destroy is not reached.
+    t.SetName(ZNRString("short"));
+    Probe leaving;
+    leaving.exit_code = 7;
+    ASSERT_EQ(t.Start(&leaving), 0u);
+    ASSERT_EQ(t.Join(&code), 0u);
+    EXPECT_EQ(code, 7);
+    EXPECT_EQ(leaving.name, "short");
+    EXPECT_EQ(leaving.destroys, 0);
+}
+
+TEST(Thread, PriorityIsAppliedBeforeTheBodyOrReported) {
+    ZNRThread idle, normal, high;
+    idle.SetPriority(ZNRThread::PRIORITY_IDLE);
+    high.SetPriority(ZNRThread::PRIORITY_HIGHEST);
+    Probe lowered, inherited, raised;
+    ASSERT_EQ(idle.Start(&lowered), 0u);
+    ASSERT_EQ(normal.Start(&inherited), 0u);
+    ASSERT_EQ(idle.Join(nullptr), 0u);
+    ASSERT_EQ(normal.Join(nullptr), 0u);
+    EXPECT_EQ(lowered.nice, 19);
+    EXPECT_EQ(inherited.nice, OwnNice());
+
+    std::uint64_t const error = high.Start(&raised);
+    if (error != 0) {
+        // Not permitted: reported, and the body never ran.
+        EXPECT_EQ(error, ZNRSysError(EACCES));
+        EXPECT_FALSE(high.Started());
+        EXPECT_EQ(raised.runs, 0);
+        EXPECT_EQ(high.Join(nullptr), ZNRSysError(ESRCH));
+    } else {
+        // Running with CAP_SYS_NICE: raising succeeds.
+        ASSERT_EQ(high.Join(nullptr), 0u);
+        EXPECT_EQ(raised.nice, -10);
+    }
+}
+
+TEST(ThreadMgr, WaitAllJoinsEveryStartedThread) {
+    ZNRThread* main_thread = ZNRThreadMgr::Instance()->GetCurrent();
+    std::atomic<bool> go(false);
+    ZNRThread never_started;
+    std::vector<ZNRThread> threads(3);
+    std::vector<Probe> probes(3);
+    for (int i = 0; i < 3; ++i) {
+        probes[i].gate = &go;
+        ASSERT_EQ(threads[i].Start(&probes[i]), 0u);
+    }
+    std::thread opener([&go] {
+        ZNRSleep(20);
+        go = true;
+    });
+    // Skips the caller's own (adopted) thread and the never-started one.
+    ZNRThreadMgr::Instance()->WaitAll();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(probes[i].runs, 1);
+        EXPECT_FALSE(threads[i].Started());
+        EXPECT_EQ(threads[i].Join(nullptr), ZNRSysError(ESRCH));
+    }
+    EXPECT_TRUE(main_thread->Started());
+    opener.join();
+}
+
+TEST(ThreadMgr, ForeignThreadsAreAdoptedAndCanBeWaitedFor) {
+    std::atomic<ZNRThread*> seen(nullptr);
+    std::atomic<bool> release(false);
+    std::thread foreign([&] {
+        seen = ZNRThreadMgr::Instance()->GetCurrent();
+        while (!release) std::this_thread::yield();
+    });
+    while (seen == nullptr) std::this_thread::yield();
+    ZNRThread* main_thread = ZNRThreadMgr::Instance()->GetCurrent();
+    EXPECT_NE(seen.load(), main_thread);
+    EXPECT_TRUE(seen.load()->Started());
+    release = true;
+    foreign.join();
+    // It has ended: waiting on its object returns at once.
+    long code = -1;
+    EXPECT_EQ(seen.load()->Join(&code), 0u);
+    EXPECT_EQ(code, 0);
+    delete seen.load();
+
+    // Dropping the calling thread's own object: the next call adopts anew,
+    // and so does a fresh manager.
+    delete main_thread;
+    ZNRThread* again = ZNRThreadMgr::Instance()->GetCurrent();
+    EXPECT_NE(again, nullptr);
+    EXPECT_EQ(ZNRThreadMgr::Instance()->GetCurrent(), again);
+    ZNRThreadMgr::Destroy();
+    EXPECT_TRUE(ZNRThreadMgr::Instance()->GetCurrent()->IsCurrent());
+}

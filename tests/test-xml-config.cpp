@@ -1,0 +1,281 @@
+#include <plexa/plexa.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+class CaptureWriter : public ZNRLoggerWriterBase {
+public:
+    explicit CaptureWriter(std::vector<std::string>* out) : out_(out) {}
+    void OnWrite(ZNRLoggerEntry const* e) override {
+        if (e->level == ZNRLogger::LOGL_ERROR) out_->push_back(e->message);
+    }
+    std::uint64_t SetOption(unsigned int, void const*, unsigned int) override { return 0; }
+    std::uint64_t GetOption(unsigned int, void*, unsigned int) override { return 0; }
+    void Destroy() override { delete this; }
+
+private:
+    std::vector<std::string>* out_;
+};
+
+std::string Include(std::string const& path) { return "<#include " + path + ">"; }
+
+class XmlConfigTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ZNRSingleton<ZNRLogger>::Instance()->RegisterWriter(new CaptureWriter(&errors_));
+        char pattern[] = "/tmp/plexa-xml-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern));
+        dir_ = pattern;
+    }
+    void TearDown() override {
+        ZNRSingleton<ZNRLogger>::Instance()->UnregisterAllWriters();
+        EXPECT_EQ(0, std::system(("rm -rf '" + dir_ + "'").c_str()));
+    }
+
+    // Writes dir_/rel, creating its directories, and returns the full path.
+    std::string Write(std::string const& rel, std::string const& text) {
+        std::string const path = dir_ + "/" + rel;
+        EXPECT_EQ(0u, ZNRMakeDir(ZNRString(path.substr(0, path.rfind('/'))), true));
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+    bool Load(std::string const& path, char const* ext = "xml") {
+        return config_.Load(ZNRString(path), ZNRString(ext));
+    }
+    // The values of the nodes at path, joined by ",".
+    std::string Values(char const* path) const {
+        std::vector<ZNRXmlConfig::NodeInfo> nodes;
+        if (!config_.GetNodes(ZNRString(path), &nodes)) return "<fail>";
+        std::string out;
+        for (auto const& n : nodes) out += (out.empty() ? "" : ",") + n.value.ToStdCStr();
+        return out;
+    }
+
+    ZNRXmlConfig config_;
+    std::vector<std::string> errors_;
+    std::string dir_;
+};
+
+TEST_F(XmlConfigTest, QueriesValuesAttributesAndTrees) {
+    ASSERT_TRUE(Load(Write("m.xml", "<s name=\"a\">\n<db host=\"h\"><u>x</u>tail</db>\n"
+                                    "<i>1</i><i k=\"v\">2</i>\n<n>-42</n><h>0x1F</h><o>010</o>"
+                                    "<bad>12abc</bad><e></e><big>2147483648</big></s>")));
+    ZNRString value(u"old");
+    std::map<ZNRString, ZNRString> attrs{{ZNRString("stale"), ZNRString()}};
+    ASSERT_TRUE(config_.Get(ZNRString("s/db"), &value, &attrs));
+    EXPECT_EQ("", value.ToStdCStr());  // the first child is an element
+    ASSERT_EQ(1u, attrs.size());
+    EXPECT_EQ("h", attrs[ZNRString("host")].ToStdCStr());
+    EXPECT_EQ("1,2", Values("s/i"));
+    EXPECT_EQ("", Values("t/i"));  // another root name selects nothing
+    EXPECT_EQ("", Values("s/i/none"));
+
+    std::vector<ZNRXmlConfig::NodeInfo> nodes;
+    ASSERT_TRUE(config_.GetNodes(ZNRString("s"), &nodes));
+    ZNRXmlConfig::NodeInfo tree = nodes.at(0);
+    nodes.clear();
+    EXPECT_EQ(1, tree.line);
+    ASSERT_EQ(9u, tree.children->size());
+    EXPECT_EQ(3, (*tree.children)[2]->line);
+    EXPECT_EQ("v", (*(*tree.children)[2]->attrs)[ZNRString("k")].ToStdCStr());
+    tree = *(*tree.children)[0];  // a node's own descendant
+    EXPECT_EQ("db", tree.name.ToStdCStr());
+    EXPECT_EQ("x", (*tree.children).at(0)->value.ToStdCStr());
+
+    int v = 7;
+    EXPECT_TRUE(config_.GetInt(ZNRString("s/n"), &v) && v == -42);
+    EXPECT_TRUE(config_.GetInt(ZNRString("s/h"), &v) && v == 31);
+    EXPECT_TRUE(config_.GetInt(ZNRString("s/o"), &v) && v == 8);
+    EXPECT_TRUE(errors_.empty());
+    EXPECT_FALSE(config_.GetInt(ZNRString("s/bad"), &v));
+    EXPECT_FALSE(config_.GetInt(ZNRString("s/e"), &v));
+    EXPECT_FALSE(config_.GetInt(ZNRString("s/big"), &v));
+    EXPECT_FALSE(config_.GetInt(ZNRString("s/i"), &v));
+    EXPECT_FALSE(config_.Get(ZNRString("s/none"), &value, nullptr));
+    for (char const* bad : {"", "/s", "s/", "s//i"})
+        EXPECT_FALSE(config_.Get(ZNRString(bad), &value, nullptr));
+    EXPECT_EQ(8, v);
+    EXPECT_EQ("", value.ToStdCStr());
+    std::vector<std::string> const expected = {
+        "Invalid config node value, node path=\"s/bad\"",
+        "Invalid config node value, node path=\"s/e\"",
+        "Invalid config node value, node path=\"s/big\"",
+        "Get config node error, node redefined, node path=\"s/i\"",
+        "Get config node error, path not exist, node path=\"s/none\"",
+        "Get config node error, invalid node path, node path=\"\"",
+        "Get config node error, invalid node path, node path=\"/s\"",
+        "Get config node error, invalid node path, node path=\"s/\"",
+        "Get config node error, invalid node path, node path=\"s//i\"",
+    };
+    EXPECT_EQ(expected, errors_);
+
+    ZNRXmlConfig copy(config_);  // copies no document
+    EXPECT_FALSE(copy.Get(ZNRString("s/n"), nullptr, nullptr));
+    EXPECT_EQ("Get config node error, config not loaded, node path=\"s/n\"", errors_.back());
+}
+
+TEST_F(XmlConfigTest, NestedIncludesLandUnderTheIncludingRoot) {
+    std::string const b = Write("inc/b.xml", "<b><deep>1</deep></b>");
+    std::string const a = Write("inc/a.xml", "<a>\n" + Include(b) + "\n<x>5</x>\n</a>");
+    std::string const m = Write("m.xml", "<s><f>0</f>" + Include(a) + "<l>9</l></s>");
+    ASSERT_TRUE(Load(m));
+    std::vector<ZNRXmlConfig::NodeInfo> nodes;
+    ASSERT_TRUE(config_.GetNodes(ZNRString("s/a/x"), &nodes));
+    ASSERT_EQ(1u, nodes.size());
+    EXPECT_EQ(3, nodes[0].line);  // counted in its own file
+    EXPECT_EQ("0,9", Values("s/f") + "," + Values("s/l"));
+    // a.xml was copied before its own include ran, so b stays out.
+    EXPECT_EQ("", Values("s/a/b"));
+    EXPECT_TRUE(errors_.empty());
+
+    // A broken file two levels down fails the load; earlier merges stay.
+    Write("inc/b.xml", "<b><deep>1</b>");
+    EXPECT_FALSE(Load(m));
+    ASSERT_EQ(1u, errors_.size());
+    EXPECT_EQ("Can not load config file, file=\"" + b +
+                  "\" line=1 error desc=\"Error reading end tag.\"",
+              errors_[0]);
+    EXPECT_EQ("5", Values("s/a/x"));
+}
+
+TEST_F(XmlConfigTest, DirectoryIncludeIsRecursiveFilteredAndOrdered) {
+    for (char const* name :
+         {"b.xml", "a.xml", "a.txt", "xml", "c.xmlx", "sub/c.XML", "sub/d/d.xml", "z.xml"})
+        Write(std::string("conf/") + name, "<i>" + std::string(name) + "</i>");
+    ASSERT_TRUE(Load(Write("m.xml", "<s>" + Include(dir_ + "/conf") + "</s>")));
+    EXPECT_EQ("a.xml,b.xml,sub/c.XML,sub/d/d.xml,z.xml", Values("s/i"));
+    ASSERT_TRUE(Load(Write("m.txt", "<s>" + Include(dir_ + "/conf/") + "</s>"), "txt"));
+    EXPECT_EQ("a.txt", Values("s/i"));
+    EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(XmlConfigTest, UpperCaseDirectivesAndRelativePaths) {
+    Write("conf/extra.xml", "<extra>1</extra>");
+    Write("Upper/Mixed.xml", "<mixed>2</mixed>");
+    Write("m.xml", "<r>\n<#INCLUDE   Conf/Extra.XML  >\n<#Include Upper/Mixed.xml>\n</r>");
+    char cwd[4096];
+    ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
+    ASSERT_EQ(0, chdir(dir_.c_str()));
+    bool const loaded = Load("m.xml");
+    ASSERT_EQ(0, chdir(cwd));
+    ASSERT_TRUE(loaded);
+    // Lower-cased path first; nothing there, then the path as written.
+    EXPECT_EQ("1|2", Values("r/extra") + "|" + Values("r/mixed"));
+    EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
+    std::string const empty = Write("empty.xml", "<r>\n\n  <#include>\n</r>");
+    std::string const define = Write("define.xml", "<r>\n<a>\n<#Define X>\n</a>\n<#bad>\n</r>");
+    std::string const blank = Write("blank.xml", "<#include   >\n<r/>");
+    std::string const text = Write("text.xml", "just words");
+    std::string const open = Write("open.xml", "<r>\n<a>\n</r>");
+    std::string const bare = Write("bare.xml", "<!-- no root -->");
+    std::string const good = Write("good.xml", "<good>1</good>");
+    std::string const m =
+        Write("m.xml", "<r>\n" + Include(good) + "\n" + Include(dir_ + "/none.xml") + "</r>");
+    std::string const missing = dir_ + "/missing.xml";
+    for (std::string const& f : {empty, define, blank, missing, text, open, bare, dir_, m})
+        EXPECT_FALSE(Load(f)) << f;
+    ZNRString no_such;
+    ZNRGetErrorMsg(ZNRSysError(ENOENT), &no_such);
+    std::string const load = "Can not load config file, ";
+    std::vector<std::string> const expected = {
+        "Invalid config tag, file=\"" + empty + "\" row=3 tag=\"#include\"",
+        // The first bad tag only.
+        "Invalid config tag, file=\"" + define + "\" row=3 tag=\"#Define X\"",
+        "Invalid config tag, file=\"" + blank + "\" row=1 tag=\"#include   \"",
+        load + "file=\"" + missing + "\" line=0 error desc=\"Failed to open file\"",
+        load + "file=\"" + text + "\" line=0 error desc=\"Error document empty.\"",
+        load + "file=\"" + open + "\" line=3 error desc=\"Error reading end tag.\"",
+        load + "root element not exist, file=\"" + bare + "\"",
+        load + "not a regular file, file=\"" + dir_ + "\"",
+        load + "execute dictate error,                               file=\"" + m +
+            "\" line=3 error desc=\"" + no_such.ToStdCStr() + "\"",
+    };
+    EXPECT_EQ(expected, errors_);
+    EXPECT_EQ("1", Values("r/good"));  // merged before the failure
+}
+
+TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
+    std::string const self = dir_ + "/self.xml";
+    std::string const a = dir_ + "/a.xml";
+    std::string const b = Write("b.xml", "<b>\n\n" + Include(dir_ + "/./a.xml") + "</b>");
+    Write("self.xml", "<r>\n" + Include(self) + "\n</r>");
+    Write("a.xml", "<a>" + Include(b) + "</a>");
+    std::string const in_dir = Write("loop/m.xml", "<m>" + Include(dir_ + "/loop") + "</m>");
+    for (std::string const& f : {self, a, in_dir}) EXPECT_FALSE(Load(f)) << f;
+    std::string const leaf = Write("leaf.xml", "<leaf>x</leaf>");
+    ASSERT_TRUE(Load(Write("twice.xml", "<t>" + Include(leaf) + Include(leaf) + "</t>")));
+    EXPECT_EQ("x,x", Values("t/leaf"));  // side by side is no cycle
+
+    // A chain of distinct files: 32 nested levels load, a 33rd is refused.
+    auto chain = [&](int files) {
+        for (int i = 0; i < files; ++i) {
+            std::string const next = dir_ + "/chain/" + std::to_string(i + 1) + ".xml";
+            Write("chain/" + std::to_string(i) + ".xml",
+                  "<n>" + (i + 1 < files ? Include(next) : "") + "</n>");
+        }
+        return dir_ + "/chain/0.xml";
+    };
+    EXPECT_TRUE(Load(chain(33)));
+    EXPECT_FALSE(Load(chain(34)));
+    std::string const load = "Can not load config file, ";
+    std::vector<std::string> const expected = {
+        load + "include cycle, file=\"" + self + "\" line=2 include=\"" + self + "\"",
+        load + "include cycle, file=\"" + b + "\" line=3 include=\"" + dir_ + "/./a.xml\"",
+        load + "include cycle, file=\"" + in_dir + "\" line=1 include=\"" + in_dir + "\"",
+        load + "include depth limit reached, file=\"" + dir_ + "/chain/32.xml\" line=1 limit=32",
+    };
+    EXPECT_EQ(expected, errors_);
+}
+
+class AttrConfig : public ZNRXmlConfig {
+public:
+    bool GetAttr(ZNRString const&, ZNRString const& name, ZNRString* value) const override {
+        *value = name;
+        return !(name == ZNRString("missing"));
+    }
+};
+
+TEST_F(XmlConfigTest, GetAttrIntGoesThroughTheHook) {
+    ASSERT_TRUE(Load(Write("m.xml", "<r><p n=\"5\">1</p></r>")));
+    ZNRString text;
+    int v = 3;
+    EXPECT_FALSE(config_.GetAttr(ZNRString("r/p"), ZNRString("n"), &text));
+    EXPECT_FALSE(config_.GetAttrInt(ZNRString("r/p"), ZNRString("n"), &v));
+    AttrConfig derived;
+    EXPECT_TRUE(derived.GetAttrInt(ZNRString("r/p"), ZNRString("0x10"), &v));
+    EXPECT_FALSE(derived.GetAttrInt(ZNRString("r/p"), ZNRString("missing"), &v));
+    EXPECT_FALSE(derived.GetAttrInt(ZNRString("r/p"), ZNRString("ten"), &v));
+    EXPECT_EQ(16, v);
+    std::vector<std::string> const expected = {
+        "Invalid config node attribute value node path=\"r/p\" attr name=\"ten\""};
+    EXPECT_EQ(expected, errors_);
+}
+
+TEST_F(XmlConfigTest, LegacyBytesDumpAndReload) {
+    // "\xd6\xd0" is one GBK character, passed through by the parser.
+    std::string const inc = Write("inc.xml", "<inc v=\"\xd6\xd0\">\xd6\xd0</inc>");
+    ASSERT_TRUE(Load(Write("m.xml", "<r>" + Include(inc) + "</r>")));
+    ZNRString value;
+    std::map<ZNRString, ZNRString> attrs;
+    ASSERT_TRUE(config_.Get(ZNRString("r/inc"), &value, &attrs));
+    EXPECT_TRUE(value == ZNRString(u"\u4e2d") && attrs[ZNRString("v")] == value);
+    testing::internal::CaptureStdout();
+    config_.Dump();
+    EXPECT_EQ("<r>\n    <#include " + inc + ">\n    <inc v=\"\xd6\xd0\">\xd6\xd0</inc>\n</r>\n",
+              testing::internal::GetCapturedStdout());
+    ASSERT_TRUE(Load(Write("o.xml", "<o>1</o>")));  // replaces the tree
+    EXPECT_EQ("|1", Values("r/inc") + "|" + Values("o"));
+}
+
+} // namespace
