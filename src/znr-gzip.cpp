@@ -103,7 +103,7 @@ bool ZNRGzip::Decompress(unsigned char const* in, int size, ZNRByteBuffer* out, 
     // Output may reach `limit` bytes in the buffer, never more.
     std::uint64_t const limit =
         std::min<std::uint64_t>(std::uint64_t{out->GetDataCount()} + max_output, 0xFFFFFFFFull);
-    if (n > 0 && limit > out->GetCapacity()) Grow(out, 2ull * n, limit - out->GetCapacity());
+    if (n > 0 && limit > out->GetCapacity()) Grow(out, 4ull * n, limit - out->GetCapacity());
 
     for (;;) {
         std::uint64_t const room = limit - out->GetDataCount();

@@ -5,6 +5,7 @@
 #include <plexa/znr-logger.h>
 
 #include <atomic>
+#include <memory>
 
 namespace {
 
@@ -153,6 +154,19 @@ ZNRTransMessage::ParseResult_t ZNRTransMessage::ParseHeader(unsigned char const*
     return PARSE_OK;
 }
 
+namespace {
+// Opening a stream pair costs more than inflating a typical body, so each
+// thread keeps one raw stream and resets it between bodies.
+ZNRGzip* ThreadRawInflater() {
+    thread_local std::unique_ptr<ZNRGzip> gzip;
+    if (gzip != nullptr && gzip->ResetDecompress()) return gzip.get();
+    std::unique_ptr<ZNRGzip> fresh(new ZNRGzip());
+    if (!fresh->Open(true)) return nullptr;
+    gzip = std::move(fresh);
+    return gzip.get();
+}
+}  // namespace
+
 ZNRTransMessage::ParseResult_t ZNRTransMessage::ParseGzipBody(unsigned char const* data,
                                                               unsigned int size, ZNRByteBuffer* out,
                                                               std::uint64_t* error) {
@@ -162,11 +176,11 @@ ZNRTransMessage::ParseResult_t ZNRTransMessage::ParseGzipBody(unsigned char cons
     if (size < header.length) return PARSE_NEED_MORE;
     if (out == nullptr || (data == nullptr && header.length > 0)) return Fail(kErrorBody, error);
 
-    ZNRGzip gzip;
+    ZNRGzip* const gzip = ThreadRawInflater();
     bool finished = false;
     unsigned int const kept = out->GetDataCount();
-    if (!gzip.Open(true) ||
-        !gzip.Decompress(data, static_cast<int>(header.length), out, &finished, max_inflate_size_) ||
+    if (gzip == nullptr ||
+        !gzip->Decompress(data, static_cast<int>(header.length), out, &finished, max_inflate_size_) ||
         !finished) {
         // Partial output of a bad body is not left behind.
         out->ResetDataCount(kept);
