@@ -31,6 +31,29 @@ ZNRNetAddrInfo const* BindAddrOf(ZNRSocket* socket, ZNRNetAddrInfo*& local, std:
     return nullptr;
 }
 
+// True when rc is 0; otherwise the device keeps it as its last error.
+bool Kept(ZNRDevice* device, std::uint64_t rc) {
+    if (rc == 0) return true;
+    device->SetError(rc);
+    return false;
+}
+
+// A byte count from a socket call, or -1 with the reason kept in the device.
+template <class Call>
+int Transfer(ZNRDevice* device, ZNRSocket* socket, Call call) {
+    if (socket == nullptr) {
+        device->SetError(kNoSocket);
+        return -1;
+    }
+    std::uint64_t err = 0;
+    int const n = call(socket, &err);
+    if (n < 0) {
+        device->SetError(err);
+        return -1;
+    }
+    return n;
+}
+
 bool BadBuffer(void const* buf, int len) { return len < 0 || (buf == nullptr && len > 0); }
 
 } // namespace
@@ -148,48 +171,18 @@ bool ZNRTcpDevice::Accept(ZNRDevice* client) {
 }
 
 int ZNRTcpDevice::Read(unsigned char* buf, int len) {
-    if (socket_ == nullptr) {
-        SetError(kNoSocket);
-        return -1;
-    }
-    std::uint64_t err = 0;
-    int const n = socket_->Recv(buf, len, &err);
-    if (n < 0) {
-        SetError(err);
-        return -1;
-    }
-    return n;
+    return Transfer(this, socket_, [&](ZNRSocket* s, std::uint64_t* err) { return s->Recv(buf, len, err); });
 }
 
 int ZNRTcpDevice::Write(unsigned char const* buf, int len) {
-    if (socket_ == nullptr) {
-        SetError(kNoSocket);
-        return -1;
-    }
-    std::uint64_t err = 0;
-    int const n = socket_->Send(buf, len, &err);
-    if (n < 0) {
-        SetError(err);
-        return -1;
-    }
-    return n;
+    return Transfer(this, socket_, [&](ZNRSocket* s, std::uint64_t* err) { return s->Send(buf, len, err); });
 }
 
 int ZNRTcpDevice::GetFd() { return socket_ != nullptr ? socket_->GetFd() : -1; }
 
-bool ZNRTcpDevice::CloseRead() {
-    std::uint64_t const rc = socket_ != nullptr ? socket_->CloseRecv() : kNoSocket;
-    if (rc == 0) return true;
-    SetError(rc);
-    return false;
-}
+bool ZNRTcpDevice::CloseRead() { return Kept(this, socket_ != nullptr ? socket_->CloseRecv() : kNoSocket); }
 
-bool ZNRTcpDevice::CloseWrite() {
-    std::uint64_t const rc = socket_ != nullptr ? socket_->CloseSend() : kNoSocket;
-    if (rc == 0) return true;
-    SetError(rc);
-    return false;
-}
+bool ZNRTcpDevice::CloseWrite() { return Kept(this, socket_ != nullptr ? socket_->CloseSend() : kNoSocket); }
 
 bool ZNRTcpDevice::Close() {
     delete local_addr_;
@@ -276,34 +269,16 @@ int ZNRUdpDevice::Write(unsigned char const* buf, int len) {
         SetError(kNoDestination);
         return -1;
     }
-    if (socket_ == nullptr) {
-        SetError(kNoSocket);
-        return -1;
-    }
-    std::uint64_t err = 0;
-    int const n = socket_->SendTo(buf, len, &err, last_send_peer_);
-    if (n < 0) {
-        SetError(err);
-        return -1;
-    }
-    return n;
+    return Transfer(this, socket_, [&](ZNRSocket* s, std::uint64_t* err) {
+        return s->SendTo(buf, len, err, last_send_peer_);
+    });
 }
 
 int ZNRUdpDevice::GetFd() { return socket_ != nullptr ? socket_->GetFd() : -1; }
 
-bool ZNRUdpDevice::CloseRead() {
-    std::uint64_t const rc = socket_ != nullptr ? socket_->CloseRecv() : kNoSocket;
-    if (rc == 0) return true;
-    SetError(rc);
-    return false;
-}
+bool ZNRUdpDevice::CloseRead() { return Kept(this, socket_ != nullptr ? socket_->CloseRecv() : kNoSocket); }
 
-bool ZNRUdpDevice::CloseWrite() {
-    std::uint64_t const rc = socket_ != nullptr ? socket_->CloseSend() : kNoSocket;
-    if (rc == 0) return true;
-    SetError(rc);
-    return false;
-}
+bool ZNRUdpDevice::CloseWrite() { return Kept(this, socket_ != nullptr ? socket_->CloseSend() : kNoSocket); }
 
 bool ZNRUdpDevice::Close() {
     delete local_addr_;
