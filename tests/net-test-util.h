@@ -3,6 +3,8 @@
 
 #include <plexa/plexa.h>
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <netinet/in.h>
 #include <poll.h>
@@ -13,24 +15,45 @@
 namespace nettest {
 
 inline std::string Str(ZNRString const& s) { return s.ToStdCStr(); }
+inline std::string Bytes(unsigned char const* p, int n) { return std::string(reinterpret_cast<char const*>(p), n); }
+// "address port", to compare both texts of an address at once.
+inline std::string Text(ZNRNetAddrInfo const& a) { return Str(a.GetAddrStr()) + " " + Str(a.GetPortStr()); }
+inline unsigned char const* U(std::string const& s) { return reinterpret_cast<unsigned char const*>(s.data()); }
 
 // Waits at most five seconds, so that a missing peer fails a test instead
 // of hanging it.
-inline bool WaitFor(int fd, short events) {
+inline bool WaitFor(int fd, short events = POLLIN) {
     pollfd p{fd, events, 0};
     return ::poll(&p, 1, 5000) == 1;
 }
-inline bool WaitReadable(int fd) { return WaitFor(fd, POLLIN); }
 
-inline bool HasIpv6Loopback() {
-    int fd = ::socket(AF_INET6, SOCK_STREAM, 0);
-    if (fd < 0) return false;
+inline sockaddr_in6 Loopback6(unsigned short port) {
     sockaddr_in6 sin6{};
     sin6.sin6_family = AF_INET6;
+    sin6.sin6_port = htons(port);
     sin6.sin6_addr = in6addr_loopback;
-    bool const ok = ::bind(fd, reinterpret_cast<sockaddr*>(&sin6), sizeof(sin6)) == 0;
-    ::close(fd);
+    return sin6;
+}
+
+inline bool HasIpv6Loopback() {
+    int const fd = ::socket(AF_INET6, SOCK_STREAM, 0);
+    sockaddr_in6 sin6 = Loopback6(0);
+    bool const ok = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&sin6), sizeof(sin6)) == 0;
+    if (fd >= 0) ::close(fd);
     return ok;
+}
+
+inline ZNRNetAddrInfo V4(char const* ip, std::string const& port) {
+    ZNRNetAddrInfo addr(ZNRNetAddrInfo::TYPE_IPV4);
+    EXPECT_EQ(0u, addr.Open(ZNRString(port), ZNRString(ip)));
+    return addr;
+}
+
+inline ZNRNetAddrInfo V6Loopback(unsigned short port = 0) {
+    sockaddr_in6 sin6 = Loopback6(port);
+    ZNRNetAddrInfo addr(ZNRNetAddrInfo::TYPE_IPV6);
+    EXPECT_EQ(0u, addr.Open(reinterpret_cast<sockaddr*>(&sin6), sizeof(sin6)));
+    return addr;
 }
 
 struct DestroyDevice {
@@ -38,11 +61,8 @@ struct DestroyDevice {
 };
 template <class D>
 using DevicePtr = std::unique_ptr<D, DestroyDevice>;
-
 template <class D>
-DevicePtr<D> MakeDevice() {
-    return DevicePtr<D>(new D());
-}
+DevicePtr<D> MakeDevice() { return DevicePtr<D>(new D()); }
 
 }  // namespace nettest
 

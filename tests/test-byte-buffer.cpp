@@ -2,39 +2,32 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace {
 
-// Records every request and checks that each block comes back.
+// Records every request and checks that each block comes back exactly once.
 class CountingAllocator : public ZNRMemAllocator {
 public:
     void* Alloc(unsigned int size, char const* owner_file, unsigned int) override {
         sizes.push_back(size);
         files.push_back(owner_file != nullptr ? owner_file : "");
-        if (fail) return nullptr;
-        unsigned char* p = new unsigned char[size];
-        live[p] = size;
-        return p;
+        return fail ? nullptr : *live.insert(new unsigned char[size]).first;
     }
     std::uint64_t Free(void* p) override {
         ++frees;
-        unknown_frees += live.erase(static_cast<unsigned char*>(p)) == 0;
+        EXPECT_EQ(1u, live.erase(static_cast<unsigned char*>(p)));
         delete[] static_cast<unsigned char*>(p);
         return 0;
     }
-    ~CountingAllocator() override {
-        EXPECT_TRUE(live.empty());
-        EXPECT_EQ(0, unknown_frees);
-    }
+    ~CountingAllocator() override { EXPECT_TRUE(live.empty()); }
 
     std::vector<unsigned int> sizes;
     std::vector<std::string> files;
-    std::map<unsigned char*, unsigned int> live;
+    std::set<unsigned char*> live;
     int frees = 0;
-    int unknown_frees = 0;
     bool fail = false;
 };
 
@@ -53,13 +46,11 @@ TEST(ByteBufferTest, ConstructionGrowthAndOwnerNames) {
 
     empty.ExtendCapacity(0);
     empty.ExtendCapacity(16);
-    EXPECT_EQ(16u, empty.GetCapacity());
     EXPECT_EQ(0u, empty.GetDataCount());
     empty.AppendData(Bytes("0123456789abcdef"), 16);
     empty.AppendData(Bytes("X"), 1);  // no room: the buffer does not grow
     EXPECT_EQ("0123456789abcdef", Content(empty));
     EXPECT_EQ(16u, empty.GetCapacity());
-
     empty.ExtendCapacity(4);
     ZNRByteBuffer tail(Bytes("WXYZ"), 4, &alloc);
     EXPECT_EQ(0u, tail.GetFreeCapacity());
@@ -70,16 +61,14 @@ TEST(ByteBufferTest, ConstructionGrowthAndOwnerNames) {
     EXPECT_EQ((std::vector<unsigned int>{16, 20, 4}), alloc.sizes);
     EXPECT_EQ(1, alloc.frees);
     for (std::string const& file : alloc.files) EXPECT_NE(std::string::npos, file.find("znr-byte-buffer")) << file;
-
-    ZNRByteBuffer defaulted(4);
-    EXPECT_EQ(ZNRSingleton<ZNRMemAllocator>::Instance(), defaulted.GetAllocator());
+    EXPECT_EQ(ZNRSingleton<ZNRMemAllocator>::Instance(), ZNRByteBuffer(4).GetAllocator());
 
     // A failing allocator leaves a null block with the stated capacity.
     alloc.fail = true;
     ZNRByteBuffer failed(8, &alloc);
+    failed.AppendData(Bytes("abc"), 3);
     EXPECT_EQ(nullptr, failed.GetData());
     EXPECT_EQ(8u, failed.GetCapacity());
-    failed.AppendData(Bytes("abc"), 3);
     EXPECT_EQ(0u, failed.GetDataCount());
 }
 
@@ -93,9 +82,9 @@ TEST(ByteBufferTest, SetCapacityAndCutting) {
     EXPECT_EQ("abcd", Content(buffer));
     EXPECT_EQ((std::vector<unsigned int>{10, 4, 32}), alloc.sizes);
     buffer.SetCapacity(0);
+    buffer.SetCapacity(0);
     EXPECT_EQ(nullptr, buffer.GetData());
     EXPECT_EQ(0u, buffer.GetCapacity() + buffer.GetDataCount());
-    buffer.SetCapacity(0);
     EXPECT_EQ(3, alloc.frees);
 
     // The remaining bytes overlap their new place; the block stays.
@@ -104,7 +93,6 @@ TEST(ByteBufferTest, SetCapacityAndCutting) {
     text.CutData(2);
     EXPECT_EQ("23456789ABCDEFGHIJ", Content(text));
     text.CutDataTail(8);
-    EXPECT_EQ("23456789AB", Content(text));
     text.CutData(7);
     EXPECT_EQ("9AB", Content(text));
     EXPECT_EQ(block, text.GetData());
@@ -120,19 +108,16 @@ TEST(ByteBufferTest, CopiesKeepTheirOwnAllocators) {
     CountingAllocator alloc, other;
     ZNRByteBuffer source(Bytes("payload"), 7, &alloc);
     source.ExtendCapacity(9);
-    ZNRByteBuffer copy(source);
+    ZNRByteBuffer copy(source), target(Bytes("old"), 3, &other);
     EXPECT_EQ(&alloc, copy.GetAllocator());
-    EXPECT_EQ(16u, copy.GetCapacity());
-    EXPECT_EQ("payload", Content(copy));
     EXPECT_NE(source.GetData(), copy.GetData());
-
-    ZNRByteBuffer target(Bytes("old"), 3, &other);
     target = source;
-    ZNRByteBuffer const& self = target;
-    target = self;
+    target = static_cast<ZNRByteBuffer const&>(target);
+    for (ZNRByteBuffer const* b : {&copy, &target}) {
+        EXPECT_EQ(16u, b->GetCapacity());
+        EXPECT_EQ("payload", Content(*b));
+    }
     EXPECT_EQ(&other, target.GetAllocator());
-    EXPECT_EQ(16u, target.GetCapacity());
-    EXPECT_EQ("payload", Content(target));
     EXPECT_EQ((std::vector<unsigned int>{3, 16}), other.sizes);
 
     ZNRByteBuffer empty(0u, &other), empty_copy(empty);

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wire-log-capture.h"
+#include "log-capture.h"
 
 #include <string>
 #include <vector>
@@ -188,7 +188,7 @@ TEST(DataDispatcher, FrameSplitAtEveryByte) {
 }
 
 TEST(DataDispatcher, TransFramingErrorsStopTheStream) {
-    WireLogCapture log;
+    LogCapture log;
     Recorder r;
     int consumed = 77;
 
@@ -254,7 +254,7 @@ TEST(DataDispatcher, InflatedBodyPastTheLimitIsAParseError) {
     Bytes const frame =
         Frame(Bytes(deflated.GetData(), deflated.GetData() + deflated.GetDataCount()), false, 1);
 
-    WireLogCapture log;
+    LogCapture log;
     Recorder r;
     int consumed = 5;
     EXPECT_FALSE(r.DispatchData(frame.data(), static_cast<int>(frame.size()), &consumed,
@@ -391,7 +391,7 @@ TEST(DataDispatcher, LineModesAtTheEdges) {
 }
 
 TEST(DataDispatcher, LineConversionAndHandlerFailures) {
-    WireLogCapture log;
+    LogCapture log;
     Bytes const bad = B("ok\n\xFF\xFE\nlater\n");
     Recorder unix_lines;
     int consumed = 9;

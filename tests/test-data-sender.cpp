@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wire-log-capture.h"
+#include "log-capture.h"
 
 #include <string>
 #include <vector>
@@ -288,7 +288,7 @@ TEST(DataSender, RoundTripThroughDispatcherAndMaps) {
 
     // Entity headers are read little-endian whatever the sender's order:
     // a big-endian sender's uri 0x00010002 arrives as 0x02000100.
-    WireLogCapture log;
+    LogCapture log;
     Word word;
     ZNRDataSender big(true);
     ASSERT_EQ(0u, big.CreateByEntityProtocol(ZNRMakeEntityUri(1, 2), word, 0));

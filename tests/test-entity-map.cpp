@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wire-log-capture.h"
+#include "log-capture.h"
 
 #include <string>
 #include <vector>
@@ -84,7 +84,7 @@ struct PointService {
 }  // namespace
 
 TEST(EntityMap, DispatchFoundNotFoundAndShort) {
-    WireLogCapture log;
+    LogCapture log;
     std::vector<ProxyCall> calls;
     std::vector<int> ended;
     ZNREntityMap map;
@@ -209,7 +209,7 @@ TEST(EntityMap, TypedTargetsUnpackAndCall) {
 }
 
 TEST(CompatEntityMap, HeaderErrorsAndDispatch) {
-    WireLogCapture log;
+    LogCapture log;
     std::vector<ProxyCall> calls;
     std::vector<int> ended;
     ZNRCompatEntityMap map;

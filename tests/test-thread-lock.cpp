@@ -4,9 +4,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 namespace {
 
@@ -17,74 +18,49 @@ auto OnOtherThread(F f) {
 
 // Whether another thread can take the lock right now; it lets go at once.
 bool OtherCanLock(ZNRThreadMutex& m) {
-    return OnOtherThread([&] {
-        bool got = m.Trylock();
-        if (got) m.Unlock();
-        return got;
-    });
+    return OnOtherThread([&] { return m.Trylock() ? (m.Unlock(), true) : false; });
 }
-bool OtherCanRead(ZNRThreadRWMutex& rw) {
+
+// {can read, can write} for another thread right now.
+using Access = std::pair<bool, bool>;
+Access const kNone{false, false}, kReadOnly{true, false}, kBoth{true, true};
+Access Others(ZNRThreadRWMutex& rw) {
     return OnOtherThread([&] {
-        bool got = rw.TrylockRead();
-        if (got) rw.Unlock();
-        return got;
-    });
-}
-bool OtherCanWrite(ZNRThreadRWMutex& rw) {
-    return OnOtherThread([&] {
-        bool got = rw.TrylockWrite();
-        if (got) rw.Unlock();
-        return got;
+        bool read = rw.TrylockRead() ? (rw.Unlock(), true) : false;
+        return Access(read, rw.TrylockWrite() ? (rw.Unlock(), true) : false);
     });
 }
 
-// Takes a lock on a thread of its own and releases it there on demand, so
-// that locks owned by a thread are also released by it.
+// Takes rw on a thread of its own and releases it there on demand, since
+// the owning thread must be the one to unlock.
 class Holder {
 public:
-    Holder(std::function<void()> take, std::function<void()> release)
-        : thread_([this, take, release] {
-              take();
+    Holder(ZNRThreadRWMutex& rw, bool write)
+        : thread_([this, &rw, write] {
+              write ? rw.LockWrite() : rw.LockRead();
               taken_.set_value();
               go_.get_future().wait();
-              release();
+              rw.Unlock();
           }) {}
     ~Holder() { Release(); }
-    // Blocks until the lock is held.
     void WaitTaken() { taken_future_.wait(); }
-    bool IsTaken() {
-        return taken_future_.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready;
-    }
-    void Release() {
-        if (!thread_.joinable()) return;
-        go_.set_value();
-        thread_.join();
-    }
+    // A bounded look: a false answer may only mean "not yet".
+    bool IsTaken() { return taken_future_.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready; }
+    void Release() { if (thread_.joinable()) { go_.set_value(); thread_.join(); } }
 
 private:
-    std::promise<void> taken_;
+    std::promise<void> taken_, go_;
     std::future<void> taken_future_ = taken_.get_future();
-    std::promise<void> go_;
     std::thread thread_;
 };
 
-class TestCond : public ZNRThreadCond {
-public:
+struct TestCond : ZNRThreadCond {
     bool ready = false;
     std::atomic<int> checks{0};
     void* last_check_arg = nullptr;
     int handled = 0;
-
-protected:
-    bool OnCheckCond(void* arg) override {
-        ++checks;
-        last_check_arg = arg;
-        return ready;
-    }
-    void* OnSignalHandle(void* arg) override {
-        ++handled;
-        return arg;
-    }
+    bool OnCheckCond(void* arg) override { ++checks; last_check_arg = arg; return ready; }
+    void* OnSignalHandle(void* arg) override { ++handled; return arg; }
 };
 
 } // namespace
@@ -95,12 +71,10 @@ TEST(ThreadMutex, RecursiveOwnerAndExclusiveOthers) {
     EXPECT_TRUE(m.Trylock());
     EXPECT_FALSE(OtherCanLock(m));
     m.Unlock();
-    // Still held once: another thread must not get it yet.
-    EXPECT_FALSE(OtherCanLock(m));
+    EXPECT_FALSE(OtherCanLock(m));  // still held once
     m.Unlock();
     EXPECT_TRUE(OtherCanLock(m));
     EXPECT_NE(nullptr, m.GetFd());
-
     {
         ZNRGuardLock outer(&m);
         ZNRGuardSpinLock inner(&m, __FILE__, __LINE__);
@@ -109,103 +83,66 @@ TEST(ThreadMutex, RecursiveOwnerAndExclusiveOthers) {
     EXPECT_TRUE(OtherCanLock(m));
 }
 
-TEST(ThreadRWMutex, ReadersShareAndKeepWritersOut) {
+TEST(ThreadRWMutex, ReadersShareWritersExcludeAndGuardsRelease) {
     ZNRThreadRWMutex rw;
     rw.LockRead();
-    Holder second_reader([&] { EXPECT_TRUE(rw.TrylockRead()); }, [&] { rw.Unlock(); });
+    Holder second_reader(rw, false);
     second_reader.WaitTaken();
-    EXPECT_FALSE(OtherCanWrite(rw));
+    EXPECT_EQ(kReadOnly, Others(rw));
     rw.Unlock();
-    // One reader left.
-    EXPECT_FALSE(OtherCanWrite(rw));
-    EXPECT_TRUE(OtherCanRead(rw));
+    EXPECT_EQ(kReadOnly, Others(rw));  // one reader left
     second_reader.Release();
-    EXPECT_TRUE(OtherCanWrite(rw));
+    EXPECT_EQ(kBoth, Others(rw));
 
-    // A writer keeps both readers and other writers out until it unlocks.
-    Holder writer([&] { EXPECT_TRUE(rw.TrylockWrite()); }, [&] { rw.Unlock(); });
+    Holder writer(rw, true);
     writer.WaitTaken();
-    EXPECT_FALSE(OtherCanRead(rw));
-    EXPECT_FALSE(OtherCanWrite(rw));
+    EXPECT_EQ(kNone, Others(rw));
     writer.Release();
-    EXPECT_TRUE(OtherCanRead(rw));
-    // Read, then write, then read again on one thread.
-    rw.LockRead();
-    rw.Unlock();
-    rw.LockWrite();
-    rw.Unlock();
-    EXPECT_TRUE(OtherCanRead(rw));
-    EXPECT_TRUE(OtherCanWrite(rw));
+    EXPECT_EQ(kBoth, Others(rw));
+
+    // Read then write on one thread. A guard left locked would hang the next one: stop at the first.
+    { ZNRGuardReadLock g(&rw); EXPECT_EQ(kReadOnly, Others(rw)); }
+    ASSERT_EQ(kBoth, Others(rw));
+    { ZNRGuardReadSpinLock g(&rw, __FILE__, __LINE__); EXPECT_EQ(kReadOnly, Others(rw)); }
+    ASSERT_EQ(kBoth, Others(rw));
+    { ZNRGuardWriteLock g(&rw); EXPECT_EQ(kNone, Others(rw)); }
+    ASSERT_EQ(kBoth, Others(rw));
+    { ZNRGuardWriteSpinLock g(&rw, __FILE__, __LINE__); EXPECT_EQ(kNone, Others(rw)); }
+    EXPECT_EQ(kBoth, Others(rw));
 }
 
 TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
     ZNRThreadRWMutex rw;
-    Holder reader1([&] { rw.LockRead(); }, [&] { rw.Unlock(); });
-    Holder reader2([&] { rw.LockRead(); }, [&] { rw.Unlock(); });
+    Holder reader1(rw, false), reader2(rw, false);
     reader1.WaitTaken();
     reader2.WaitTaken();
-
-    Holder writer([&] { rw.LockWrite(); }, [&] { rw.Unlock(); });
+    Holder writer(rw, true);
     EXPECT_FALSE(writer.IsTaken());
-    // A waiting writer does not hold readers back.
-    EXPECT_TRUE(OtherCanRead(rw));
+    EXPECT_EQ(kReadOnly, Others(rw));  // a waiting writer does not hold readers back
     reader1.Release();
     EXPECT_FALSE(writer.IsTaken());
     reader2.Release();
     writer.WaitTaken();
-    EXPECT_FALSE(OtherCanRead(rw));
-
+    EXPECT_EQ(kNone, Others(rw));
     // A blocking reader gets in once the writer leaves.
-    Holder late_reader([&] { rw.LockRead(); }, [&] { rw.Unlock(); });
+    Holder late_reader(rw, false);
     EXPECT_FALSE(late_reader.IsTaken());
     writer.Release();
     late_reader.WaitTaken();
     late_reader.Release();
-    EXPECT_TRUE(OtherCanWrite(rw));
-}
-
-TEST(ThreadRWMutex, GuardsReleaseOnScopeExit) {
-    ZNRThreadRWMutex rw;
-    {
-        ZNRGuardReadLock g(&rw);
-        EXPECT_FALSE(OtherCanWrite(rw));
-        EXPECT_TRUE(OtherCanRead(rw));
-    }
-    EXPECT_TRUE(OtherCanWrite(rw));
-    {
-        ZNRGuardReadSpinLock g(&rw, __FILE__, __LINE__);
-        EXPECT_FALSE(OtherCanWrite(rw));
-    }
-    EXPECT_TRUE(OtherCanWrite(rw));
-    {
-        ZNRGuardWriteLock g(&rw);
-        EXPECT_FALSE(OtherCanRead(rw));
-        EXPECT_FALSE(OtherCanWrite(rw));
-    }
-    EXPECT_TRUE(OtherCanRead(rw));
-    {
-        ZNRGuardWriteSpinLock g(&rw, __FILE__, __LINE__);
-        EXPECT_FALSE(OtherCanRead(rw));
-    }
-    EXPECT_TRUE(OtherCanRead(rw));
-    EXPECT_TRUE(OtherCanWrite(rw));
+    EXPECT_EQ(kBoth, Others(rw));
 }
 
 TEST(ThreadCond, TimeoutAndConditionAlreadyTrue) {
     ZNRThreadMutex m;
     TestCond cond;
     ASSERT_EQ(0u, cond.Open(&m, false));
-    int check_arg = 0;
-    int fetch_arg = 0;
+    int check_arg = 0, fetch_arg = 0;
     void* result = &cond;
     std::uint64_t error = 0;
-
     EXPECT_EQ(0, cond.Wait(0, &check_arg, &fetch_arg, &result, &error));
-    EXPECT_EQ(1, cond.checks.load());
-    EXPECT_EQ(&check_arg, cond.last_check_arg);
-    EXPECT_EQ(0, cond.handled);
-    EXPECT_EQ(static_cast<void*>(&cond), result);
-    EXPECT_EQ(0u, error);
+    EXPECT_EQ(std::make_tuple(1, static_cast<void*>(&check_arg), 0, static_cast<void*>(&cond), 0ull),
+              std::make_tuple(cond.checks.load(), cond.last_check_arg, cond.handled, result, error));
 
     // A pending signal with a false condition: woken once, checked again,
     // then the second zero-length wait times out.
@@ -218,12 +155,10 @@ TEST(ThreadCond, TimeoutAndConditionAlreadyTrue) {
     cond.ready = true;
     cond.checks = 0;
     EXPECT_EQ(1, cond.Wait(0, &check_arg, &fetch_arg, &result, nullptr));
-    EXPECT_EQ(&fetch_arg, result);
-    EXPECT_EQ(1, cond.checks.load());
-    EXPECT_EQ(1, cond.handled);
+    EXPECT_EQ(std::make_tuple(static_cast<void*>(&fetch_arg), 1, 1),
+              std::make_tuple(result, cond.checks.load(), cond.handled));
     EXPECT_EQ(1, cond.Wait(-1, nullptr, nullptr, nullptr, nullptr));
-    // The mutex is free again after every return.
-    EXPECT_TRUE(OtherCanLock(m));
+    EXPECT_TRUE(OtherCanLock(m));  // free again after every return
 }
 
 TEST(ThreadCond, SignalFromAnotherThreadWakesWaiter) {
@@ -240,59 +175,43 @@ TEST(ThreadCond, SignalFromAnotherThreadWakesWaiter) {
             return std::make_pair(rc, result);
         });
         while (cond.checks.load() < 1) std::this_thread::yield();
-
         // A signal while the condition is still false sends the waiter back.
         ASSERT_EQ(0u, cond.Signal());
         while (cond.checks.load() < 2) std::this_thread::yield();
         EXPECT_EQ(std::future_status::timeout, waiter.wait_for(std::chrono::milliseconds(50)));
-
         {
             ZNRGuardLock g(&m);
             cond.ready = true;
         }
         ASSERT_EQ(0u, cond.Signal());
-        auto [rc, result] = waiter.get();
-        EXPECT_EQ(1, rc);
-        EXPECT_EQ(&fetch_arg, result);
+        EXPECT_EQ(std::make_pair(1, static_cast<void*>(&fetch_arg)), waiter.get());
         EXPECT_EQ(1, cond.handled);
     }
 }
 
-TEST(TLS, UnsetIsNullAndValuesArePerThread) {
-    ZNRTLS tls;
+TEST(TLS, UnsetIsNullAndValuesArePerThreadAndPerSlot) {
+    ZNRTLS tls, second;
     ASSERT_EQ(0u, tls.Open());
-    int main_value = 1;
-    int other_value = 2;
-    void* out = &out;
-    EXPECT_EQ(0u, tls.Get(&out));
-    EXPECT_EQ(nullptr, out);
-
+    ASSERT_EQ(0u, second.Open());
+    // Get() returning {rc, value}, starting from a non-null value.
+    auto get = [](ZNRTLS& t) {
+        void* out = &out;
+        std::uint64_t rc = t.Get(&out);
+        return std::make_pair(rc, out);
+    };
+    using R = std::pair<std::uint64_t, void*>;
+    int main_value = 1, other_value = 2;
+    EXPECT_EQ(R(0, nullptr), get(tls));
     ASSERT_EQ(0u, tls.Set(&main_value));
     auto other = OnOtherThread([&] {
-        void* before = &before;
-        std::uint64_t rc1 = tls.Get(&before);
-        std::uint64_t rc2 = tls.Set(&other_value);
-        void* after = nullptr;
-        std::uint64_t rc3 = tls.Get(&after);
-        return std::make_tuple(rc1 | rc2 | rc3, before, after);
+        R before = get(tls);
+        std::uint64_t rc = tls.Set(&other_value);
+        return std::make_tuple(before, rc, get(tls));
     });
-    EXPECT_EQ(0u, std::get<0>(other));
-    EXPECT_EQ(nullptr, std::get<1>(other));
-    EXPECT_EQ(&other_value, std::get<2>(other));
-    EXPECT_EQ(0u, tls.Get(&out));
-    EXPECT_EQ(&main_value, out);
-
+    EXPECT_EQ(std::make_tuple(R(0, nullptr), 0ull, R(0, &other_value)), other);
+    EXPECT_EQ(R(0, &main_value), get(tls));
+    EXPECT_EQ(R(0, nullptr), get(second));  // slots do not share values
     // A stored null is a value, not an error.
     ASSERT_EQ(0u, tls.Set(nullptr));
-    out = &out;
-    EXPECT_EQ(0u, tls.Get(&out));
-    EXPECT_EQ(nullptr, out);
-
-    // Two slots do not share values.
-    ZNRTLS second;
-    ASSERT_EQ(0u, second.Open());
-    ASSERT_EQ(0u, tls.Set(&main_value));
-    out = &out;
-    EXPECT_EQ(0u, second.Get(&out));
-    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(R(0, nullptr), get(tls));
 }
