@@ -35,6 +35,24 @@ void BM_PoolAllocFree(benchmark::State& state) {
 }
 BENCHMARK(BM_PoolAllocFree)->Arg(64)->Arg(512)->Arg(4096);
 
+// The same on a bare block pool: the pool's share of the cost above.
+void BM_BlockPoolAllocFree(benchmark::State& state) {
+    unsigned int const size = static_cast<unsigned int>(state.range(0));
+    ZNRBlockMemoryPool::InitParam param;
+    param.block_pools->push_back(ZNRBlockMemoryPool::BlockPoolInfo(64, 256, 4096));
+    param.block_pools->push_back(ZNRBlockMemoryPool::BlockPoolInfo(512, 256, 4096));
+    param.block_pools->push_back(ZNRBlockMemoryPool::BlockPoolInfo(4096, 256, 4096));
+    ZNRBlockMemoryPool pool;
+    pool.Init(&param);
+    std::uint64_t error = 0;
+    for (auto _ : state) {
+        void* p = pool.Alloc(size, __FILE__, __LINE__, &error);
+        benchmark::DoNotOptimize(p);
+        pool.Free(p);
+    }
+}
+BENCHMARK(BM_BlockPoolAllocFree)->Arg(64)->Arg(512)->Arg(4096);
+
 void BM_MallocFree(benchmark::State& state) {
     std::size_t const size = static_cast<std::size_t>(state.range(0));
     for (auto _ : state) {

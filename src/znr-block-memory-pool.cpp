@@ -2,103 +2,161 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-logger.h>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <new>
-#include <set>
+#include <vector>
 
 namespace {
 
-// Keeps the nodes a container gives back and hands them out again, so that
-// moving a block between the free set and the used map makes no heap call
-// once both have seen their first nodes.
-class NodeCache {
-public:
-    NodeCache() : head_(nullptr), size_(0) {}
-    ~NodeCache() {
-        while (head_ != nullptr) {
-            Node* next = head_->next;
-            ::operator delete(head_);
-            head_ = next;
-        }
-    }
-    NodeCache(NodeCache const&) = delete;
-    NodeCache& operator=(NodeCache const&) = delete;
-
-    void* Take(std::size_t size) {
-        if (size_ == 0 && size >= sizeof(Node)) size_ = size;
-        if (size == size_ && head_ != nullptr) {
-            Node* node = head_;
-            head_ = node->next;
-            return node;
-        }
-        return ::operator new(size);
-    }
-
-    void Give(void* p, std::size_t size) {
-        if (size != size_) {
-            ::operator delete(p);
-            return;
-        }
-        Node* node = static_cast<Node*>(p);
-        node->next = head_;
-        head_ = node;
-    }
-
-private:
-    struct Node {
-        Node* next;
-    };
-    Node* head_;
-    std::size_t size_;
-};
-
-template <class T>
-struct NodeAllocator {
-    typedef T value_type;
-
-    explicit NodeAllocator(NodeCache* c) : cache(c) {}
-    template <class U>
-    NodeAllocator(NodeAllocator<U> const& other) : cache(other.cache) {}
-
-    T* allocate(std::size_t n) {
-        if (n == 1) return static_cast<T*>(cache->Take(sizeof(T)));
-        return static_cast<T*>(::operator new(n * sizeof(T)));
-    }
-    void deallocate(T* p, std::size_t n) {
-        if (n == 1)
-            cache->Give(p, sizeof(T));
-        else
-            ::operator delete(p);
-    }
-    template <class U>
-    bool operator==(NodeAllocator<U> const& other) const { return cache == other.cache; }
-    template <class U>
-    bool operator!=(NodeAllocator<U> const& other) const { return cache != other.cache; }
-
-    NodeCache* cache;
-};
-
-struct Owner {
-    char const* file;
-    unsigned int line;
-};
-
 typedef unsigned char* Block;
-typedef std::less<Block> ByAddress;
+
+// std::less/greater give a total order even over unrelated allocations.
+inline bool Below(Block a, Block b) { return std::less<Block>()(a, b); }
 
 }  // namespace
 
+// One class's free set and its count of used blocks; the used blocks
+// themselves are in the pool's address index.
 struct ZNRBlockMemoryPool::BlockList {
-    BlockList()
-        : free_blocks(ByAddress(), NodeAllocator<Block>(&free_nodes)),
-          used_blocks(ByAddress(), NodeAllocator<std::pair<Block const, Owner>>(&used_nodes)) {}
+    explicit BlockList(std::uint32_t size)
+        : lowest(nullptr), block_size(size), used_count(0), block_count(0) {}
 
-    // The caches outlive the containers that draw on them.
-    NodeCache free_nodes;
-    NodeCache used_nodes;
-    std::set<Block, ByAddress, NodeAllocator<Block>> free_blocks;
-    std::map<Block, Owner, ByAddress, NodeAllocator<std::pair<Block const, Owner>>> used_blocks;
+    // The lowest free address is kept apart from the heap so that freeing a
+    // block and taking it again, the common case, moves nothing.
+    Block TakeLowest() {
+        if (lowest != nullptr) {
+            Block const block = lowest;
+            lowest = nullptr;
+            return block;
+        }
+        if (others.empty()) return nullptr;
+        std::pop_heap(others.begin(), others.end(), std::greater<Block>());
+        Block const block = others.back();
+        others.pop_back();
+        return block;
+    }
+
+    // Never reallocates: others has room for every block of the class.
+    void PutFree(Block block) {
+        if (lowest == nullptr) {
+            if (others.empty() || Below(block, others.front())) {
+                lowest = block;
+                return;
+            }
+        } else if (Below(block, lowest)) {
+            std::swap(block, lowest);
+        }
+        others.push_back(block);
+        std::push_heap(others.begin(), others.end(), std::greater<Block>());
+    }
+
+    Block lowest;               // null, or below every address in others
+    std::vector<Block> others;  // min-heap by address
+    std::uint32_t block_size;
+    std::uint32_t used_count;
+    std::uint32_t block_count;  // free and used, as taken from the heap
+};
+
+struct ZNRBlockMemoryPool::FastIndex {
+    struct Class {
+        std::uint32_t block_size;
+        std::uint32_t max_count;
+        BlockList* list;
+    };
+
+    struct Used {
+        Block block;  // null marks an empty slot
+        BlockList* list;
+        char const* file;
+        unsigned int line;
+    };
+
+    FastIndex() : mask(0), shift(64), count(0), blocks(0) {}
+
+    std::size_t Home(Block block) const {
+        // Fibonacci hashing: the high bits of the product mix every bit of
+        // the (aligned) address.
+        return static_cast<std::size_t>(
+            (static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(block)) *
+             0x9E3779B97F4A7C15ULL) >>
+            shift);
+    }
+
+    // Room for n used blocks at a load of at most one half, so that inserts
+    // up to n never allocate.
+    void Reserve(std::size_t n) {
+        std::size_t want = 16;
+        unsigned int bits = 4;
+        while (want < 2 * n) {
+            want *= 2;
+            ++bits;
+        }
+        if (want <= slots.size()) return;
+        std::vector<Used> old(want, Used{nullptr, nullptr, nullptr, 0});
+        old.swap(slots);
+        mask = want - 1;
+        shift = 64 - bits;
+        count = 0;
+        for (Used const& used : old)
+            if (used.block != nullptr) Insert(used);
+    }
+
+    void Insert(Used const& used) {
+        std::size_t i = Home(used.block);
+        while (slots[i].block != nullptr) i = (i + 1) & mask;
+        slots[i] = used;
+        ++count;
+    }
+
+    Used* Find(Block block) {
+        if (block == nullptr || count == 0) return nullptr;
+        for (std::size_t i = Home(block);; i = (i + 1) & mask) {
+            if (slots[i].block == block) return &slots[i];
+            if (slots[i].block == nullptr) return nullptr;
+        }
+    }
+
+    // Backward-shift deletion keeps probe chains whole without tombstones.
+    void Erase(Used* used) {
+        std::size_t hole = static_cast<std::size_t>(used - slots.data());
+        for (std::size_t j = (hole + 1) & mask; slots[j].block != nullptr; j = (j + 1) & mask) {
+            std::size_t const home = Home(slots[j].block);
+            if (((j - home) & mask) >= ((j - hole) & mask)) {
+                slots[hole] = slots[j];
+                hole = j;
+            }
+        }
+        slots[hole].block = nullptr;
+        --count;
+    }
+
+    // Makes sure a new block of list can be indexed and freed without
+    // further allocation; false when memory for that is lacking.
+    bool MakeRoom(BlockList* list) {
+        try {
+            Reserve(blocks + 1);
+            std::size_t const need = list->block_count + 1;
+            if (list->others.capacity() < need) {
+                std::size_t room = std::max<std::size_t>(16, 2 * list->others.capacity());
+                list->others.reserve(std::max(room, need));
+            }
+        } catch (std::bad_alloc const&) {
+            return false;
+        }
+        ++blocks;
+        ++list->block_count;
+        return true;
+    }
+
+    std::vector<Class> walk;  // the classes in multimap order
+    std::vector<Used> slots;  // open addressing, power-of-two size
+    std::size_t mask;
+    unsigned int shift;
+    std::size_t count;
+    std::size_t blocks;  // blocks of all classes taken from the heap
 };
 
 ZNRMemoryPool::InitParamBase::~InitParamBase() {}
@@ -109,11 +167,20 @@ void ZNRMemoryPool::Dump() {}
 
 ZNRBlockMemoryPool::InitParam::~InitParam() {}
 
-ZNRBlockMemoryPool::ZNRBlockMemoryPool() : max_capacity_(0), current_size_(0), used_size_(0) {}
+ZNRBlockMemoryPool::ZNRBlockMemoryPool()
+    : max_capacity_(0), current_size_(0), used_size_(0), index_(new FastIndex()) {}
 
 ZNRBlockMemoryPool::~ZNRBlockMemoryPool() {
     Clear();
     for (auto& entry : *classes_) delete entry.second.block_list;
+    delete index_;
+}
+
+void ZNRBlockMemoryPool::RebuildWalk() {
+    index_->walk.clear();
+    for (auto const& entry : *classes_)
+        index_->walk.push_back(FastIndex::Class{entry.second.block_size, entry.second.max_count,
+                                                entry.second.block_list});
 }
 
 std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
@@ -129,19 +196,21 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
                     info.block_size, info.max_count, info.prealloc_count);
             info.max_count = info.prealloc_count;
         }
-        info.block_list = new BlockList();
+        info.block_list = new BlockList(info.block_size);
         std::uint64_t result = 0;
         for (std::uint32_t i = 0; i < info.prealloc_count; ++i) {
             Block block = new (std::nothrow) unsigned char[info.block_size];
-            if (block == nullptr) {
+            if (block == nullptr || !index_->MakeRoom(info.block_list)) {
+                delete[] block;
                 result = ZNRUserError(44);
                 break;
             }
-            info.block_list->free_blocks.insert(block);
+            info.block_list->PutFree(block);
             current_size_ += info.block_size;
         }
         max_capacity_ += info.block_size * info.max_count;
         classes_->emplace(info.block_size, info);
+        RebuildWalk();
         if (result != 0) return result;
     }
     return 0;
@@ -149,23 +218,26 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
 
 void* ZNRBlockMemoryPool::Alloc(unsigned int size, char const* owner_file, unsigned int owner_line,
                                 std::uint64_t* error) {
-    for (auto it = classes_->lower_bound(size); it != classes_->end(); ++it) {
-        BlockPoolInfo const& info = it->second;
-        BlockList* const list = info.block_list;
-        Block block = nullptr;
-        if (!list->free_blocks.empty()) {
-            auto lowest = list->free_blocks.begin();
-            block = *lowest;
-            list->free_blocks.erase(lowest);
-        } else if (list->used_blocks.size() < info.max_count) {
-            block = new (std::nothrow) unsigned char[info.block_size];
+    std::vector<FastIndex::Class> const& walk = index_->walk;
+    auto it = walk.begin();
+    while (it != walk.end() && it->block_size < size) ++it;
+    for (; it != walk.end(); ++it) {
+        BlockList* const list = it->list;
+        Block block = list->TakeLowest();
+        if (block == nullptr) {
+            if (list->used_count >= it->max_count) continue;
+            block = new (std::nothrow) unsigned char[it->block_size];
             if (block == nullptr) break;
-            current_size_ += info.block_size;
-        } else {
-            continue;
+            if (!index_->MakeRoom(list)) {
+                delete[] block;
+                break;
+            }
+            current_size_ += it->block_size;
         }
-        list->used_blocks.emplace(block, Owner{owner_file, owner_line});
-        used_size_ += info.block_size;
+        // Room was made when the block came from the heap.
+        index_->Insert(FastIndex::Used{block, list, owner_file, owner_line});
+        ++list->used_count;
+        used_size_ += it->block_size;
         return block;
     }
     if (error != nullptr) *error = ZNRUserError(44);
@@ -180,37 +252,44 @@ void* ZNRBlockMemoryPool::Alloc(unsigned int size, char fill, char const* owner_
 }
 
 std::uint64_t ZNRBlockMemoryPool::Free(void* p) {
-    Block const block = static_cast<Block>(p);
-    for (auto& entry : *classes_) {
-        BlockList* const list = entry.second.block_list;
-        // The ends of an ordered map are at hand: most classes are ruled
-        // out without a search.
-        if (list->used_blocks.empty() || ByAddress()(block, list->used_blocks.begin()->first) ||
-            ByAddress()(list->used_blocks.rbegin()->first, block))
-            continue;
-        auto used = list->used_blocks.find(block);
-        if (used == list->used_blocks.end()) continue;
-        list->used_blocks.erase(used);
-        list->free_blocks.insert(block);
-        used_size_ -= entry.second.block_size;
-        return 0;
-    }
-    return ZNRUserError(46);
+    // A live block has one address, so the index entry names the one class
+    // whose used blocks hold it.
+    FastIndex::Used* const used = index_->Find(static_cast<Block>(p));
+    if (used == nullptr) return ZNRUserError(46);
+    BlockList* const list = used->list;
+    index_->Erase(used);
+    --list->used_count;
+    list->PutFree(static_cast<Block>(p));
+    used_size_ -= list->block_size;
+    return 0;
 }
 
 std::uint64_t ZNRBlockMemoryPool::Clear() {
-    for (auto& entry : *classes_) {
-        BlockPoolInfo const& info = entry.second;
-        BlockList* const list = info.block_list;
-        for (Block block : list->free_blocks) delete[] block;
-        list->free_blocks.clear();
-        for (auto const& used : list->used_blocks) {
-            ZNR_LOG(WARNING, "Clear used memory block, size=%u, owner_info=%s:%u", info.block_size,
-                    used.second.file != nullptr ? used.second.file : "", used.second.line);
-            delete[] used.first;
+    std::vector<FastIndex::Used> held;
+    for (FastIndex::Class const& c : index_->walk) {
+        BlockList* const list = c.list;
+        delete[] list->lowest;
+        list->lowest = nullptr;
+        for (Block block : list->others) delete[] block;
+        list->others.clear();
+
+        held.clear();
+        for (FastIndex::Used const& used : index_->slots)
+            if (used.block != nullptr && used.list == list) held.push_back(used);
+        std::sort(held.begin(), held.end(), [](FastIndex::Used const& a, FastIndex::Used const& b) {
+            return Below(a.block, b.block);
+        });
+        for (FastIndex::Used const& used : held) {
+            ZNR_LOG(WARNING, "Clear used memory block, size=%u, owner_info=%s:%u", c.block_size,
+                    used.file != nullptr ? used.file : "", used.line);
+            delete[] used.block;
         }
-        list->used_blocks.clear();
+        list->used_count = 0;
+        list->block_count = 0;
     }
+    for (FastIndex::Used& used : index_->slots) used.block = nullptr;
+    index_->count = 0;
+    index_->blocks = 0;
     return 0;
 }
 

@@ -41,7 +41,7 @@ public:
 // 46 (Free: a pointer the pool does not hold as used).
 class ZNR_API ZNRBlockMemoryPool : public ZNRMemoryPool {
 public:
-    // A class's free set and used map; owned by the pool.
+    // A class's free set and its count of used blocks; owned by the pool.
     struct BlockList;
 
     struct ZNR_API BlockPoolInfo {
@@ -84,10 +84,17 @@ public:
     unsigned int GetUsedSize() const override { return used_size_; }
 
 private:
+    // The classes flattened in walk order and an address index of the used
+    // blocks of all classes, so that Alloc and Free search no tree.
+    struct FastIndex;
+
+    void RebuildWalk();
+
     std::uint32_t max_capacity_;
     std::uint32_t current_size_;
     std::uint32_t used_size_;
     ZNRStlAdapter<std::multimap<std::uint32_t, BlockPoolInfo>> classes_;
+    FastIndex* index_;
 };
 
 #endif
