@@ -4,16 +4,6 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-string.h>
 
-namespace {
-
-std::string ErrorText(std::uint64_t error) {
-    ZNRString text;
-    ZNRGetErrorMsg(error, &text);
-    return text.ToStdCStr();
-}
-
-}  // namespace
-
 ZNRCompatEntityMap::ZNRCompatEntityMap() {}
 
 ZNRCompatEntityMap::ZNRCompatEntityMap(ZNRCompatEntityMap const& other)
@@ -48,14 +38,14 @@ bool ZNRCompatEntityMap::DispatchCompatEntity(unsigned char const* data, int siz
     if (error != 0) {
         ZNR_LOG(WARNING,
                 "Get compat entity header length error, may be invalid header?, error=\"%s\"",
-                ErrorText(error).c_str());
+                ZNRGetErrorText(error).c_str());
         return false;
     }
     unsigned int uri = 0;
     error = unpack.Pop(&uri);
     if (error != 0) {
         ZNR_LOG(WARNING, "Get compat entity header uri error, may be invalid header?, error=\"%s\"",
-                ErrorText(error).c_str());
+                ZNRGetErrorText(error).c_str());
         return false;
     }
     unsigned short res_code = 0;
@@ -63,7 +53,7 @@ bool ZNRCompatEntityMap::DispatchCompatEntity(unsigned char const* data, int siz
     if (error != 0) {
         ZNR_LOG(WARNING,
                 "Get compat entity header res code error, may be invalid header?, error=\"%s\"",
-                ErrorText(error).c_str());
+                ZNRGetErrorText(error).c_str());
         return false;
     }
     CompatEntityMap_t::const_iterator it = compat_entity_maps_->find(uri);

@@ -17,12 +17,6 @@ std::uint32_t ReadLE32(unsigned char const* p) {
            (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
 }
 
-std::string ErrorText(std::uint64_t error) {
-    ZNRString text;
-    ZNRGetErrorMsg(error, &text);
-    return text.ToStdCStr();
-}
-
 }  // namespace
 
 ZNRDataDispatcher::ZNRDataDispatcher() {}
@@ -76,11 +70,11 @@ bool ZNRDataDispatcher::DispatchData(unsigned char const* data, int size, int* c
         return true;
     case FAILURE_HEADER:
         ZNR_LOG(WARNING, "Parse trans message header error, error=\"%s\"",
-                ErrorText(error).c_str());
+                ZNRGetErrorText(error).c_str());
         return false;
     case FAILURE_GZIP_BODY:
         ZNR_LOG(WARNING, "Parse trans message body error, invalid gzip data, error=\"%s\"",
-                ErrorText(error).c_str());
+                ZNRGetErrorText(error).c_str());
         return false;
     case FAILURE_COMPRESS_TYPE:
         ZNR_LOG(WARNING, "Parse trans message body error, not support compress type");

@@ -29,10 +29,8 @@ bool ZNREntityMap::DispatchEntity(unsigned char const* data, int size, bool bige
     unsigned int uri = 0;
     std::uint64_t const error = PeekUri(data, size, bigendian, &uri);
     if (error != 0) {
-        ZNRString text;
-        ZNRGetErrorMsg(error, &text);
         ZNR_LOG(WARNING, "Get entity uri error, may be invalid entity data?, error=\"%s\"",
-                text.ToStdCStr().c_str());
+                ZNRGetErrorText(error).c_str());
         return false;
     }
     EntityMap_t::const_iterator it = entity_maps_->find(uri);

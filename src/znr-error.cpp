@@ -56,3 +56,9 @@ void ZNRBreak() {
 }
 
 void ZNRBackTrace() { ZNRPlatformDebugBreak(); }
+
+std::string ZNRGetErrorText(std::uint64_t code) {
+    ZNRString text;
+    ZNRGetErrorMsg(code, &text);
+    return text.ToStdCStr();
+}

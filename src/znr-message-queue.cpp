@@ -8,16 +8,6 @@
 
 template class ZNRSingleton<ZNRMessageQueueMgr>;
 
-namespace {
-
-std::string ErrorText(std::uint64_t code) {
-    ZNRString text;
-    ZNRGetErrorMsg(code, &text);
-    return text.ToStdCStr();
-}
-
-}  // namespace
-
 ZNRMessageHandler::~ZNRMessageHandler() {}
 
 ZNRMessageData::~ZNRMessageData() {}
@@ -25,7 +15,7 @@ ZNRMessageData::~ZNRMessageData() {}
 ZNRMessageQueue::ZNRMessageQueue() : count_(0), registered_(false) {
     std::uint64_t const error = Open(&lock_, false);
     if (error != 0) {
-        ZNR_LOG(ERROR, "Open thread condition error, errmsg=%s", ErrorText(error).c_str());
+        ZNR_LOG(ERROR, "Open thread condition error, errmsg=%s", ZNRGetErrorText(error).c_str());
     }
 }
 
@@ -53,7 +43,7 @@ ZNRMessage* ZNRMessageQueue::Get(ZNRMessage* message, int timeout_seconds) {
     int const result = Wait(timeout_seconds, nullptr, message, nullptr, &error);
     if (result == 1) return message;
     if (result < 0) {
-        ZNR_LOG(ERROR, "Open message error, errmsg=%s", ErrorText(error).c_str());
+        ZNR_LOG(ERROR, "Open message error, errmsg=%s", ZNRGetErrorText(error).c_str());
     }
     return nullptr;
 }
@@ -66,7 +56,7 @@ void ZNRMessageQueue::Post(ZNRMessageHandler* handler, unsigned int id, ZNRMessa
     }
     std::uint64_t const error = Signal();
     if (error != 0) {
-        ZNR_LOG(ERROR, "Signal message error, errmsg=%s", ErrorText(error).c_str());
+        ZNR_LOG(ERROR, "Signal message error, errmsg=%s", ZNRGetErrorText(error).c_str());
     }
 }
 

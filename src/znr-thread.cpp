@@ -14,12 +14,6 @@ template class ZNRSingleton<ZNRThreadMgr>;
 
 namespace {
 
-std::string ErrorText(std::uint64_t code) {
-    ZNRString text;
-    ZNRGetErrorMsg(code, &text);
-    return text.ToStdCStr();
-}
-
 // Handed to the new thread, which frees it.
 struct StartRecord {
     ZNRThread* thread;
@@ -111,7 +105,7 @@ ZNRThreadMgr::ZNRThreadMgr() : adopted_(nullptr) {
     std::uint64_t error = current_.Open();
     if (error == 0) error = current_.Set(nullptr);
     if (error != 0) {
-        ZNR_LOG(ERROR, "Can not init current thread, error_msg=%s", ErrorText(error).c_str());
+        ZNR_LOG(ERROR, "Can not init current thread, error_msg=%s", ZNRGetErrorText(error).c_str());
     }
 }
 
@@ -143,7 +137,7 @@ void ZNRThreadMgr::Remove(ZNRThread* thread) {
 void ZNRThreadMgr::SetCurrent(ZNRThread* thread) {
     std::uint64_t const error = current_.Set(thread);
     if (error != 0) {
-        ZNR_LOG(ERROR, "Can not set current thread, error_msg=%s", ErrorText(error).c_str());
+        ZNR_LOG(ERROR, "Can not set current thread, error_msg=%s", ZNRGetErrorText(error).c_str());
     }
 }
 
@@ -160,7 +154,7 @@ ZNRThread* ZNRThreadMgr::GetCurrent() {
     std::uint64_t error = 0;
     ZNRThreadHandle* handle = ZNRPlatformThreadAdoptCurrent(&error);
     if (error != 0) {
-        ZNR_LOG(ERROR, "Open thread error, error_msg=%s", ErrorText(error).c_str());
+        ZNR_LOG(ERROR, "Open thread error, error_msg=%s", ZNRGetErrorText(error).c_str());
     }
     thread->handle_ = handle;
     thread->started_ = true;

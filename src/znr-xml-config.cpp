@@ -221,12 +221,10 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
             files.push_back(path);
         }
         if (code != 0) {
-            ZNRString text;
-            ZNRGetErrorMsg(code, &text);
             ZNR_LOG(ERROR,
                     "Can not load config file, execute dictate error,                               "
                     "file=\"%s\" line=%d error desc=\"%s\"",
-                    file.ToStdCStr().c_str(), dictate.line, text.ToStdCStr().c_str());
+                    file.ToStdCStr().c_str(), dictate.line, ZNRGetErrorText(code).c_str());
             return false;
         }
         for (ZNRString const& name : files) {

@@ -3,6 +3,8 @@
 
 #include <plexa/znr-export.h>
 
+#include <string>
+
 class ZNRString;
 
 // Error codes: bits 63-62 kind (0 errno, 1 operating system, 2 library,
@@ -42,6 +44,9 @@ ZNR_API std::uint64_t ZNRInit();
 
 // Replaces *out with the text of code ("No error" for 0; unchanged for kind 3).
 ZNR_API void ZNRGetErrorMsg(std::uint64_t const& code, ZNRString* out);
+
+// The same text in the narrow "chs" encoding, for log lines.
+ZNR_API std::string ZNRGetErrorText(std::uint64_t code);
 
 // Writes "Assert failed, ..." to standard error, breaks into an attached
 // debugger and aborts when condition is false.

@@ -51,12 +51,11 @@ public:
         void* const p = record->pool->Alloc(size, owner_file, owner_line, &error);
         if (error == 0) return p;
 
-        ZNRString text;
-        ZNRGetErrorMsg(error, &text);
         ZNR_LOG(DEBUG,
                 "Can not alloc memory from pool, force to use std memory allocator, size=%u, "
                 "owner=%s:%u, error=\"%s\"",
-                size, owner_file != nullptr ? owner_file : "", owner_line, text.ToStdCStr().c_str());
+                size, owner_file != nullptr ? owner_file : "", owner_line,
+                ZNRGetErrorText(error).c_str());
         unsigned char* const heap = new (std::nothrow) unsigned char[size];
         if (heap != nullptr) (*record->heap_blocks)[heap] = HeapBlock{size, owner_file, owner_line};
         return heap;
