@@ -5,6 +5,7 @@
 #include "log-capture.h"
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -27,13 +28,13 @@ struct Word : public ZNRMarshallable {
     std::uint64_t Unmarshal(ZNRUnpack* unpack) override { return unpack->Pop(&value); }
 };
 
+// The first error of a sequence of pushes or pops.
 template <class... T>
 std::uint64_t PushAll(ZNRPack* p, T const&... v) {
     std::uint64_t e = 0;
     ((e = e != 0 ? e : p->Push(v)), ...);
     return e;
 }
-
 template <class... T>
 std::uint64_t PopAll(ZNRUnpack* u, T*... v) {
     std::uint64_t e = 0;
@@ -43,14 +44,8 @@ std::uint64_t PopAll(ZNRUnpack* u, T*... v) {
 
 // One field of every kind the pack encoding has, nested entity included.
 struct Everything : public ZNRMarshallable {
-    char c = 0;
-    unsigned char uc = 0;
-    short s = 0;
-    unsigned short us = 0;
-    int i = 0;
-    unsigned int ui = 0;
-    std::int64_t ll = 0;
-    std::uint64_t ull = 0;
+    char c = 0; unsigned char uc = 0; short s = 0; unsigned short us = 0;
+    int i = 0; unsigned int ui = 0; std::int64_t ll = 0; std::uint64_t ull = 0;
     ZNRString text;
     std::string bytes;
     ZNRByteBuffer buffer;
@@ -64,16 +59,11 @@ struct Everything : public ZNRMarshallable {
     }
 };
 
+// Extreme values in every field; the receiving side starts from zeros.
 Everything Sample() {
     Everything e;
-    e.c = -7;
-    e.uc = 0xF0;
-    e.s = -30000;
-    e.us = 0xBEEF;
-    e.i = -2000000000;
-    e.ui = 0xDEADBEEF;
-    e.ll = -1234567890123456789LL;
-    e.ull = 0xF00DFACECAFEBABEULL;
+    e.c = -7, e.uc = 0xF0, e.s = -30000, e.us = 0xBEEF, e.i = -2000000000, e.ui = 0xDEADBEEF;
+    e.ll = -1234567890123456789LL, e.ull = 0xF00DFACECAFEBABEULL;
     e.text = ZNRString(u"h\u00e9llo \u4e2d\u6587");
     e.bytes = std::string("bin\0ary", 7);
     unsigned char const raw[] = {0x00, 0xFF, 0x10, 0x80};
@@ -83,34 +73,20 @@ Everything Sample() {
     return e;
 }
 
-void ExpectSame(Everything const& a, Everything const& b) {
-    EXPECT_EQ(a.c, b.c);
-    EXPECT_EQ(a.uc, b.uc);
-    EXPECT_EQ(a.s, b.s);
-    EXPECT_EQ(a.us, b.us);
-    EXPECT_EQ(a.i, b.i);
-    EXPECT_EQ(a.ui, b.ui);
-    EXPECT_EQ(a.ll, b.ll);
-    EXPECT_EQ(a.ull, b.ull);
-    EXPECT_TRUE(a.text == b.text);
-    EXPECT_EQ(a.bytes, b.bytes);
-    ASSERT_EQ(a.buffer.GetDataCount(), b.buffer.GetDataCount());
-    EXPECT_EQ(Bytes(a.buffer.GetData(), a.buffer.GetData() + a.buffer.GetDataCount()),
-              Bytes(b.buffer.GetData(), b.buffer.GetData() + b.buffer.GetDataCount()));
-    EXPECT_EQ(a.nested.value, b.nested.value);
+// Every field in comparable form.
+auto Fields(Everything const& e) {
+    std::string text;
+    EXPECT_TRUE(e.text.ToUtf8Str(&text));
+    return std::make_tuple(int(e.c), int(e.uc), e.s, e.us, e.i, e.ui, e.ll, e.ull, text, e.bytes,
+                           Bytes(e.buffer.GetData(), e.buffer.GetData() + e.buffer.GetDataCount()), e.nested.value);
 }
 
 struct Service {
     std::vector<Everything> got;
     std::vector<unsigned short> codes;
-    bool OnEverything(Everything const& e, void*) {
-        got.push_back(e);
-        return true;
-    }
+    bool OnEverything(Everything const& e, void*) { return got.push_back(e), true; }
     bool OnCompatEverything(Everything const& e, unsigned short res_code, void*) {
-        got.push_back(e);
-        codes.push_back(res_code);
-        return true;
+        return got.push_back(e), codes.push_back(res_code), true;
     }
 };
 
@@ -123,55 +99,46 @@ public:
 
 protected:
     bool OnEntityDataDispatch(unsigned char const* d, int n, bool be) override {
-        bool handled = false;
-        if (!entities.DispatchEntity(d, n, be, &handled, nullptr)) return false;
-        unhandled += handled ? 0 : 1;
-        return true;
+        return Note(entities.DispatchEntity(d, n, be, &(handled_ = false), nullptr));
     }
     bool OnCompatEntityDataDispatch(unsigned char const* d, int n, bool be) override {
-        bool handled = false;
-        if (!compat_entities.DispatchCompatEntity(d, n, be, &handled, nullptr)) return false;
-        unhandled += handled ? 0 : 1;
-        return true;
+        return Note(compat_entities.DispatchCompatEntity(d, n, be, &(handled_ = false), nullptr));
     }
+
+private:
+    bool Note(bool ok) { return unhandled += ok && !handled_, ok; }
+    bool handled_ = false;
 };
+
+unsigned char const kData[10] = {'a', 'b', 'c', 4, 5, 6, 7, 8, 9, 10};
 
 }  // namespace
 
 TEST(DataSender, TransMessageFramesAndLimits) {
     ZNRDataSender sender;
-    unsigned char const abc[] = {'a', 'b', 'c'};
-    ASSERT_EQ(0u, sender.CreateByTransMessageProtocol(abc, 3, 0));
+    ASSERT_EQ(0u, sender.CreateByTransMessageProtocol(kData, 3, 0));
     EXPECT_EQ(Bytes({0x00, 0x00, 0x03, 0x00, 0x00, 'a', 'b', 'c'}), Output(sender));
-
-    // Frames are appended one after the other.
-    ASSERT_EQ(0u, sender.CreateByTransMessageProtocol(abc, 0, 0));
-    EXPECT_EQ(13u, sender.GetBuffer()->GetDataCount());
-
-    EXPECT_EQ(ZNRUserError(25), sender.CreateByTransMessageProtocol(abc, 3, 2));
-    EXPECT_EQ(ZNRUserError(26), sender.CreateByTransMessageProtocol(abc, -1, 0));
+    // Frames are appended; failures leave the output alone.
+    ASSERT_EQ(0u, sender.CreateByTransMessageProtocol(kData, 0, 0));
+    EXPECT_EQ(ZNRUserError(25), sender.CreateByTransMessageProtocol(kData, 3, 2));
+    EXPECT_EQ(ZNRUserError(26), sender.CreateByTransMessageProtocol(kData, -1, 0));
     EXPECT_EQ(13u, sender.GetBuffer()->GetDataCount());
 
     // A frame past the limit is dropped and success still reported.
     ZNRDataSender small(false, 8);
-    unsigned char const ten[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    EXPECT_EQ(0u, small.CreateByTransMessageProtocol(ten, 5, 0));
-    EXPECT_EQ(0u, small.GetBuffer()->GetDataCount());
-    EXPECT_EQ(0u, small.CreateByTransMessageProtocol(ten, 3, 0));
-    EXPECT_EQ(8u, small.GetBuffer()->GetDataCount());
-    EXPECT_EQ(0u, small.CreateByTransMessageProtocol(ten, 0, 0));
-    EXPECT_EQ(8u, small.GetBuffer()->GetDataCount());
+    for (auto const& step : std::vector<std::pair<int, unsigned int>>{{5, 0}, {3, 8}, {0, 8}}) {
+        EXPECT_EQ(0u, small.CreateByTransMessageProtocol(kData, step.first, 0)) << step.first;
+        EXPECT_EQ(step.second, small.GetBuffer()->GetDataCount()) << step.first;
+    }
 
     // Compressed frames carry a raw deflate body and its own length.
     ZNRDataSender deflating(true);
     std::string const text(2000, 'w');
-    ASSERT_EQ(0u, deflating.CreateByTransMessageProtocol(
-                      reinterpret_cast<unsigned char const*>(text.data()), 2000, 1));
+    ASSERT_EQ(0u, deflating.CreateByTransMessageProtocol(reinterpret_cast<unsigned char const*>(text.data()), 2000, 1));
     Bytes const frame = Output(deflating);
     ASSERT_GT(frame.size(), 5u);
     EXPECT_LT(frame.size(), 100u);
-    EXPECT_EQ(0x00, frame[0]);
-    EXPECT_EQ(0x82, frame[1]);
+    EXPECT_EQ(Bytes({0x00, 0x82}), Bytes(frame.begin(), frame.begin() + 2));
     EXPECT_EQ(frame.size() - 5, frame[2] | (frame[3] << 8) | (frame[4] << 16));
 
     // The copy keeps bytes and byte order under a limit of its own.
@@ -185,18 +152,14 @@ TEST(DataSender, TransMessageFramesAndLimits) {
     EXPECT_EQ(100u, assigned.GetPack()->GetMaxCapacity());
 }
 
-TEST(DataSender, EntityFramesFollowTheByteOrder) {
+TEST(DataSender, EntityAndCompatFrames) {
     Word word;
     word.value = 0x0A0B0C0D;
-    ZNRDataSender little;
+    ZNRDataSender little, big(true);
     ASSERT_EQ(0u, little.CreateByEntityProtocol(0x00020003, word, 0));
-    EXPECT_EQ(Bytes({0x00, 0x00, 0x08, 0x00, 0x00, 0x03, 0x00, 0x02, 0x00, 0x0D, 0x0C, 0x0B, 0x0A}),
-              Output(little));
-
-    ZNRDataSender big(true);
+    EXPECT_EQ(Bytes({0x00, 0x00, 0x08, 0x00, 0x00, 0x03, 0x00, 0x02, 0x00, 0x0D, 0x0C, 0x0B, 0x0A}), Output(little));
     ASSERT_EQ(0u, big.CreateByEntityProtocol(0x00020003, word, 0));
-    EXPECT_EQ(Bytes({0x00, 0x80, 0x08, 0x00, 0x00, 0x00, 0x02, 0x00, 0x03, 0x0A, 0x0B, 0x0C, 0x0D}),
-              Output(big));
+    EXPECT_EQ(Bytes({0x00, 0x80, 0x08, 0x00, 0x00, 0x00, 0x02, 0x00, 0x03, 0x0A, 0x0B, 0x0C, 0x0D}), Output(big));
 
     // The body pack has the output's limit: a too-large entity fails there.
     ZNRDataSender tight(false, 7);
@@ -204,43 +167,35 @@ TEST(DataSender, EntityFramesFollowTheByteOrder) {
     EXPECT_EQ(0u, tight.GetBuffer()->GetDataCount());
     EXPECT_EQ(ZNRUserError(25), little.CreateByEntityProtocol(1, word, 3));
     EXPECT_EQ(13u, little.GetBuffer()->GetDataCount());
-}
 
-TEST(DataSender, CompatPacketsCountTheWholeOutput) {
+    // Compat packets count the whole output in their length field.
+    ZNRDataSender compat;
     Empty empty;
-    ZNRDataSender sender;
-    ASSERT_EQ(0u, sender.CreateByCompatEntityProtocol(0x00000302, empty, 0x0105));
-    EXPECT_EQ(Bytes({0x0A, 0x00, 0x00, 0x00, 0x02, 0x03, 0x00, 0x00, 0x05, 0x01}),
-              Output(sender));
-
-    Word word;
+    ASSERT_EQ(0u, compat.CreateByCompatEntityProtocol(0x00000302, empty, 0x0105));
+    EXPECT_EQ(Bytes({0x0A, 0x00, 0x00, 0x00, 0x02, 0x03, 0x00, 0x00, 0x05, 0x01}), Output(compat));
     word.value = 7;
-    ASSERT_EQ(0u, sender.CreateByCompatEntityProtocol(0x00000401, word, 0));
-    Bytes const both = Output(sender);
+    ASSERT_EQ(0u, compat.CreateByCompatEntityProtocol(0x00000401, word, 0));
+    Bytes const both = Output(compat);
     ASSERT_EQ(24u, both.size());
     EXPECT_EQ(24, both[0]);
     EXPECT_EQ(0, both[10]);  // the second packet keeps its placeholder
-
     // Rewinding the pack starts a fresh packet.
-    sender.GetPack()->Rewind(false);
-    ASSERT_EQ(0u, sender.CreateByCompatEntityProtocol(0x00000401, word, 0));
-    EXPECT_EQ(Bytes({14, 0, 0, 0, 0x01, 0x04, 0, 0, 0, 0, 7, 0, 0, 0}), Output(sender));
-
+    compat.GetPack()->Rewind(false);
+    ASSERT_EQ(0u, compat.CreateByCompatEntityProtocol(0x00000401, word, 0));
+    EXPECT_EQ(Bytes({14, 0, 0, 0, 0x01, 0x04, 0, 0, 0, 0, 7, 0, 0, 0}), Output(compat));
     // A failed packet stays half built.
-    ZNRDataSender tight(false, 12);
-    EXPECT_EQ(ZNRUserError(19), tight.CreateByCompatEntityProtocol(1, word, 0));
-    EXPECT_EQ(Bytes({0, 0, 0, 0, 1, 0, 0, 0, 0, 0}), Output(tight));
+    ZNRDataSender tight_compat(false, 12);
+    EXPECT_EQ(ZNRUserError(19), tight_compat.CreateByCompatEntityProtocol(1, word, 0));
+    EXPECT_EQ(Bytes({0, 0, 0, 0, 1, 0, 0, 0, 0, 0}), Output(tight_compat));
 }
 
 TEST(DataSender, LineProtocols) {
-    ZNRDataSender sender;
+    ZNRDataSender sender, tight(false, 3);
     ASSERT_EQ(0u, sender.CreateByDoslineProtocol(ZNRString(u"ab")));
     ASSERT_EQ(0u, sender.CreateByUnixlineProtocol(ZNRString(u"\u4e2d")));
     ASSERT_EQ(0u, sender.CreateByUnixlineProtocol(ZNRString()));
     EXPECT_EQ(Bytes({'a', 'b', '\r', '\n', 0xE4, 0xB8, 0xAD, '\n', '\n'}), Output(sender));
-
-    ZNRDataSender tight(false, 3);
-    EXPECT_EQ(0u, tight.CreateByDoslineProtocol(ZNRString(u"ab")));
+    EXPECT_EQ(0u, tight.CreateByDoslineProtocol(ZNRString(u"ab")));  // dropped past the limit
     EXPECT_EQ(0u, tight.GetBuffer()->GetDataCount());
 
     // A lone surrogate has no UTF-8 form.
@@ -254,48 +209,43 @@ TEST(DataSender, RoundTripThroughDispatcherAndMaps) {
     Everything sample = Sample();
     Service service;
     Router router;
-    ASSERT_TRUE(router.entities.AddEntityTarget(ZNRMakeEntityUri(1, 2), &service,
-                                                &Service::OnEverything));
-    ASSERT_TRUE(router.compat_entities.AddCompatEntityTarget(ZNRMakeCompatEntityUri(1, 2), &service,
-                                                             &Service::OnCompatEverything));
+    unsigned int const uri = ZNRMakeEntityUri(1, 2), compat_uri = ZNRMakeCompatEntityUri(1, 2);
+    ASSERT_TRUE(router.entities.AddEntityTarget(uri, &service, &Service::OnEverything));
+    ASSERT_TRUE(router.compat_entities.AddCompatEntityTarget(compat_uri, &service, &Service::OnCompatEverything));
 
+    // Plain and compressed entity frames.
     ZNRDataSender sender;
-    ASSERT_EQ(0u, sender.CreateByEntityProtocol(ZNRMakeEntityUri(1, 2),
-                                                sample, 0));
-    ASSERT_EQ(0u, sender.CreateByEntityProtocol(ZNRMakeEntityUri(1, 2),
-                                                sample, 1));
-    ZNRByteBuffer const* out = sender.GetBuffer();
+    ASSERT_EQ(0u, sender.CreateByEntityProtocol(uri, sample, 0));
+    ASSERT_EQ(0u, sender.CreateByEntityProtocol(uri, sample, 1));
+    Bytes const frames = Output(sender);
     int consumed = 0;
-    ASSERT_TRUE(router.DispatchData(out->GetData(), static_cast<int>(out->GetDataCount()),
-                                    &consumed, ZNRDataDispatcher::MODE_ENTITY));
-    EXPECT_EQ(static_cast<int>(out->GetDataCount()), consumed);
-    ASSERT_EQ(2u, service.got.size());
-    ExpectSame(sample, service.got[0]);
-    ExpectSame(sample, service.got[1]);
+    ASSERT_TRUE(router.DispatchData(frames.data(), static_cast<int>(frames.size()), &consumed,
+                                    ZNRDataDispatcher::MODE_ENTITY));
+    EXPECT_EQ(static_cast<int>(frames.size()), consumed);
 
+    // Compat packets are cut by their length: one and a part.
     ZNRDataSender compat;
-    ASSERT_EQ(0u, compat.CreateByCompatEntityProtocol(ZNRMakeCompatEntityUri(1, 2),
-                                                      sample, 404));
+    ASSERT_EQ(0u, compat.CreateByCompatEntityProtocol(compat_uri, sample, 404));
     Bytes twice = Output(compat);
     twice.insert(twice.end(), twice.begin(), twice.end());
     ASSERT_TRUE(router.DispatchData(twice.data(), static_cast<int>(twice.size()) - 1, &consumed,
                                     ZNRDataDispatcher::MODE_COMPAT_ENTITY));
     EXPECT_EQ(static_cast<int>(twice.size() / 2), consumed);
     ASSERT_EQ(3u, service.got.size());
-    ExpectSame(sample, service.got[2]);
+    for (Everything const& got : service.got) EXPECT_EQ(Fields(sample), Fields(got));
     EXPECT_EQ(std::vector<unsigned short>({404}), service.codes);
     EXPECT_EQ(0, router.unhandled);
 
     // Entity headers are read little-endian whatever the sender's order:
     // a big-endian sender's uri 0x00010002 arrives as 0x02000100.
     LogCapture log;
-    Word word;
     ZNRDataSender big(true);
-    ASSERT_EQ(0u, big.CreateByEntityProtocol(ZNRMakeEntityUri(1, 2), word, 0));
-    ASSERT_TRUE(router.DispatchData(big.GetBuffer()->GetData(),
-                                    static_cast<int>(big.GetBuffer()->GetDataCount()), &consumed,
+    Word zero;
+    ASSERT_EQ(0u, big.CreateByEntityProtocol(uri, zero, 0));
+    Bytes const frame = Output(big);
+    ASSERT_TRUE(router.DispatchData(frame.data(), static_cast<int>(frame.size()), &consumed,
                                     ZNRDataDispatcher::MODE_ENTITY));
-    ASSERT_EQ(1u, log.lines().size());
-    EXPECT_EQ("Can not find entity map, service id=512 command id=256", log.lines()[0].message);
+    EXPECT_EQ(std::vector<std::string>({"Can not find entity map, service id=512 command id=256"}),
+              log.Messages(ZNRLogger::LOGL_WARNING));
     EXPECT_EQ(3u, service.got.size());
 }
