@@ -292,23 +292,28 @@ ZNRString& ZNRString::VNewFromTempl(char const* fmt, va_list args) {
     return *this;
 }
 
-ZNRString& ZNRString::AppendFromTempl(unsigned short const* fmt, ...) {
+// Formats into a string of this locale, then appends it.
+template <class Char>
+ZNRString& ZNRString::VAppendFromTempl(Char const* fmt, va_list args) {
     ZNRString part(static_cast<unsigned short const*>(nullptr), locale_name_->c_str());
-    va_list args;
-    va_start(args, fmt);
     part.VNewFromTempl(fmt, args);
-    va_end(args);
     str_->append(*part.str_);
     return *this;
 }
 
-ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
-    ZNRString part(static_cast<unsigned short const*>(nullptr), locale_name_->c_str());
+ZNRString& ZNRString::AppendFromTempl(unsigned short const* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    part.VNewFromTempl(fmt, args);
+    VAppendFromTempl(fmt, args);
     va_end(args);
-    str_->append(*part.str_);
+    return *this;
+}
+
+ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    VAppendFromTempl(fmt, args);
+    va_end(args);
     return *this;
 }
 

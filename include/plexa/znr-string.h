@@ -183,6 +183,8 @@ private:
     static std::size_t Std(size_type n) { return n == npos ? ZNRStdWString::npos : n; }
     static size_type Pos(std::size_t n) { return n == ZNRStdWString::npos ? npos : static_cast<size_type>(n); }
     void SetLocale(char const* name);
+    template <class Char>
+    ZNRString& VAppendFromTempl(Char const* fmt, va_list args);
 
     ZNRStlAdapter<ZNRStdWString> str_;
     std::locale* locale_;
