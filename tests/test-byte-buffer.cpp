@@ -104,6 +104,40 @@ TEST(ByteBufferTest, SetCapacityAndCutting) {
     EXPECT_EQ(20u, text.GetCapacity());
 }
 
+// Growth that cannot be had reports why and changes nothing.
+TEST(ByteBufferTest, FailedGrowthLeavesTheBufferAsItWas) {
+    CountingAllocator alloc;
+    std::string const hundred(100, 'h');
+    ZNRByteBuffer buffer(Bytes(hundred.c_str()), 100, &alloc);
+    unsigned char* const block = buffer.GetData();
+    struct { bool fail; unsigned int extend, set; std::uint64_t error; } const rows[] = {
+        {false, 0xFFFFFFFFu - 50, 0, ZNRUserError(49)}, {false, 0xFFFFFFFFu - 99, 0, ZNRUserError(49)},
+        {true, 0xFFFFFFFFu - 100, 0, ZNRUserError(50)}, {true, 1, 0, ZNRUserError(50)},
+        {true, 0, 101, ZNRUserError(50)}, {true, 0, 10, ZNRUserError(50)},
+    };
+    for (auto const& row : rows) {
+        alloc.fail = row.fail;
+        EXPECT_EQ(row.error, row.extend != 0 ? buffer.ExtendCapacity(row.extend) : buffer.SetCapacity(row.set))
+            << row.extend << " " << row.set;
+        EXPECT_EQ(100u, buffer.GetCapacity());
+        EXPECT_EQ(block, buffer.GetData());
+        EXPECT_EQ(hundred, Content(buffer));
+    }
+    EXPECT_EQ(0, alloc.frees);
+
+    // Copies that get no block hold no bytes, so cutting them is harmless.
+    ZNRByteBuffer copy(buffer), from_bytes(Bytes("abc"), 3, &alloc), assigned(0u, &alloc);
+    assigned = buffer;
+    for (ZNRByteBuffer* b : {&copy, &from_bytes, &assigned}) {
+        EXPECT_EQ(0u, b->GetDataCount());
+        b->CutData(1);
+    }
+    alloc.fail = false;
+    EXPECT_EQ(0u, buffer.ExtendCapacity(28));
+    buffer.CutData(98);
+    EXPECT_EQ("hh", Content(buffer));
+}
+
 TEST(ByteBufferTest, CopiesKeepTheirOwnAllocators) {
     CountingAllocator alloc, other;
     ZNRByteBuffer source(Bytes("payload"), 7, &alloc);

@@ -3,12 +3,20 @@
 
 #include <plexa/znr-export.h>
 
+#include <cstdint>
+
 class ZNRMemAllocator;
 
 // Contiguous bytes from an allocator: a capacity and a count of valid bytes
 // from the start. It never grows by itself: writers call ExtendCapacity.
 // AppendData copies nothing when the bytes do not fit; cutting more than
 // the valid bytes leaves the buffer empty.
+//
+// ExtendCapacity and SetCapacity return 0 or a library error, and a failed
+// call leaves the buffer exactly as it was: 49 when the capacity would pass
+// 0xFFFFFFFF, 50 when the allocator gives no block. A constructor or copy
+// whose allocator gives no block holds no bytes (a null block, count 0).
+// Not synchronised: a buffer passes between threads by ownership.
 class ZNR_API ZNRByteBuffer {
 public:
     explicit ZNRByteBuffer(unsigned int capacity = 0, ZNRMemAllocator* allocator = nullptr);
@@ -26,13 +34,13 @@ public:
     void ResetDataCount(unsigned int n) { count_ = n; }
     void AppendData(unsigned char const* p, unsigned int n);
     void AppendData(ZNRByteBuffer const& other);
-    void ExtendCapacity(unsigned int n);
-    void SetCapacity(unsigned int n);
+    std::uint64_t ExtendCapacity(unsigned int n);
+    std::uint64_t SetCapacity(unsigned int n);
     void CutData(unsigned int n);
     void CutDataTail(unsigned int n);
 
 private:
-    void Reallocate(unsigned int capacity);
+    std::uint64_t Reallocate(unsigned int capacity);
 
     unsigned int capacity_;
     unsigned int count_;
