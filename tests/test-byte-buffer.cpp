@@ -102,6 +102,18 @@ TEST(ByteBufferTest, SetCapacityAndCutting) {
     text.CutDataTail(5);
     EXPECT_EQ(0u, text.GetDataCount());
     EXPECT_EQ(20u, text.GetCapacity());
+
+    // Growth within a reserved block takes no new block; shrinking takes an exact one.
+    ZNRByteBuffer reserved(Bytes("ab"), 2, &alloc);
+    EXPECT_EQ(0u, reserved.Reserve(16));
+    EXPECT_EQ(0u, reserved.Reserve(8));
+    EXPECT_EQ(2u, reserved.GetCapacity());
+    EXPECT_EQ(0u, reserved.ExtendCapacity(14));
+    EXPECT_EQ(16u, reserved.GetCapacity());
+    EXPECT_EQ(0u, reserved.SetCapacity(3));
+    EXPECT_EQ("ab", Content(reserved));
+    EXPECT_EQ(3u, reserved.GetBlockSize());
+    EXPECT_EQ((std::vector<unsigned int>{10, 4, 32, 20, 2, 16, 3}), alloc.sizes);
 }
 
 // Growth that cannot be had reports why and changes nothing.
