@@ -37,8 +37,11 @@ ZNRByteBuffer::ZNRByteBuffer(ZNRByteBuffer const& other)
       block_size_(0) {
     if (capacity_ > 0) data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
     // A count over no block would send later cuts through a null pointer.
-    if (data_ == nullptr) count_ = 0;
-    if (data_ != nullptr) block_size_ = capacity_;
+    if (data_ == nullptr) {
+        count_ = 0;
+    } else {
+        block_size_ = capacity_;
+    }
     if (count_ > 0) std::memcpy(data_, other.data_, count_);
 }
 
@@ -50,8 +53,11 @@ ZNRByteBuffer& ZNRByteBuffer::operator=(ZNRByteBuffer const& other) {
     capacity_ = other.capacity_;
     count_ = other.count_;
     if (capacity_ > 0) data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
-    if (data_ == nullptr) count_ = 0;
-    if (data_ != nullptr) block_size_ = capacity_;
+    if (data_ == nullptr) {
+        count_ = 0;
+    } else {
+        block_size_ = capacity_;
+    }
     if (count_ > 0) std::memcpy(data_, other.data_, count_);
     return *this;
 }
