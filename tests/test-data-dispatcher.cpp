@@ -208,6 +208,9 @@ TEST(DataDispatcher, CompatAndOriginalPackets) {
     Check({
         {"one and a part", data, D::MODE_COMPAT_ENTITY, true, 8, {first}},
         {"length incomplete", data, D::MODE_COMPAT_ENTITY, true, 0, {}, "", -1, 3},
+        // Exactly 4 bytes left still hold a whole (header-only) packet.
+        {"4 bytes left", Concat({Bytes(data.begin(), data.begin() + 8), {0x04, 0x00, 0x00, 0x00}}),
+         D::MODE_COMPAT_ENTITY, true, 12, {first, std::string("\x04\x00\x00\x00", 4)}},
         // A length below the header size still advances by itself; the next
         // length is then read from inside the old one (00 00 01 00).
         {"length 3", {0x03, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00}, D::MODE_COMPAT_ENTITY, true, 3,
