@@ -95,6 +95,20 @@ void BM_PackUnpackTypicalEntity(benchmark::State& state) {
 }
 BENCHMARK(BM_PackUnpackTypicalEntity);
 
+// 100k int pushes into a pack that starts empty: growth must not copy the
+// whole buffer on every push.
+void BM_Pack100kIntPushes(benchmark::State& state) {
+    for (auto _ : state) {
+        ZNRPack pack(0, 1u << 20, false);
+        for (int k = 0; k < 100000; ++k) {
+            if (pack.Push(k) != 0) state.SkipWithError("push failed");
+        }
+        benchmark::DoNotOptimize(pack.GetBuffer()->GetData());
+    }
+    state.SetItemsProcessed(state.iterations() * 100000);
+}
+BENCHMARK(BM_Pack100kIntPushes)->Unit(benchmark::kMillisecond);
+
 class CountingDispatcher : public ZNRDataDispatcher {
 public:
     std::uint64_t bodies = 0;

@@ -1,46 +1,64 @@
 #include <plexa/znr-byte-buffer.h>
+#include <plexa/znr-error.h>
 #include <plexa/znr-mem-allocator.h>
 
 #include <cstring>
 
 namespace {
+
+constexpr std::uint32_t kErrorTooLarge = 49;
+constexpr std::uint32_t kErrorNoMemory = 50;
+
 ZNRMemAllocator* OrDefault(ZNRMemAllocator* allocator) {
     return allocator != nullptr ? allocator : ZNRMemAllocator::Default();
 }
+
 }  // namespace
 
 ZNRByteBuffer::ZNRByteBuffer(unsigned int capacity, ZNRMemAllocator* allocator)
-    : capacity_(capacity), count_(0), data_(nullptr), allocator_(OrDefault(allocator)) {
+    : capacity_(capacity), count_(0), data_(nullptr), allocator_(OrDefault(allocator)), block_size_(0) {
     if (capacity_ > 0)
         data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
+    if (data_ != nullptr) block_size_ = capacity_;
 }
 
 ZNRByteBuffer::ZNRByteBuffer(unsigned char const* data, unsigned int size, ZNRMemAllocator* allocator)
-    : capacity_(0), count_(0), data_(nullptr), allocator_(OrDefault(allocator)) {
+    : capacity_(0), count_(0), data_(nullptr), allocator_(OrDefault(allocator)), block_size_(0) {
     if (data == nullptr) return;
-    capacity_ = count_ = size;
+    capacity_ = size;
     data_ = static_cast<unsigned char*>(allocator_->Alloc(size, __FILE__, __LINE__));
-    if (data_ != nullptr && size > 0) std::memcpy(data_, data, size);
+    if (data_ == nullptr) return;
+    count_ = block_size_ = size;
+    if (size > 0) std::memcpy(data_, data, size);
 }
 
 ZNRByteBuffer::ZNRByteBuffer(ZNRByteBuffer const& other)
-    : capacity_(other.capacity_), count_(other.count_), data_(nullptr), allocator_(other.allocator_) {
-    if (capacity_ > 0) {
-        data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
-        if (data_ != nullptr && count_ > 0) std::memcpy(data_, other.data_, count_);
+    : capacity_(other.capacity_), count_(other.count_), data_(nullptr), allocator_(other.allocator_),
+      block_size_(0) {
+    if (capacity_ > 0) data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
+    // A count over no block would send later cuts through a null pointer.
+    if (data_ == nullptr) {
+        count_ = 0;
+    } else {
+        block_size_ = capacity_;
     }
+    if (count_ > 0) std::memcpy(data_, other.data_, count_);
 }
 
 ZNRByteBuffer& ZNRByteBuffer::operator=(ZNRByteBuffer const& other) {
     if (this == &other) return *this;
     if (data_ != nullptr) allocator_->Free(data_);
     data_ = nullptr;
+    block_size_ = 0;
     capacity_ = other.capacity_;
     count_ = other.count_;
-    if (capacity_ > 0) {
-        data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
-        if (data_ != nullptr && count_ > 0) std::memcpy(data_, other.data_, count_);
+    if (capacity_ > 0) data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
+    if (data_ == nullptr) {
+        count_ = 0;
+    } else {
+        block_size_ = capacity_;
     }
+    if (count_ > 0) std::memcpy(data_, other.data_, count_);
     return *this;
 }
 
@@ -59,30 +77,44 @@ void ZNRByteBuffer::AppendData(ZNRByteBuffer const& other) {
     AppendData(other.GetData(), other.GetDataCount());
 }
 
-// A new block of exactly `capacity` bytes holding the valid bytes.
-void ZNRByteBuffer::Reallocate(unsigned int capacity) {
-    unsigned char* block = static_cast<unsigned char*>(allocator_->Alloc(capacity, __FILE__, __LINE__));
+// A new block of `block_size` bytes holding the valid bytes, at most
+// `capacity` of them. The old block goes only once the new one is there,
+// so a failure changes nothing.
+std::uint64_t ZNRByteBuffer::Reallocate(unsigned int capacity, unsigned int block_size) {
+    unsigned char* block = static_cast<unsigned char*>(allocator_->Alloc(block_size, __FILE__, __LINE__));
+    if (block == nullptr) return ZNRUserError(kErrorNoMemory);
     if (count_ > capacity) count_ = capacity;
-    if (block != nullptr && data_ != nullptr && count_ > 0) std::memcpy(block, data_, count_);
+    if (count_ > 0) std::memcpy(block, data_, count_);
     if (data_ != nullptr) allocator_->Free(data_);
     data_ = block;
     capacity_ = capacity;
+    block_size_ = block_size;
+    return 0;
 }
 
-void ZNRByteBuffer::ExtendCapacity(unsigned int n) {
-    if (n == 0) return;
-    Reallocate(capacity_ + n);
+std::uint64_t ZNRByteBuffer::ExtendCapacity(unsigned int n) {
+    if (n == 0) return 0;
+    if (n > 0xFFFFFFFFu - capacity_) return ZNRUserError(kErrorTooLarge);
+    return SetCapacity(capacity_ + n);
 }
 
-void ZNRByteBuffer::SetCapacity(unsigned int n) {
-    if (n == capacity_) return;
+std::uint64_t ZNRByteBuffer::SetCapacity(unsigned int n) {
+    if (n == capacity_) return 0;
     if (n == 0) {
         if (data_ != nullptr) allocator_->Free(data_);
         data_ = nullptr;
-        capacity_ = count_ = 0;
-        return;
+        capacity_ = count_ = block_size_ = 0;
+        return 0;
     }
-    Reallocate(n);
+    if (n > capacity_ && n <= block_size_) {
+        capacity_ = n;
+        return 0;
+    }
+    return Reallocate(n, n);
+}
+
+std::uint64_t ZNRByteBuffer::Reserve(unsigned int n) {
+    return n <= block_size_ ? 0 : Reallocate(capacity_, n);
 }
 
 void ZNRByteBuffer::CutData(unsigned int n) {

@@ -47,16 +47,33 @@ bool ZNRPack::Fits(unsigned int size) const {
     return static_cast<std::uint64_t>(buffer_->GetDataCount()) + size <= max_size_;
 }
 
-// Pushes grow the buffer to exactly what they need.
-void ZNRPack::Reserve(unsigned int size) {
-    if (buffer_->GetFreeCapacity() < size) buffer_->SetCapacity(buffer_->GetDataCount() + size);
+// Pushes set the capacity to exactly what they need, but the block under it
+// doubles (up to the limit): growing block by block would copy the whole
+// pack on every push.
+std::uint64_t ZNRPack::Reserve(unsigned int size) {
+    if (buffer_->GetFreeCapacity() >= size) return 0;
+    // Fits() has kept this within max_size_.
+    unsigned int const need = buffer_->GetDataCount() + size;
+    if (need > buffer_->GetBlockSize()) {
+        std::uint64_t block = 2 * static_cast<std::uint64_t>(buffer_->GetBlockSize());
+        if (block < need) block = need;
+        if (block > max_size_) block = max_size_;
+        std::uint64_t const error = buffer_->Reserve(static_cast<unsigned int>(block));
+        if (error != 0) return error;
+    }
+    return buffer_->SetCapacity(need);
+}
+
+std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
+    if (!Fits(size)) return ZNRUserError(kErrorOverLimit);
+    std::uint64_t const error = Reserve(size);
+    if (error != 0) return error;
+    buffer_->AppendData(data, size);
+    return 0;
 }
 
 std::uint64_t ZNRPack::PushFixed(void const* value, unsigned int size) {
-    if (!Fits(size)) return ZNRUserError(kErrorOverLimit);
-    Reserve(size);
-    buffer_->AppendData(static_cast<unsigned char const*>(value), size);
-    return 0;
+    return Append(static_cast<unsigned char const*>(value), size);
 }
 
 std::uint64_t ZNRPack::Push(char value) { return PushFixed(&value, 1); }
@@ -83,10 +100,7 @@ std::uint64_t ZNRPack::Push(ZNRString const& value) {
     std::uint64_t const error = Push(count);
     if (error != 0) return error;
     // The count stays in the buffer when the text does not fit.
-    if (!Fits(count)) return ZNRUserError(kErrorOverLimit);
-    Reserve(count);
-    buffer_->AppendData(reinterpret_cast<unsigned char const*>(utf8.c_str()), count);
-    return 0;
+    return Append(reinterpret_cast<unsigned char const*>(utf8.c_str()), count);
 }
 
 std::uint64_t ZNRPack::Push(std::string const& value) {
@@ -94,20 +108,14 @@ std::uint64_t ZNRPack::Push(std::string const& value) {
     unsigned int const length = static_cast<unsigned int>(value.size());
     std::uint64_t const error = Push(static_cast<unsigned short>(length));
     if (error != 0) return error;
-    if (!Fits(length)) return ZNRUserError(kErrorOverLimit);
-    Reserve(length);
-    buffer_->AppendData(reinterpret_cast<unsigned char const*>(value.data()), length);
-    return 0;
+    return Append(reinterpret_cast<unsigned char const*>(value.data()), length);
 }
 
 std::uint64_t ZNRPack::Push(ZNRByteBuffer const& value) {
     unsigned int const length = value.GetDataCount();
     std::uint64_t const error = Push(length);
     if (error != 0) return error;
-    if (!Fits(length)) return ZNRUserError(kErrorOverLimit);
-    Reserve(length);
-    buffer_->AppendData(value.GetData(), length);
-    return 0;
+    return Append(value.GetData(), length);
 }
 
 std::uint64_t ZNRPack::Push(ZNRMarshallable const& value) { return value.Marshal(this); }
@@ -124,9 +132,7 @@ std::uint64_t ZNRPack::Concatenate(ZNRPack const& other) {
 std::uint64_t ZNRPack::Concatenate(unsigned char const* data, unsigned int size) {
     if (!Fits(size)) return ZNRUserError(kErrorOverLimit);
     if (size == 0 || data == nullptr) return 0;
-    Reserve(size);
-    buffer_->AppendData(data, size);
-    return 0;
+    return Append(data, size);
 }
 
 std::uint64_t ZNRPack::Replace(unsigned int offset, unsigned char const* data, unsigned int size) {

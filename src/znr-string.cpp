@@ -2,11 +2,14 @@
 
 #include "znr-text-codec.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 
 namespace {
 
@@ -53,6 +56,112 @@ std::size_t UnitLength(unsigned short const* s) {
 }
 
 ZNRStdWString const& Units(ZNRString const& s) { return s; }
+
+bool In(char c, char const* set) { return c != '\0' && std::strchr(set, c) != nullptr; }
+
+char Ascii(unsigned short unit) { return unit < 0x80 ? static_cast<char>(unit) : '\0'; }
+
+// One conversion of a 16-bit template, as ASCII text for snprintf.
+struct TemplSpec {
+    std::string text;
+    int stars = 0;
+    std::string length;
+    char conversion = '\0';
+};
+
+// Reads the conversion at fmt[0] == '%' and returns the units it spans, or 0
+// when it cannot be formatted alone (positional arguments, unknown letters,
+// units outside ASCII): such a '%' stays text.
+std::size_t ParseTemplSpec(unsigned short const* fmt, TemplSpec* spec) {
+    std::size_t i = 1;
+    spec->text = "%";
+    auto take = [&] { spec->text.push_back(Ascii(fmt[i++])); };
+    auto count = [&] {
+        if (Ascii(fmt[i]) == '*') {
+            take();
+            ++spec->stars;
+        }
+        while (In(Ascii(fmt[i]), "0123456789")) take();
+    };
+    while (In(Ascii(fmt[i]), "-+ #0'I")) take();
+    count();
+    if (Ascii(fmt[i]) == '.') {
+        take();
+        count();
+    }
+    while (In(Ascii(fmt[i]), "hlLqjzZt")) {
+        spec->length.push_back(Ascii(fmt[i]));
+        take();
+    }
+    static char const* const kLengths[] = {"", "hh", "h", "l", "ll", "L", "q", "j", "z", "Z", "t"};
+    bool known_length = false;
+    for (char const* l : kLengths) known_length = known_length || spec->length == l;
+    char const c = Ascii(fmt[i]);
+    if (!known_length || !In(c, "diouxXeEfFgGaAcCsSpnm%")) return 0;
+    take();
+    spec->conversion = c;
+    return i;
+}
+
+template <class T>
+int StoreCount(va_list* args, int count) {
+    *va_arg(*args, T*) = static_cast<T>(count);
+    return 0;
+}
+
+// Formats one conversion alone, taking its arguments from *args in order;
+// `count` is what %n stores. Returns what snprintf returns.
+int FormatTemplSpec(TemplSpec const& spec, va_list* args, int count, char* out, std::size_t size) {
+    int stars[2] = {0, 0};
+    for (int k = 0; k < spec.stars; ++k) stars[k] = va_arg(*args, int);
+    char const* const format = spec.text.c_str();
+    auto emit = [&](auto value) {
+        if (spec.stars == 0) return std::snprintf(out, size, format, value);
+        if (spec.stars == 1) return std::snprintf(out, size, format, stars[0], value);
+        return std::snprintf(out, size, format, stars[0], stars[1], value);
+    };
+    std::string const& l = spec.length;
+    bool const wide = l == "l" || spec.conversion == 'C' || spec.conversion == 'S';
+    bool const longest = l == "ll" || l == "q" || l == "L";
+    typedef std::make_signed_t<std::size_t> ssize;
+    switch (spec.conversion) {
+        case 'd': case 'i':
+            if (l == "l") return emit(va_arg(*args, long));
+            if (longest) return emit(va_arg(*args, long long));
+            if (l == "j") return emit(va_arg(*args, std::intmax_t));
+            if (l == "z" || l == "Z") return emit(va_arg(*args, ssize));
+            if (l == "t") return emit(va_arg(*args, std::ptrdiff_t));
+            return emit(va_arg(*args, int));
+        case 'o': case 'u': case 'x': case 'X':
+            if (l == "l") return emit(va_arg(*args, unsigned long));
+            if (longest) return emit(va_arg(*args, unsigned long long));
+            if (l == "j") return emit(va_arg(*args, std::uintmax_t));
+            if (l == "z" || l == "Z") return emit(va_arg(*args, std::size_t));
+            if (l == "t") return emit(va_arg(*args, std::make_unsigned_t<std::ptrdiff_t>));
+            return emit(va_arg(*args, unsigned int));
+        case 'c': case 'C':
+            return wide ? emit(va_arg(*args, std::wint_t)) : emit(va_arg(*args, int));
+        case 's': case 'S':
+            return wide ? emit(va_arg(*args, wchar_t const*)) : emit(va_arg(*args, char const*));
+        case 'p':
+            return emit(va_arg(*args, void*));
+        case 'm':
+            return emit(0);  // takes no argument; the extra one is ignored
+        case 'n':
+            if (l == "hh") return StoreCount<signed char>(args, count);
+            if (l == "h") return StoreCount<short>(args, count);
+            if (l == "l") return StoreCount<long>(args, count);
+            if (longest) return StoreCount<long long>(args, count);
+            if (l == "j") return StoreCount<std::intmax_t>(args, count);
+            if (l == "z" || l == "Z") return StoreCount<ssize>(args, count);
+            if (l == "t") return StoreCount<std::ptrdiff_t>(args, count);
+            return StoreCount<int>(args, count);
+        default:
+            return l == "L" ? emit(va_arg(*args, long double)) : emit(va_arg(*args, double));
+    }
+}
+
+bool IsHighSurrogate(unsigned short unit) { return unit >= 0xD800 && unit < 0xDC00; }
 
 }  // namespace
 
@@ -275,8 +384,81 @@ ZNRString& ZNRString::VNewFromTempl(unsigned short const* fmt, va_list args) {
         str_->clear();
         return *this;
     }
-    std::unique_ptr<char[]> narrow(WCSToMBS(fmt));
-    return VNewFromTempl(narrow.get(), args);
+    // The template is split in its own units: in a stateful charset such as
+    // ISO-2022-JP plain characters convert to bytes that include '%'. Only
+    // the conversions go to snprintf; text is copied as it stands, and its
+    // narrow form still counts toward the cut.
+    std::string const charset = LocaleCharset(*locale_name_);
+    ZNRStdWString out;
+    std::size_t room = kTemplLimit;
+    auto narrow_size = [&](unsigned short const* units, std::size_t n) {
+        std::string bytes;
+        ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), charset.c_str(), units, n * 2, &bytes);
+        return bytes.size();
+    };
+    // Each returns false once the cut is reached.
+    auto append_text = [&](unsigned short const* units, std::size_t n) {
+        if (n == 0) return true;
+        std::size_t const size = narrow_size(units, n);
+        if (size <= room) {
+            out.append(units, n);
+            room -= size;
+            return true;
+        }
+        std::size_t fits = 0, over = n;
+        while (over - fits > 1) {
+            std::size_t const mid = fits + (over - fits) / 2;
+            if (narrow_size(units, mid) <= room) {
+                fits = mid;
+            } else {
+                over = mid;
+            }
+        }
+        if (fits > 0 && IsHighSurrogate(units[fits - 1])) --fits;
+        out.append(units, fits);
+        return false;
+    };
+    std::unique_ptr<char[]> piece(new char[kTemplLimit + 1]());
+    auto append_piece = [&](int formatted) {
+        if (formatted < 0) return false;
+        // Output after a zero byte was lost when the whole result was one C string.
+        std::size_t const size = std::strlen(piece.get());
+        std::size_t const kept = size < room ? size : room;
+        piece[kept] = '\0';
+        std::unique_ptr<unsigned short[]> units(MBSToWCS(piece.get()));
+        out.append(units.get());
+        room -= kept;
+        return kept == static_cast<std::size_t>(formatted);
+    };
+
+    va_list rest;
+    va_copy(rest, args);
+    std::size_t const length = UnitLength(fmt);
+    std::size_t text = 0, pos = 0;
+    bool more = true;
+    while (more && pos < length) {
+        TemplSpec spec;
+        std::size_t const span = fmt[pos] == '%' ? ParseTemplSpec(fmt + pos, &spec) : 0;
+        if (span == 0) {
+            ++pos;
+            continue;
+        }
+        more = append_text(fmt + text, pos - text);
+        pos += span;
+        text = pos;
+        if (!more) break;
+        if (spec.conversion == '%') {
+            text = pos - 1;  // the last '%' is text
+            continue;
+        }
+        int const count = static_cast<int>(kTemplLimit - room);
+        piece[0] = '\0';
+        more = append_piece(FormatTemplSpec(spec, &rest, count, piece.get(), kTemplLimit + 1));
+    }
+    if (more) append_text(fmt + text, length - text);
+    va_end(rest);
+    str_->assign(out);
+    return *this;
 }
 
 ZNRString& ZNRString::VNewFromTempl(char const* fmt, va_list args) {

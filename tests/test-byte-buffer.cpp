@@ -102,6 +102,52 @@ TEST(ByteBufferTest, SetCapacityAndCutting) {
     text.CutDataTail(5);
     EXPECT_EQ(0u, text.GetDataCount());
     EXPECT_EQ(20u, text.GetCapacity());
+
+    // Growth within a reserved block takes no new block; shrinking takes an exact one.
+    ZNRByteBuffer reserved(Bytes("ab"), 2, &alloc);
+    EXPECT_EQ(0u, reserved.Reserve(16));
+    EXPECT_EQ(0u, reserved.Reserve(8));
+    EXPECT_EQ(2u, reserved.GetCapacity());
+    EXPECT_EQ(0u, reserved.ExtendCapacity(14));
+    EXPECT_EQ(16u, reserved.GetCapacity());
+    EXPECT_EQ(0u, reserved.SetCapacity(3));
+    EXPECT_EQ("ab", Content(reserved));
+    EXPECT_EQ(3u, reserved.GetBlockSize());
+    EXPECT_EQ((std::vector<unsigned int>{10, 4, 32, 20, 2, 16, 3}), alloc.sizes);
+}
+
+// Growth that cannot be had reports why and changes nothing.
+TEST(ByteBufferTest, FailedGrowthLeavesTheBufferAsItWas) {
+    CountingAllocator alloc;
+    std::string const hundred(100, 'h');
+    ZNRByteBuffer buffer(Bytes(hundred.c_str()), 100, &alloc);
+    unsigned char* const block = buffer.GetData();
+    struct { bool fail; unsigned int extend, set; std::uint64_t error; } const rows[] = {
+        {false, 0xFFFFFFFFu - 50, 0, ZNRUserError(49)}, {false, 0xFFFFFFFFu - 99, 0, ZNRUserError(49)},
+        {true, 0xFFFFFFFFu - 100, 0, ZNRUserError(50)}, {true, 1, 0, ZNRUserError(50)},
+        {true, 0, 101, ZNRUserError(50)}, {true, 0, 10, ZNRUserError(50)},
+    };
+    for (auto const& row : rows) {
+        alloc.fail = row.fail;
+        EXPECT_EQ(row.error, row.extend != 0 ? buffer.ExtendCapacity(row.extend) : buffer.SetCapacity(row.set))
+            << row.extend << " " << row.set;
+        EXPECT_EQ(100u, buffer.GetCapacity());
+        EXPECT_EQ(block, buffer.GetData());
+        EXPECT_EQ(hundred, Content(buffer));
+    }
+    EXPECT_EQ(0, alloc.frees);
+
+    // Copies that get no block hold no bytes, so cutting them is harmless.
+    ZNRByteBuffer copy(buffer), from_bytes(Bytes("abc"), 3, &alloc), assigned(0u, &alloc);
+    assigned = buffer;
+    for (ZNRByteBuffer* b : {&copy, &from_bytes, &assigned}) {
+        EXPECT_EQ(0u, b->GetDataCount());
+        b->CutData(1);
+    }
+    alloc.fail = false;
+    EXPECT_EQ(0u, buffer.ExtendCapacity(28));
+    buffer.CutData(98);
+    EXPECT_EQ("hh", Content(buffer));
 }
 
 TEST(ByteBufferTest, CopiesKeepTheirOwnAllocators) {

@@ -50,6 +50,24 @@ TEST_F(PackTest, FixedWidthValuesInBothByteOrders) {
     EXPECT_EQ(0x01000000u, second);
 }
 
+// Callers see the capacity grow to exactly what the pushes need; the block
+// under it doubles, up to the limit. A new block has a new address.
+TEST_F(PackTest, PushesTakeLogarithmicallyManyBlocks) {
+    ZNRPack pack(0, 1u << 20, false), small(0, 10, false);
+    unsigned char const* block = nullptr;
+    int blocks = 0;
+    for (int k = 0; k < 100000; ++k) {
+        ASSERT_EQ(0u, pack.Push(k));
+        ASSERT_EQ(4u * (k + 1), pack.GetBuffer()->GetCapacity());
+        blocks += pack.GetBuffer()->GetData() != block;
+        block = pack.GetBuffer()->GetData();
+    }
+    EXPECT_LE(blocks, 20);  // 18: 4 bytes doubled up to 2^19
+    EXPECT_EQ((Bytes{0x9F, 0x86, 0x01, 0}), Bytes(block + 399996, block + 400000));
+    for (int k = 0; k < 10; ++k) ASSERT_EQ(0u, small.Push('s'));
+    EXPECT_EQ(10u, small.GetBuffer()->GetBlockSize());
+}
+
 TEST_F(PackTest, MaxSizeIsEnforcedPerFieldKind) {
     ZNRPack ints(0, 8, false), text(0, 7, false), strings(0, 0x20000, false), small(0, 5, false);
     EXPECT_EQ(0u, FirstError({ints.Push(1), ints.Push(2)}));

@@ -116,6 +116,33 @@ TEST(ZNRStringTest, FormattingIsCutAt4096Bytes) {
     EXPECT_EQ('b', f[4094]);
 }
 
+// In ISO-2022-JP U+6230 U+6248 is "Y%n=" and U+30F3 "%s": only the template's
+// own conversions may reach the formatter.
+TEST(ZNRStringTest, WideTemplateConversionsAreFoundBeforeCharsetConversion) {
+    auto u = [](char16_t const* s) { return reinterpret_cast<unsigned short const*>(s); };
+    struct { char const* locale_name; char16_t const *templ, *out; } const rows[] = {
+        {"ISO-2022-JP", u"\u6230\u6248\u30F3", u"\u6230\u6248\u30F3"},
+        {"ISO-2022-JP", u"\u6230%d\u6248%s\u30F3|%*d%%%.1f", u"\u623042\u6248ab\u30F3|    7%1.5"},
+        {"chs", u"<%d\u4E2D%-4s|%*d%%%.1f>", u"<42\u4E2Dab  |    7%1.5>"},
+        {"zz_ZZ.UTF-8", u"%d%y %1$d\u00E9", u"42%y %1$d\u00E9"},  // unknown and positional stay text
+    };
+    for (auto const& row : rows) {
+        ZNRString s("old", row.locale_name);
+        s.NewFromTempl(u(row.templ), 42, "ab", 5, 7, 1.5);
+        EXPECT_EQ(ZNRString(row.out), s) << row.locale_name << " " << s.ToStdCStr();
+        s.AppendFromTempl(u(row.templ), 42, "ab", 5, 7, 1.5);
+        EXPECT_EQ(ZNRString(row.out) + ZNRString(row.out), s);
+    }
+    ZNRString s;
+    int count = -1;
+    s.NewFromTempl(u(u"\u4E2D%n!"), &count);
+    EXPECT_EQ(2, count);  // narrow bytes so far
+    // A cut inside text keeps whole characters.
+    s.NewFromTempl(u(u"%s\u4E2D\u6587"), std::string(4093, 'b').c_str());
+    EXPECT_EQ(4094u, s.size());
+    EXPECT_EQ(0x4E2D, s[4093]);
+}
+
 TEST(ZNRStringTest, TrimSplitAndAffixes) {
     struct { char16_t const* in; int type; char16_t const* out; } const trims[] = {
         {u"xxaxx", ZNRString::TRIM_BOTH, u"a"}, {u"xxaxx", ZNRString::TRIM_LEFT, u"axx"},

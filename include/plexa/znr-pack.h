@@ -27,7 +27,10 @@ public:
 // Serialises values into a buffer that grows up to a hard limit. Integers
 // are written little-endian, or swapped to big-endian when the byte-order
 // flag is set. Failed pushes return library errors 19 (over the limit),
-// 20 (replace out of range) or 21 (text not convertible or too long).
+// 20 (replace out of range) or 21 (text not convertible or too long), or
+// the buffer's error when it cannot grow. A push that does not fit sets the
+// capacity to exactly what it needs, while the block under it doubles up to
+// the limit, so N pushes copy O(N) bytes.
 class ZNR_API ZNRPack {
 public:
     ZNRPack(unsigned int initial_capacity, unsigned int max_size, bool bigendian);
@@ -77,9 +80,10 @@ public:
 
 private:
     std::uint64_t PushFixed(void const* value, unsigned int size);
+    std::uint64_t Append(unsigned char const* data, unsigned int size);
     std::uint64_t ReplaceFixed(unsigned int offset, void const* value, unsigned int size);
     bool Fits(unsigned int size) const;
-    void Reserve(unsigned int size);
+    std::uint64_t Reserve(unsigned int size);
 
     unsigned int max_size_;
     ZNRByteBuffer* buffer_;

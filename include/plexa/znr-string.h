@@ -165,7 +165,11 @@ public:
     bool ToUtf8Str(std::string* out) const;
     bool NewFromUtf8Str(std::string const& in);
     bool IsUTF8() const;
-    // printf-style formatting of narrow arguments; the result is cut at 4096 bytes.
+    // printf-style formatting of narrow arguments (%s takes a char string);
+    // the result is cut at 4096 bytes of its narrow form. A 16-bit template
+    // is split into text and conversions in its own units, so only its own
+    // '%' characters convert, whatever the charset; its text is copied as it
+    // stands. There a positional conversion (%1$d) or an unknown one stays text.
     ZNRString& NewFromTempl(unsigned short const* fmt, ...);
     ZNRString& NewFromTempl(char const* fmt, ...) __attribute__((format(printf, 2, 3)));
     ZNRString& VNewFromTempl(unsigned short const* fmt, va_list args);
