@@ -162,12 +162,16 @@ bool ZNRTcpDevice::Accept(ZNRDevice* client) {
         c->Close();
         return false;
     }
-    c->closed_ = false;
-    c->eof_ = false;
-    c->SetType(TYPE_TCP_ACCEPTED);
-    c->desc_ = ZNRString(u"Tcp accept client, remote ip=") + c->remote_addr_->GetAddrStr() +
-               ZNRString(u" remote port=") + c->remote_addr_->GetPortStr();
+    c->MarkAccepted();
     return true;
+}
+
+void ZNRTcpDevice::MarkAccepted() {
+    closed_ = false;
+    eof_ = false;
+    SetType(TYPE_TCP_ACCEPTED);
+    desc_ = ZNRString(u"Tcp accept client, remote ip=") + remote_addr_->GetAddrStr() +
+            ZNRString(u" remote port=") + remote_addr_->GetPortStr();
 }
 
 int ZNRTcpDevice::Read(unsigned char* buf, int len) {

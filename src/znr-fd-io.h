@@ -12,6 +12,8 @@ int ZNRFdWrite(int fd, unsigned char const* buf, int len, int* sys_err);
 int ZNRFdClose(int fd);
 // An anonymous pipe whose ends are inherited by child processes; 0 or errno.
 int ZNRFdPipe(int* read_fd, int* write_fd);
+// 0 or errno.
+int ZNRFdSetNonBlocking(int fd);
 // True when errno value err means "nothing available now".
 bool ZNRFdWouldBlock(int err);
 

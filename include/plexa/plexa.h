@@ -24,6 +24,10 @@
 #include <plexa/znr-device.h>
 #include <plexa/znr-socket.h>
 #include <plexa/znr-blocking-device.h>
+#include <plexa/znr-async-io.h>
+#include <plexa/znr-async-socket.h>
+#include <plexa/znr-async-device.h>
+#include <plexa/znr-async-pipe-device.h>
 #include <plexa/znr-pack.h>
 #include <plexa/znr-unpack.h>
 #include <plexa/znr-gzip.h>

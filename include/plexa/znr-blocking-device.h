@@ -43,6 +43,8 @@ public:
 protected:
     ~ZNRTcpDevice() override;
     virtual ZNRSocket* OnCreateSocket();
+    // Opens this device as the connection to remote_addr_ just accepted.
+    void MarkAccepted();
 
     // Open to the asynchronous devices built on this one.
     ZNRSocket* socket_;

@@ -133,6 +133,11 @@ public:
     Type_t GetType() const { return type_; }
     int GetFd() const { return fd_; }
 
+protected:
+    // A new close-on-exec socket of type, non-blocking from the start when
+    // asked (one system call either way).
+    std::uint64_t Create(Type_t type, bool non_blocking);
+
 private:
     Type_t type_;
     int fd_;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <ctime>
 #include <pthread.h>
 #include <unistd.h>
@@ -52,6 +53,14 @@ int ZNRFdPipe(int* read_fd, int* write_fd) {
     if (::pipe(fds) != 0) return errno;
     *read_fd = fds[0];
     *write_fd = fds[1];
+    return 0;
+}
+
+int ZNRFdSetNonBlocking(int fd) {
+    int const flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0) return errno;
+    if ((flags & O_NONBLOCK) != 0) return 0;
+    if (::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return errno;
     return 0;
 }
 

@@ -348,10 +348,13 @@ std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
     return 0;
 }
 
-std::uint64_t ZNRSocket::Open(Type_t type) {
+std::uint64_t ZNRSocket::Open(Type_t type) { return Create(type, false); }
+
+std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
     if (!ValidType(type)) return kUnsupportedType;
     SocketKind const& kind = kSocketKinds[type];
-    int const fd = ::socket(kind.family, kind.type | SOCK_CLOEXEC, kind.protocol);
+    int const flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
+    int const fd = ::socket(kind.family, kind.type | flags, kind.protocol);
     if (fd < 0) return LastSysError();
     type_ = type;
     fd_ = fd;

@@ -1,0 +1,58 @@
+#ifndef PLEXA_ZNR_ASYNC_PIPE_DEVICE_H
+#define PLEXA_ZNR_ASYNC_PIPE_DEVICE_H
+
+#include <plexa/znr-async-io.h>
+#include <plexa/znr-device.h>
+#include <plexa/znr-export.h>
+#include <plexa/znr-string.h>
+
+// A local named pipe: a stream socket of the local domain named by the
+// pipe name as given. A name that starts with \\.\pipe\ lives in the
+// abstract namespace and leaves nothing on disk; any other name is a
+// file-system path, created by the first server and removed by the last.
+//
+// A server listens from Open on, so a client may connect before
+// BeginAccept; each server device takes one client, and several server
+// devices may serve one name at once, as several pipe instances do. The
+// accept completes on the read side (operation 0) and the connection then
+// replaces the listening instance under the same descriptor watch.
+// A client that finds no server waits up to the parameter's wait timeout
+// (0xFFFFFFFF: without limit). The buffer sizes are left to the system.
+// All calls belong to the thread that owns the device.
+class ZNR_API ZNRAsyncPipeDevice : public ZNRDevice, public ZNRAsyncIOWin32 {
+public:
+    ZNRAsyncPipeDevice();
+
+    // eof also for the low words 38 and 109 (end of file, broken pipe),
+    // whatever the high word, and for EPIPE and ECONNRESET.
+    void SetError(std::uint64_t err) override;
+    bool IsEof() override { return eof_; }
+    bool IsClosed() override { return closed_; }
+    bool Open(ZNRDeviceParam* param) override;
+    // Start a transfer: 0, or -1 with the error kept.
+    int Read(unsigned char* buf, int len) override;
+    int Write(unsigned char const* buf, int len) override;
+    ZNRString const& GetDescInfo() const override { return desc_; }
+    int GetFd() override { return GetReadIOCB()->fd; }
+    // Not supported: library error 37.
+    bool CloseRead() override;
+    bool CloseWrite() override;
+    bool Close() override;
+    void Destroy() override;
+
+    virtual bool BeginAccept();
+
+    ZNRString const& GetName() const { return name_; }
+
+protected:
+    ~ZNRAsyncPipeDevice() override;
+
+private:
+    bool eof_;
+    bool closed_;
+    ZNRString desc_;
+    bool is_server_;
+    ZNRString name_;
+};
+
+#endif

@@ -1,0 +1,134 @@
+#include <plexa/znr-async-io.h>
+#include <plexa/znr-error.h>
+
+#include "znr-async-perform.h"
+#include "znr-completion-engine.h"
+#include "znr-fd-io.h"
+
+#include <cerrno>
+#include <chrono>
+
+namespace {
+
+std::uint64_t const kTimedOut = ZNRUserError(17);
+
+} // namespace
+
+// ---------------------------------------------------------------- control block
+
+ZNRAsyncIOCB::ZNRAsyncIOCB()
+    : operation(OP_NONE), fd(-1), method(METHOD_NONE), buf(nullptr), len(0), addr(nullptr),
+      addr_len(0), accept_into(nullptr), accept_type(0), status(STATUS_IDLE), transferred(0),
+      error(0), read_side(false), peer(nullptr), engine(nullptr), slot(0), queue_prev(nullptr),
+      queue_next(nullptr), queued(false) {}
+
+ZNRAsyncIOCB::~ZNRAsyncIOCB() {
+    if (engine != nullptr) engine->Dissociate(this);
+}
+
+std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int size) {
+    if (status != STATUS_IDLE) return ZNRSysError(EBUSY);
+    if (fd < 0) return ZNRSysError(EBADF);
+    if (size < 0 || (data == nullptr && size > 0)) return ZNRSysError(EINVAL);
+    operation = op;
+    method = how;
+    buf = data;
+    len = size;
+    transferred = 0;
+    error = 0;
+    status = STATUS_PENDING;
+    if (engine != nullptr) {
+        engine->Start(this);
+    } else {
+        ZNRAsyncPerform(this, false);
+    }
+    return 0;
+}
+
+void ZNRAsyncIOCB::Complete(int bytes, std::uint64_t err) {
+    transferred = bytes;
+    error = err;
+    status = STATUS_DONE;
+    if (engine != nullptr) engine->Enqueue(this);
+}
+
+std::uint64_t ZNRAsyncIOCB::SwitchFd(int new_fd) {
+    if (engine != nullptr) {
+        std::uint64_t const rc = engine->Rebind(this, new_fd);
+        if (rc != 0) {
+            ZNRFdClose(new_fd);
+            return rc;
+        }
+    }
+    int const old_fd = fd;
+    fd = new_fd;
+    if (peer != nullptr) peer->fd = new_fd;
+    if (old_fd >= 0) ZNRFdClose(old_fd);
+    return 0;
+}
+
+std::uint64_t ZNRAsyncIOCB::Reset() {
+    if (status == STATUS_PENDING) return ZNRSysError(EBUSY);
+    if (queued) engine->Dequeue(this);
+    status = STATUS_IDLE;
+    transferred = 0;
+    error = 0;
+    return 0;
+}
+
+std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
+    if (status == STATUS_IDLE) return kTimedOut;
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    bool ready = false;
+    while (status == STATUS_PENDING && ZNRAsyncPerform(this, ready) == ZNR_PERFORM_AGAIN) {
+        int wait_ms = -1;
+        if (timeout_ms >= 0) {
+            auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - Clock::now());
+            if (left.count() <= 0) return kTimedOut;
+            wait_ms = static_cast<int>(left.count());
+        }
+        ready = ZNRAsyncWaitReady(this, wait_ms);
+    }
+    if (bytes != nullptr) *bytes = transferred;
+    return error;
+}
+
+// ---------------------------------------------------------------- pair
+
+ZNRAsyncIO::~ZNRAsyncIO() = default;
+
+ZNRAsyncIOWin32::ZNRAsyncIOWin32() {
+    read_iocb_.read_side = true;
+    read_iocb_.peer = &write_iocb_;
+    write_iocb_.peer = &read_iocb_;
+}
+
+ZNRAsyncIOWin32::~ZNRAsyncIOWin32() { Detach(); }
+
+std::uint64_t ZNRAsyncIOWin32::ResetReadIOStatus() { return GetReadIOCB()->Reset(); }
+
+std::uint64_t ZNRAsyncIOWin32::ResetWriteIOStatus() { return GetWriteIOCB()->Reset(); }
+
+std::uint64_t ZNRAsyncIOWin32::CheckReadIOStatus(int timeout_ms, int* transferred) {
+    return GetReadIOCB()->Check(timeout_ms, transferred);
+}
+
+std::uint64_t ZNRAsyncIOWin32::CheckWriteIOStatus(int timeout_ms, int* transferred) {
+    return GetWriteIOCB()->Check(timeout_ms, transferred);
+}
+
+void ZNRAsyncIOWin32::SetIOFd(int fd) {
+    read_iocb_.fd = fd;
+    write_iocb_.fd = fd;
+}
+
+void ZNRAsyncIOWin32::Detach() {
+    if (read_iocb_.engine != nullptr) read_iocb_.engine->Dissociate(&read_iocb_);
+    // Whatever was under way on the descriptor goes with it.
+    for (ZNRAsyncIOCB* cb : {&read_iocb_, &write_iocb_}) {
+        cb->status = ZNRAsyncIOCB::STATUS_IDLE;
+        cb->fd = -1;
+    }
+}

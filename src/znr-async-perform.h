@@ -1,0 +1,22 @@
+#ifndef PLEXA_SRC_ZNR_ASYNC_PERFORM_H
+#define PLEXA_SRC_ZNR_ASYNC_PERFORM_H
+
+class ZNRAsyncIOCB;
+
+// The platform side of a control block: the one system call that carries
+// out its request, without blocking.
+enum ZNRPerformResult {
+    ZNR_PERFORM_AGAIN,    // not ready: nothing was transferred
+    ZNR_PERFORM_DONE,     // finished; the descriptor may have more
+    ZNR_PERFORM_DRAINED,  // finished and nothing more is ready now
+};
+
+// known_ready: the descriptor was just reported ready for cb's side, so
+// that a connect need not be probed before its result is read.
+ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready);
+
+// Waits up to timeout_ms (negative: without limit) until cb's descriptor
+// is ready for its side. True when ready; false on time-out.
+bool ZNRAsyncWaitReady(ZNRAsyncIOCB const* cb, int timeout_ms);
+
+#endif

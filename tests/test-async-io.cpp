@@ -1,0 +1,459 @@
+#include "net-test-util.h"
+#include "znr-completion-engine.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <cstring>
+#include <map>
+#include <set>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+using namespace nettest;
+
+namespace {
+
+std::uint64_t const kTimedOut = 0x8000000100000011ULL;
+
+// A connected stream pair: the first end non-blocking, for the engine.
+std::pair<int, int> StreamPair() {
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    return {fds[0], fds[1]};
+}
+
+// Transfers outlive the call that starts them: literals only, no temporaries.
+unsigned char const* L(char const* text) { return reinterpret_cast<unsigned char const*>(text); }
+
+std::string PipeName(char const* tag) {
+    return std::string("\\\\.\\pipe\\plexa-test-") + tag + "-" + std::to_string(::getpid());
+}
+
+class AsyncIO : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::uint64_t err = 0;
+        engine_.reset(ZNRCompletionEngine::Create(&err));
+        ASSERT_NE(nullptr, engine_) << err;
+    }
+
+    // The next completion, waiting at most five seconds.
+    ZNRCompletion Next() {
+        ZNRCompletion c{};
+        EXPECT_EQ(0u, engine_->Wait(5000, &c));
+        return c;
+    }
+    void ExpectNothing(int ms = 20) {
+        ZNRCompletion c{};
+        EXPECT_EQ(kTimedOut, engine_->Wait(ms, &c)) << "key " << c.key;
+    }
+    void Watch(ZNRDevice* device, ZNRAsyncIO* io, std::uint32_t key) {
+        ASSERT_EQ(0u, engine_->Associate(device->GetFd(), key, io));
+    }
+    // An async socket over the first end of a stream pair, watched under key.
+    std::unique_ptr<ZNRAsyncSocket> Adopt(int fd, std::uint32_t key) {
+        std::unique_ptr<ZNRAsyncSocket> s(new ZNRAsyncSocket());
+        EXPECT_EQ(0u, s->Open(ZNRSocket::TYPE_TCP_V4, fd));
+        EXPECT_EQ(0u, engine_->Associate(fd, key, s.get()));
+        return s;
+    }
+    DevicePtr<ZNRAsyncTcpDevice> Tcp(ZNRNetAddrInfo const* remote) {
+        ZNRNetAddrInfo const local = V4("127.0.0.1", "0");
+        ZNRTcpDeviceParam param;
+        param.local_addr = remote == nullptr ? &local : nullptr;
+        param.remote_addr = remote;
+        auto device = MakeDevice<ZNRAsyncTcpDevice>();
+        EXPECT_TRUE(device->Open(&param)) << device->GetError();
+        return device;
+    }
+    DevicePtr<ZNRAsyncPipeDevice> Pipe(std::string const& name, bool server, unsigned int wait = 1000) {
+        ZNRAsyncPipeDeviceParam param;
+        param.name = ZNRString(name);
+        param.is_server = server;
+        param.wait_timeout = wait;
+        auto device = MakeDevice<ZNRAsyncPipeDevice>();
+        device->Open(&param);
+        return device;
+    }
+
+    std::unique_ptr<ZNRCompletionEngine> engine_;
+};
+
+}  // namespace
+
+TEST_F(AsyncIO, AcceptAndConnectStartedBeforeAssociation) {
+    auto listener = Tcp(nullptr);
+    Watch(listener.get(), listener.get(), 1);
+    ASSERT_TRUE(listener->BeginAccept());
+    ExpectNothing();
+    std::uint64_t err = 0;
+    ZNRNetAddrInfo const bound = *listener->GetBindAddr(&err);
+
+    // Connecting is under way before the engine knows the descriptor.
+    auto client = Tcp(&bound);
+    ASSERT_TRUE(client->Connect());
+    EXPECT_EQ(ZNRAsyncIOCB::OP_CONNECT, client->GetWriteIOCB()->operation);
+    Watch(client.get(), client.get(), 2);
+
+    std::map<std::uint32_t, ZNRCompletion> done;
+    for (int i = 0; i < 2; ++i) {
+        ZNRCompletion const c = Next();
+        done[c.key] = c;
+    }
+    ASSERT_EQ(2u, done.size());
+    EXPECT_EQ(listener->GetReadIOCB(), done[1].iocb);
+    EXPECT_EQ(ZNRAsyncIOCB::OP_ACCEPT, done[1].iocb->operation);
+    EXPECT_FALSE(done[1].failed);
+    EXPECT_EQ(client->GetWriteIOCB(), done[2].iocb);
+    EXPECT_FALSE(done[2].failed);
+
+    auto conn = MakeDevice<ZNRAsyncTcpDevice>();
+    ASSERT_TRUE(listener->Accept(conn.get()));
+    EXPECT_EQ(ZNRDevice::TYPE_TCP_ACCEPTED, conn->GetType());
+    EXPECT_EQ("Tcp accept client, remote ip=127.0.0.1 remote port=" +
+                  Str(client->GetBindAddr(&err)->GetPortStr()),
+              Str(conn->GetDescInfo()));
+    // Nothing more was accepted.
+    auto spare = MakeDevice<ZNRAsyncTcpDevice>();
+    EXPECT_FALSE(listener->Accept(spare.get()));
+
+    // The accepted connection carries data both ways through the engine.
+    Watch(conn.get(), conn.get(), 3);
+    unsigned char buf[16] = {};
+    EXPECT_EQ(0, conn->Read(buf, sizeof buf));
+    client->GetWriteIOCB()->Reset();
+    EXPECT_EQ(0, client->Write(L("ping"), 4));
+    std::map<std::uint32_t, int> bytes;
+    for (int i = 0; i < 2; ++i) {
+        ZNRCompletion const c = Next();
+        bytes[c.key] = c.bytes;
+    }
+    EXPECT_EQ((std::map<std::uint32_t, int>{{2, 4}, {3, 4}}), bytes);
+    EXPECT_EQ("ping", Bytes(buf, 4));
+}
+
+TEST_F(AsyncIO, ConnectRefused) {
+    ZNRNetAddrInfo closed = V4("127.0.0.1", "0");
+    {
+        auto probe = Tcp(nullptr);  // a port that was just free again
+        std::uint64_t err = 0;
+        closed = *probe->GetBindAddr(&err);
+    }
+    auto client = Tcp(&closed);
+    if (!client->Connect()) {
+        EXPECT_EQ(ZNRSysError(ECONNREFUSED), client->GetError());
+        return;
+    }
+    Watch(client.get(), client.get(), 7);
+    ZNRCompletion const c = Next();
+    EXPECT_EQ(7u, c.key);
+    EXPECT_TRUE(c.failed);
+    EXPECT_EQ(ZNRSysError(ECONNREFUSED), c.error);
+    EXPECT_EQ(ZNRAsyncIOCB::OP_CONNECT, c.iocb->operation);
+}
+
+TEST_F(AsyncIO, ReadsWaitingImmediateOncePerSideAndPeerClose) {
+    auto const fds = StreamPair();
+    auto s = Adopt(fds.first, 5);
+    ZNRAsyncIOCB* const cb = s->GetReadIOCB();
+    unsigned char buf[64] = {};
+    std::uint64_t err = 0;
+
+    // Nothing there: the read waits for the peer.
+    EXPECT_EQ(0, s->Recv(buf, 64, &err));
+    EXPECT_EQ(ZNRSysError(EBUSY), cb->Reset());
+    EXPECT_EQ(-1, s->Recv(buf, 64, &err));
+    EXPECT_EQ(ZNRSysError(EBUSY), err);
+    ExpectNothing();
+    ASSERT_EQ(5, ::write(fds.second, "hello", 5));
+    ZNRCompletion c = Next();
+    EXPECT_EQ(5u, c.key);
+    EXPECT_EQ(5, c.bytes);
+    EXPECT_EQ(cb, c.iocb);
+    EXPECT_EQ(ZNRAsyncIOCB::OP_READ, cb->operation);
+    EXPECT_EQ("hello", Bytes(buf, 5));
+    ExpectNothing();  // its count came once
+
+    // A read that fills its buffer leaves the side ready: the next one
+    // finishes inside the call, before any wait.
+    ASSERT_EQ(0u, cb->Reset());
+    ASSERT_EQ(20, ::write(fds.second, "abcdefghijklmnopqrst", 20));
+    EXPECT_EQ(0, s->Recv(buf, 8, &err));
+    c = Next();
+    EXPECT_EQ(8, c.bytes);
+    ASSERT_EQ(0u, cb->Reset());
+    EXPECT_EQ(0, s->Recv(buf, 8, &err));
+    EXPECT_EQ(ZNRAsyncIOCB::STATUS_DONE, cb->status);
+    EXPECT_EQ("ijklmnop", Bytes(buf, 8));
+    c = Next();
+    EXPECT_EQ(8, c.bytes);
+
+    // Reset drops a completion not yet handed out.
+    ASSERT_EQ(0u, cb->Reset());
+    EXPECT_EQ(0, s->Recv(buf, 2, &err));
+    ASSERT_EQ(0u, cb->Reset());
+    ExpectNothing();
+
+    // An orderly close completes a read successfully with 0 bytes.
+    EXPECT_EQ(0, s->Recv(buf, 64, &err));
+    c = Next();
+    EXPECT_EQ(2, c.bytes);
+    ASSERT_EQ(0u, cb->Reset());
+    ::shutdown(fds.second, SHUT_WR);
+    EXPECT_EQ(0, s->Recv(buf, 64, &err));
+    c = Next();
+    EXPECT_FALSE(c.failed);
+    EXPECT_EQ(0, c.bytes);
+    ::close(fds.second);
+}
+
+TEST_F(AsyncIO, LargeWritesArePartialAndArriveWhole) {
+    auto const fds = StreamPair();
+    auto s = Adopt(fds.first, 9);
+    std::vector<unsigned char> data(4 << 20);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 131 + i / 7);
+    std::vector<unsigned char> got;
+    std::thread reader([&] {
+        unsigned char chunk[65536];
+        while (got.size() < data.size() && WaitFor(fds.second)) {
+            ssize_t const n = ::read(fds.second, chunk, sizeof chunk);
+            if (n <= 0) break;
+            got.insert(got.end(), chunk, chunk + n);
+        }
+    });
+    std::size_t sent = 0;
+    int writes = 0;
+    std::uint64_t err = 0;
+    while (sent < data.size()) {
+        ASSERT_EQ(0u, s->ResetWriteIOStatus());
+        ASSERT_EQ(0, s->Send(data.data() + sent, static_cast<int>(data.size() - sent), &err));
+        ZNRCompletion const c = Next();
+        ASSERT_FALSE(c.failed);
+        ASSERT_EQ(ZNRAsyncIOCB::OP_WRITE, c.iocb->operation);
+        ASSERT_GT(c.bytes, 0);
+        sent += static_cast<std::size_t>(c.bytes);
+        ++writes;
+    }
+    reader.join();
+    EXPECT_GT(writes, 1);
+    EXPECT_TRUE(got == data);
+}
+
+TEST_F(AsyncIO, DatagramsWithPeerAddresses) {
+    ZNRNetAddrInfo const local = V4("127.0.0.1", "0");
+    ZNRUdpDeviceParam param;
+    param.local_addr = &local;
+    auto a = MakeDevice<ZNRAsyncUdpDevice>();
+    auto b = MakeDevice<ZNRAsyncUdpDevice>();
+    ASSERT_TRUE(a->Open(&param));
+    ASSERT_TRUE(b->Open(&param));
+    std::uint64_t err = 0;
+    ZNRNetAddrInfo const a_addr = *a->GetBindAddr(&err);
+    std::string const b_text = Text(*b->GetBindAddr(&err));
+    Watch(a.get(), a.get(), 1);
+    Watch(b.get(), b.get(), 2);
+
+    b->SetNextSendPeerAddr(&a_addr);
+    for (char const* text : {"one", "three"}) {
+        ASSERT_EQ(0u, b->ResetWriteIOStatus());
+        EXPECT_EQ(0, b->Write(L(text), static_cast<int>(std::strlen(text))));
+        ZNRCompletion const c = Next();
+        EXPECT_EQ(2u, c.key);
+        EXPECT_EQ(static_cast<int>(std::strlen(text)), c.bytes);
+    }
+    // Both datagrams wait in the socket; the second read must not wait
+    // for another edge.
+    unsigned char buf[32] = {};
+    for (char const* text : {"one", "three"}) {
+        ASSERT_EQ(0u, a->ResetReadIOStatus());
+        EXPECT_EQ(-1, a->Read(buf, sizeof buf));
+        EXPECT_EQ(0u, a->GetError());
+        ZNRCompletion const c = Next();
+        EXPECT_EQ(1u, c.key);
+        EXPECT_EQ(text, Bytes(buf, c.bytes));
+        ASSERT_TRUE(a->UpdateLastRecvPeerAddr());
+        EXPECT_EQ(b_text, Text(*a->GetLastRecvPeerAddr()));
+    }
+}
+
+TEST_F(AsyncIO, PipeInstancesClientsAndClose) {
+    std::string const name = PipeName("pair");
+    auto s1 = Pipe(name, true);
+    auto s2 = Pipe(name, true);
+    ASSERT_FALSE(s1->IsClosed());
+    ASSERT_FALSE(s2->IsClosed()) << s2->GetError();
+    EXPECT_EQ(ZNRDevice::TYPE_PIPE_SERVER, s1->GetType());
+    EXPECT_EQ("Pipe server, name=\"" + name + "\"", Str(s1->GetDescInfo()));
+    // A client may connect before its server starts accepting.
+    auto c1 = Pipe(name, false);
+    ASSERT_FALSE(c1->IsClosed()) << c1->GetError();
+    EXPECT_EQ(ZNRDevice::TYPE_PIPE_CLIENT, c1->GetType());
+    EXPECT_EQ("Pipe client, path=\"" + name + "\"", Str(c1->GetDescInfo()));
+    Watch(s1.get(), s1.get(), 1);
+    Watch(s2.get(), s2.get(), 2);
+    ASSERT_TRUE(s1->BeginAccept());
+    ASSERT_TRUE(s2->BeginAccept());
+    auto c2 = Pipe(name, false);
+    ASSERT_FALSE(c2->IsClosed());
+    std::set<std::uint32_t> accepted;
+    for (int i = 0; i < 2; ++i) {
+        ZNRCompletion const c = Next();
+        EXPECT_EQ(ZNRAsyncIOCB::OP_ACCEPT, c.iocb->operation);
+        EXPECT_FALSE(c.failed);
+        accepted.insert(c.key);
+    }
+    EXPECT_EQ((std::set<std::uint32_t>{1, 2}), accepted);
+
+    // Unwatched clients finish their writes through CheckWriteIOStatus.
+    int n = 0;
+    EXPECT_EQ(0, c1->Write(L("one"), 3));
+    EXPECT_EQ(0u, c1->CheckWriteIOStatus(-1, &n));
+    EXPECT_EQ(3, n);
+    EXPECT_EQ(0, c2->Write(L("two!"), 4));
+    EXPECT_EQ(0u, c2->CheckWriteIOStatus(1000, &n));
+    unsigned char b1[8] = {}, b2[8] = {};
+    ASSERT_EQ(0u, s1->ResetReadIOStatus());
+    ASSERT_EQ(0u, s2->ResetReadIOStatus());
+    EXPECT_EQ(0, s1->Read(b1, sizeof b1));
+    EXPECT_EQ(0, s2->Read(b2, sizeof b2));
+    std::set<std::string> got;
+    for (int i = 0; i < 2; ++i) {
+        ZNRCompletion const c = Next();
+        got.insert(Bytes(c.key == 1 ? b1 : b2, c.bytes));
+    }
+    EXPECT_EQ((std::set<std::string>{"one", "two!"}), got);
+
+    // The peer going away ends the server's stream.
+    c1->Close();
+    c2->Close();
+    for (auto* s : {s1.get(), s2.get()}) {
+        ASSERT_EQ(0u, s->ResetReadIOStatus());
+        EXPECT_EQ(0, s->Read(b1, sizeof b1));
+    }
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(0, Next().bytes);
+
+    // Closing twice is fine and leaves the plain pipe type.
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(s1->Close());
+        EXPECT_EQ(ZNRDevice::TYPE_PIPE, s1->GetType());
+        EXPECT_TRUE(s1->IsEof());
+        EXPECT_EQ("", Str(s1->GetDescInfo()));
+    }
+    EXPECT_FALSE(s1->CloseWrite());
+    EXPECT_EQ(0x8000000100000025ULL, s1->GetError());
+}
+
+TEST_F(AsyncIO, PipeClientWaitsForServerAndPathNamesLeaveNoFile) {
+    auto lonely = Pipe(PipeName("none"), false, 30);
+    EXPECT_TRUE(lonely->IsClosed());
+    EXPECT_EQ(ZNRSysError(ECONNREFUSED), lonely->GetError());
+
+    std::string const path = "/tmp/plexa-test-pipe-" + std::to_string(::getpid());
+    ::unlink(path.c_str());
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        auto server = Pipe(path, true);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    });
+    auto client = Pipe(path, false, 5000);
+    EXPECT_FALSE(client->IsClosed()) << client->GetError();
+    late.join();
+    struct stat st;
+    EXPECT_NE(0, ::stat(path.c_str(), &st));  // the last server removed it
+
+    // Error numbers 38 and 109 mean end of file whatever the high word.
+    for (std::uint64_t code : std::vector<std::uint64_t>{0x26, 0x400000010000006D, 0x8000000100000004, ZNRSysError(EPIPE)}) {
+        client->SetError(code);
+        EXPECT_TRUE(client->IsEof()) << std::hex << code;
+    }
+    client->SetError(ZNRSysError(EAGAIN));
+    EXPECT_FALSE(client->IsEof());
+}
+
+TEST_F(AsyncIO, ClosingWithCompletionsQueuedAndDescriptorReuse) {
+    auto fds = StreamPair();
+    auto s = Adopt(fds.first, 11);
+    ASSERT_EQ(4, ::write(fds.second, "data", 4));
+    unsigned char buf[4];
+    std::uint64_t err = 0;
+    ASSERT_EQ(0, s->Send(L("out"), 3, &err));  // may finish at once
+    ASSERT_EQ(0, s->Recv(buf, 4, &err));
+    ASSERT_TRUE(WaitFor(fds.first));
+    int const old_fd = fds.first;
+    s.reset();  // pending and queued work goes with it
+    ::close(fds.second);
+
+    // The number comes back at once for a new socket.
+    fds = StreamPair();
+    ASSERT_EQ(old_fd, fds.first);
+    ExpectNothing();
+    auto again = Adopt(fds.first, 12);
+    ASSERT_EQ(0, again->Recv(buf, 4, &err));
+    ExpectNothing();
+    ASSERT_EQ(2, ::write(fds.second, "ok", 2));
+    ZNRCompletion const c = Next();
+    EXPECT_EQ(12u, c.key);
+    EXPECT_EQ(2, c.bytes);
+    ::close(fds.second);
+}
+
+TEST_F(AsyncIO, UnwatchedDescriptorsAndIdleBlocks) {
+    ZNRAsyncIOWin32 idle;
+    int n = -1;
+    EXPECT_EQ(kTimedOut, idle.CheckReadIOStatus(0, &n));
+    EXPECT_EQ(kTimedOut, idle.CheckWriteIOStatus(-1, &n));  // nothing started: no hang
+
+    int p[2];
+    ASSERT_EQ(0, ::pipe2(p, O_CLOEXEC));
+    ZNRUnknownDeviceParam param;
+    param.fd = p[0];
+    auto reader = MakeDevice<ZNRAsyncUnknownDevice>();
+    ASSERT_TRUE(reader->Open(&param));
+    unsigned char buf[8] = {};
+    EXPECT_EQ(0, reader->Read(buf, sizeof buf));
+    EXPECT_EQ(kTimedOut, reader->CheckReadIOStatus(0, &n));
+    EXPECT_EQ(kTimedOut, reader->CheckReadIOStatus(10, &n));
+    ASSERT_EQ(3, ::write(p[1], "abc", 3));
+    EXPECT_EQ(0u, reader->CheckReadIOStatus(-1, &n));
+    EXPECT_EQ(3, n);
+    EXPECT_EQ(ZNRAsyncIOCB::OP_NONE, reader->GetReadIOCB()->operation);
+
+    // Finished before the engine watched it: the completion still comes.
+    ASSERT_EQ(0u, reader->ResetReadIOStatus());
+    ASSERT_EQ(1, ::write(p[1], "z", 1));
+    EXPECT_EQ(0, reader->Read(buf, sizeof buf));
+    Watch(reader.get(), reader.get(), 4);
+    ZNRCompletion const c = Next();
+    EXPECT_EQ(4u, c.key);
+    EXPECT_EQ(1, c.bytes);
+    EXPECT_EQ('z', buf[0]);
+    ::close(p[1]);
+}
+
+TEST_F(AsyncIO, BusyDescriptorDoesNotStarveOthers) {
+    auto busy_fds = StreamPair();
+    auto quiet_fds = StreamPair();
+    auto busy = Adopt(busy_fds.first, 1);
+    auto quiet = Adopt(quiet_fds.first, 2);
+    std::string const flood(4096, 'x');
+    ASSERT_EQ(4096, ::write(busy_fds.second, flood.data(), flood.size()));
+    unsigned char one = 0, other[8];
+    std::uint64_t err = 0;
+    ASSERT_EQ(0, quiet->Recv(other, sizeof other, &err));
+    ASSERT_EQ(0, busy->Recv(&one, 1, &err));
+    ASSERT_EQ(1, ::write(quiet_fds.second, "q", 1));
+    // Each one-byte read finishes at once and is posted again at once.
+    int turns = 0;
+    for (; turns < 1000; ++turns) {
+        ZNRCompletion const c = Next();
+        if (c.key == 2) break;
+        ASSERT_EQ(1, c.bytes);
+        ASSERT_EQ(0u, busy->ResetReadIOStatus());
+        ASSERT_EQ(0, busy->Recv(&one, 1, &err));
+    }
+    EXPECT_LT(turns, 200);
+    ::close(busy_fds.second);
+    ::close(quiet_fds.second);
+}
