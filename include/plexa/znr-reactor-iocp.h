@@ -1,0 +1,101 @@
+#ifndef PLEXA_ZNR_REACTOR_IOCP_H
+#define PLEXA_ZNR_REACTOR_IOCP_H
+
+#include <plexa/znr-export.h>
+#include <plexa/znr-id-allocator.h>
+#include <plexa/znr-reactor.h>
+#include <plexa/znr-stl-adapter.h>
+#include <plexa/znr-thread-mutex.h>
+
+#include <atomic>
+#include <list>
+#include <map>
+
+class ZNRCompletionEngine;
+class ZNRReactorIOCPDeviceBase;
+class ZNRReactorIOCPLoopEventReadDevice;
+class ZNRReactorIOCPLoopEventWriteDevice;
+class ZNRThread;
+
+// The library's reactor, on the platform's completion engine: one loop
+// thread (the one in Open) waits for completions, turns them into device
+// handler calls, runs loop events and fires timers. Other threads reach
+// it through loop events, queued under a lock and counted on a wake-up
+// channel whose read end the loop watches as device 1.
+//
+// Any thread: Stop, RegisterTask, RegisterLoopEvent, the stop-notify and
+// timer registrations, SendData, IsStopped. Loop thread only (before
+// Open: the thread that will run it): RegisterDevice, UnregisterDevice,
+// IsDeviceExist.
+class ZNR_API ZNRReactorIOCP : public ZNRReactor {
+public:
+    explicit ZNRReactorIOCP(ZNRTimerMgr* timer_mgr);
+
+    std::uint64_t Init() override;
+    std::uint64_t Open() override;
+    std::uint64_t Stop() override;
+    std::uint64_t RegisterDevice(ZNRDevice* device, ZNRDeviceHandler* handler,
+                                 std::uint64_t* error, int recv_buff_max_size,
+                                 int recv_buff_grow_size, int send_buff_max_size,
+                                 unsigned int timeout) override;
+    bool IsDeviceExist(std::uint64_t device_id) override;
+    std::uint64_t UnregisterDevice(std::uint64_t device_id) override;
+    std::uint64_t RegisterTask(ZNRReactorTask* task) override;
+    std::uint64_t RegisterLoopEvent(ZNRReactorLoopEvent* event) override;
+    void RegisterBeginStopNotify(ZNRReactorStopNotify* notify) override;
+    void RegisterEndStopNotify(ZNRReactorStopNotify* notify) override;
+    std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) override;
+    std::uint64_t UnregisterTimer(std::uint64_t timer_id) override;
+    std::uint64_t SendData(std::uint64_t device_id, unsigned char const* data, int size) override;
+    void Destroy() override;
+
+    bool IsStopped() const { return stopped_; }
+    // How often the loop woke from an empty wait, for tests and tuning.
+    std::uint64_t GetIdleWakeups() const { return idle_wakeups_; }
+
+protected:
+    ~ZNRReactorIOCP() override;
+
+private:
+    friend class ZNRReactorIOCPDeviceBase;
+    friend class ZNRReactorIOCPDeviceTimer;
+    friend class ZNRReactorIOCPLoopEventReadDevice;
+    friend class ZNRReactorIOCPSendDataLoopEvent;
+
+    typedef std::map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
+
+    bool IsLoopThread();
+    std::uint64_t AddIOCPEvent(ZNRDevice* device, std::uint32_t key);
+    std::uint64_t DelayCloseDevice(ZNRReactorIOCPDeviceBase* device);
+    void DelIOCPDevice(std::uint32_t id);
+    ZNRReactorIOCPDeviceBase* FindDevice(std::uint32_t id);
+    bool Dispatch(std::uint64_t* error);
+    int PlanWait();
+    void RunTimers();
+    void WakeForTimer(std::uint64_t expiry);
+    void NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies);
+    void CloseAll();
+
+    ZNRCompletionEngine* engine_;
+    ZNRIdAllocator id_allocator_;
+    ZNRStlAdapter<DeviceMap> devices_;
+    ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> begin_stop_notifies_;
+    ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> end_stop_notifies_;
+    ZNRThreadMutex timer_lock_;
+    ZNRThreadMutex stop_notify_lock_;
+    ZNRThread* loop_thread_;
+    std::atomic<bool> stopped_;
+    ZNRStlAdapter<std::list<ZNRReactorLoopEvent*>> loop_events_;
+    ZNRThreadMutex loop_event_lock_;
+    int queued_count_;
+    ZNRReactorIOCPLoopEventReadDevice* read_device_;
+    ZNRReactorIOCPLoopEventWriteDevice* write_device_;
+    std::uint32_t read_device_id_;
+    // The tick the loop means to wake at (all ones: not before an event),
+    // so that a timer due earlier, added from another thread, wakes it.
+    std::uint64_t planned_wake_;
+    ZNRReactorIOCPDeviceBase* dispatching_;
+    std::uint64_t idle_wakeups_;
+};
+
+#endif

@@ -1,0 +1,96 @@
+#ifndef PLEXA_ZNR_REACTOR_H
+#define PLEXA_ZNR_REACTOR_H
+
+#include <plexa/znr-export.h>
+
+#include <cstdint>
+
+class ZNRDevice;
+class ZNRDeviceHandler;
+class ZNRReactor;
+class ZNRTimer;
+class ZNRTimerMgr;
+
+// Work run on a reactor's thread, queued from any thread. True keeps the
+// event for a later wake-up; false ends it (the reactor calls Destroy).
+class ZNR_API ZNRReactorLoopEvent {
+public:
+    virtual bool OnLoopEvent(ZNRReactor* reactor) = 0;
+    virtual void Destroy() = 0;
+
+protected:
+    virtual ~ZNRReactorLoopEvent();
+};
+
+// A task run on a reactor's thread: true runs it again on a later turn,
+// false ends it. The reactor never calls Cancel; Destroy releases it.
+class ZNR_API ZNRReactorTask {
+public:
+    virtual bool Run() = 0;
+    virtual void Cancel() = 0;
+    virtual void Destroy() = 0;
+
+protected:
+    virtual ~ZNRReactorTask();
+};
+
+// Told that a reactor stops (begin: before its devices close; end: after
+// everything closed), then released with Destroy.
+class ZNR_API ZNRReactorStopNotify {
+public:
+    virtual void OnStop(ZNRReactor* reactor) = 0;
+    virtual void Destroy() = 0;
+
+protected:
+    virtual ~ZNRReactorStopNotify();
+};
+
+// An event loop driven by one thread. Registered objects become the
+// reactor's on success (released through their Destroy) and stay the
+// caller's on failure. Creating calls return an id, or all ones with
+// *error set.
+class ZNR_API ZNRReactor {
+public:
+    // Owns timer_mgr from now on.
+    explicit ZNRReactor(ZNRTimerMgr* timer_mgr);
+    ZNRReactor(ZNRReactor const&) = delete;
+    ZNRReactor& operator=(ZNRReactor const&) = delete;
+
+    virtual std::uint64_t Init() = 0;
+    // Runs the loop on the calling thread until it stops.
+    virtual std::uint64_t Open() = 0;
+    virtual std::uint64_t Stop() = 0;
+    // Sizes in bytes; timeout in milliseconds, 0xFFFFFFFF for none.
+    virtual std::uint64_t RegisterDevice(ZNRDevice* device, ZNRDeviceHandler* handler,
+                                         std::uint64_t* error, int recv_buff_max_size,
+                                         int recv_buff_grow_size, int send_buff_max_size,
+                                         unsigned int timeout) = 0;
+    virtual bool IsDeviceExist(std::uint64_t device_id) = 0;
+    virtual std::uint64_t UnregisterDevice(std::uint64_t device_id) = 0;
+    virtual std::uint64_t RegisterTask(ZNRReactorTask* task) = 0;
+    virtual std::uint64_t RegisterLoopEvent(ZNRReactorLoopEvent* event) = 0;
+    virtual void RegisterBeginStopNotify(ZNRReactorStopNotify* notify) = 0;
+    virtual void RegisterEndStopNotify(ZNRReactorStopNotify* notify) = 0;
+    virtual std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) = 0;
+    virtual std::uint64_t UnregisterTimer(std::uint64_t timer_id) = 0;
+    // Size 0 asks to close the device.
+    virtual std::uint64_t SendData(std::uint64_t device_id, unsigned char const* data, int size) = 0;
+    virtual void Destroy() = 0;
+
+    // Effective at Init.
+    void SetLoopEventDisposeSize(int size) { loop_event_dispose_size_ = size; }
+    int GetLoopEventDisposeSize() const { return loop_event_dispose_size_; }
+    void SetLoopEventQueueMaxSize(int size) { loop_event_queue_max_size_ = size; }
+    int GetLoopEventQueueMaxSize() const { return loop_event_queue_max_size_; }
+
+protected:
+    virtual ~ZNRReactor();
+    ZNRTimerMgr* GetTimerMgr() const { return timer_mgr_; }
+
+private:
+    ZNRTimerMgr* timer_mgr_;
+    int loop_event_dispose_size_;
+    int loop_event_queue_max_size_;
+};
+
+#endif
