@@ -3,6 +3,7 @@
 #include <plexa/znr-timer.h>
 #include <plexa/znr-utils.h>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -110,6 +111,22 @@ void ZNRTimerMgr::RemoveAll() {
     for (std::uint32_t i = 0; i < slot_count_; ++i) {
         if (slots_[i] != nullptr) slots_[i]->clear();
     }
+}
+
+void ZNRTimerMgr::DestroyAll() {
+    std::vector<ZNRTimer*> ended;
+    ended.reserve(timers_->size());
+    for (auto& entry : *timers_) ended.push_back(entry.second);
+    RemoveAll();
+    for (ZNRTimer* timer : ended) timer->Destroy();
+}
+
+std::uint64_t ZNRTimerMgr::GetNextExpiry() const {
+    std::uint64_t next = kNoId;
+    for (std::uint32_t i = 0; i < slot_count_; ++i) {
+        if (slots_[i] != nullptr && !slots_[i]->empty()) next = std::min(next, slots_[i]->begin()->first);
+    }
+    return next;
 }
 
 unsigned int ZNRTimerMgr::Size() { return static_cast<unsigned int>(timers_->size()); }

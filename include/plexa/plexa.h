@@ -21,6 +21,7 @@
 #include <plexa/znr-message-queue.h>
 #include <plexa/znr-thread.h>
 #include <plexa/znr-timer.h>
+#include <plexa/znr-reactor.h>
 #include <plexa/znr-device.h>
 #include <plexa/znr-socket.h>
 #include <plexa/znr-blocking-device.h>
@@ -28,6 +29,7 @@
 #include <plexa/znr-async-socket.h>
 #include <plexa/znr-async-device.h>
 #include <plexa/znr-async-pipe-device.h>
+#include <plexa/znr-reactor-iocp.h>
 #include <plexa/znr-pack.h>
 #include <plexa/znr-unpack.h>
 #include <plexa/znr-gzip.h>

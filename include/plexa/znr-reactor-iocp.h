@@ -12,6 +12,7 @@
 #include <map>
 
 class ZNRCompletionEngine;
+struct ZNRCompletion;
 class ZNRReactorIOCPDeviceBase;
 class ZNRReactorIOCPLoopEventReadDevice;
 class ZNRReactorIOCPLoopEventWriteDevice;
@@ -58,8 +59,8 @@ protected:
 
 private:
     friend class ZNRReactorIOCPDeviceBase;
-    friend class ZNRReactorIOCPDeviceTimer;
     friend class ZNRReactorIOCPLoopEventReadDevice;
+    friend class ZNRReactorIOCPDeviceTimer;
     friend class ZNRReactorIOCPSendDataLoopEvent;
 
     typedef std::map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
@@ -69,7 +70,9 @@ private:
     std::uint64_t DelayCloseDevice(ZNRReactorIOCPDeviceBase* device);
     void DelIOCPDevice(std::uint32_t id);
     ZNRReactorIOCPDeviceBase* FindDevice(std::uint32_t id);
-    bool Dispatch(std::uint64_t* error);
+    bool Turn(std::uint64_t* error);
+    bool Dispatch(ZNRCompletion const& completion, std::uint64_t* error);
+    bool DrainLoopEvents(std::uint64_t count, std::uint64_t* error);
     int PlanWait();
     void RunTimers();
     void WakeForTimer(std::uint64_t expiry);
@@ -94,7 +97,12 @@ private:
     // The tick the loop means to wake at (all ones: not before an event),
     // so that a timer due earlier, added from another thread, wakes it.
     std::uint64_t planned_wake_;
+    int dispose_size_;
+    int queue_max_;
+    // The device whose completion is being handled: unregistering it
+    // waits until its handler has returned.
     ZNRReactorIOCPDeviceBase* dispatching_;
+    bool dispatching_removed_;
     std::uint64_t idle_wakeups_;
 };
 

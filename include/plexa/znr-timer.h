@@ -77,6 +77,11 @@ public:
     virtual unsigned int RemoveTimers(std::uint64_t first_id, std::uint64_t last_id);
     // Detaches every timer.
     virtual void RemoveAll();
+    // Detaches every timer and destroys it (without OnClose): the end of
+    // timers still registered when their owner goes away.
+    void DestroyAll();
+    // The earliest expiry of any timer; all ones when there is none.
+    std::uint64_t GetNextExpiry() const;
     virtual unsigned int Size();
     // Fires the due timers of the slot of now; returns how many it handled.
     virtual unsigned int ScheduleTimers(std::uint64_t now);

@@ -1,0 +1,391 @@
+#include <plexa/znr-async-device.h>
+#include <plexa/znr-async-io.h>
+#include <plexa/znr-device.h>
+#include <plexa/znr-error.h>
+#include <plexa/znr-logger.h>
+#include <plexa/znr-reactor-iocp.h>
+
+#include "znr-reactor-iocp-device.h"
+#include "znr-wakeup.h"
+
+#include <cerrno>
+
+namespace {
+
+std::uint64_t const kEndOfStream = ZNRUserError(4);
+std::uint64_t const kSendOverflow = ZNRUserError(8);
+std::uint64_t const kRecvOverflow = ZNRUserError(9);
+std::uint64_t const kNotSupported = ZNRUserError(37);
+std::uint64_t const kBadOffset = ZNRUserError(48);
+
+std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
+
+// A handler hears of its device's closing only while the loop runs; at
+// shutdown it is just released.
+void ReleaseHandler(ZNRReactorIOCP* reactor, ZNRDeviceHandler* handler) {
+    if (!reactor->IsStopped()) handler->OnClose();
+    handler->Destroy();
+}
+
+void SetError(std::uint64_t* error, std::uint64_t code) {
+    if (error != nullptr) *error = code;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- base
+
+ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id,
+                                                   ZNRDevice* device)
+    : reactor_(reactor), id_(id), device_(device), timer_(nullptr), recv_buff_grow_size_(512),
+      recv_buff_max_size_(4096), send_buff_max_size_(4096), queued_send_bytes_(0),
+      sending_(false), connecting_(false) {
+    if (device != nullptr) desc_ = device->GetDescInfo();
+}
+
+ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
+    if (timer_ != nullptr) {
+        ZNRGuardSpinLock guard(&reactor_->timer_lock_, __FILE__, __LINE__);
+        reactor_->GetTimerMgr()->RemoveTimer(timer_->GetId());
+        timer_->Destroy();
+    }
+    for (ZNRByteBuffer* buffer : send_queue_) delete buffer;
+    if (device_ != nullptr) device_->Destroy();
+}
+
+int ZNRReactorIOCPDeviceBase::GetType() const {
+    return device_ != nullptr ? device_->GetType() : ZNRDevice::TYPE_UNKNOWN;
+}
+
+void ZNRReactorIOCPDeviceBase::SetRecvBuffGrowSize(int size) {
+    recv_buff_grow_size_ = size < recv_buff_max_size_ ? size : recv_buff_max_size_;
+}
+
+void ZNRReactorIOCPDeviceBase::SetRecvBuffMaxSize(int size) {
+    recv_buff_max_size_ = size >= recv_buff_grow_size_ ? recv_buff_grow_size_ + size
+                                                        : 2 * recv_buff_grow_size_;
+}
+
+void ZNRReactorIOCPDeviceBase::SetTimeout(unsigned int timeout) {
+    if (timeout == 0xFFFFFFFFu) return;
+    timer_ = new ZNRReactorIOCPDeviceTimer(timeout, this);
+    ZNRGuardSpinLock guard(&reactor_->timer_lock_, __FILE__, __LINE__);
+    reactor_->GetTimerMgr()->AddTimer(timer_);
+}
+
+ZNRAsyncIO* ZNRReactorIOCPDeviceBase::GetAsyncIO() { return dynamic_cast<ZNRAsyncIO*>(device_); }
+
+std::uint64_t ZNRReactorIOCPDeviceBase::CloseWrite() {
+    return device_->CloseWrite() ? 0 : device_->GetError();
+}
+
+std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
+    ZNRAsyncIO* const io = GetAsyncIO();
+    if (io == nullptr) return kNotSupported;
+    std::uint64_t rc = io->ResetReadIOStatus();
+    if (rc != 0) return rc;
+    unsigned int const count = recv_buffer_.GetDataCount();
+    if (static_cast<long long>(recv_buff_max_size_) <
+        static_cast<long long>(recv_buff_grow_size_) + count) {
+        ZNR_LOG(ERROR,
+                "IOCP device recv buffer is overflow, current_size=%d max_size=%d desc_info=\"%s\"",
+                static_cast<int>(count), recv_buff_max_size_, Narrow(desc_).c_str());
+        return kRecvOverflow;
+    }
+    unsigned int const grow = static_cast<unsigned int>(recv_buff_grow_size_);
+    if (recv_buffer_.GetFreeCapacity() < grow) {
+        rc = recv_buffer_.ExtendCapacity(grow - recv_buffer_.GetFreeCapacity());
+        if (rc != 0) return rc;
+    }
+    if (device_->Read(recv_buffer_.GetData() + count, recv_buff_grow_size_) < 0) {
+        return device_->GetError();
+    }
+    return 0;
+}
+
+bool ZNRReactorIOCPDeviceBase::Send(unsigned char const* data, int size, std::uint64_t* error) {
+    return Send(new ZNRByteBuffer(data, static_cast<unsigned int>(size)), error);
+}
+
+bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
+    int const size = static_cast<int>(buffer->GetDataCount());
+    if (static_cast<long long>(queued_send_bytes_) + size > send_buff_max_size_) {
+        ZNR_LOG(ERROR,
+                "Can not send data to iocp device, send buffer is overflow, current_size=%d "
+                "max_size=%d desc_info=\"%s\"",
+                queued_send_bytes_, send_buff_max_size_, Narrow(desc_).c_str());
+        delete buffer;
+        SetError(error, kSendOverflow);
+        return false;
+    }
+    send_queue_.push_back(buffer);
+    queued_send_bytes_ += size;
+    if (sending_ || connecting_) return true;
+    std::uint64_t const rc = PostSend();
+    if (rc == 0) return true;
+    SetError(error, rc);
+    return false;
+}
+
+std::uint64_t ZNRReactorIOCPDeviceBase::PostSend() {
+    ZNRAsyncIO* const io = GetAsyncIO();
+    if (io == nullptr) return kNotSupported;
+    std::uint64_t const rc = io->ResetWriteIOStatus();
+    if (rc != 0) return rc;
+    ZNRByteBuffer* const front = send_queue_.front();
+    if (device_->Write(front->GetData(), static_cast<int>(front->GetDataCount())) < 0) {
+        return device_->GetError();
+    }
+    sending_ = true;
+    return 0;
+}
+
+void ZNRReactorIOCPDeviceBase::Destroy() { delete this; }
+
+bool ZNRReactorIOCPDeviceBase::OnRecvEvent(int, std::uint64_t*) { return true; }
+
+bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
+    sending_ = false;
+    if (send_queue_.empty()) return true;
+    ZNRByteBuffer* const front = send_queue_.front();
+    if (static_cast<unsigned int>(bytes) < front->GetDataCount()) {
+        front->CutData(static_cast<unsigned int>(bytes));  // the rest goes next
+    } else {
+        delete front;
+        send_queue_.pop_front();
+    }
+    queued_send_bytes_ -= bytes;
+    return true;
+}
+
+void ZNRReactorIOCPDeviceBase::OnErrorEvent(std::uint64_t const&) {}
+
+bool ZNRReactorIOCPDeviceBase::OnTimeoutEvent(std::uint64_t) { return true; }
+
+// ---------------------------------------------------------------- normal
+
+ZNRReactorIOCPNormalDevice::ZNRReactorIOCPNormalDevice(ZNRReactorIOCP* reactor, std::uint32_t id,
+                                                       ZNRDevice* device, ZNRDeviceHandler* handler)
+    : ZNRReactorIOCPDeviceBase(reactor, id, device), handler_(handler) {}
+
+ZNRReactorIOCPNormalDevice::~ZNRReactorIOCPNormalDevice() { ReleaseHandler(reactor_, handler_); }
+
+void ZNRReactorIOCPNormalDevice::Destroy() { delete this; }
+
+bool ZNRReactorIOCPNormalDevice::Fail(std::uint64_t err, std::uint64_t* error) {
+    device_->SetError(err);
+    handler_->OnError();
+    SetError(error, err);
+    return false;
+}
+
+bool ZNRReactorIOCPNormalDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
+    std::uint64_t err = 0;
+    if (ZNRReactorIOCPDeviceBase::Send(buffer, &err)) return true;
+    Fail(err, error);
+    return false;
+}
+
+bool ZNRReactorIOCPNormalDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
+    if (bytes == 0) {
+        // The peer ended the stream in order.
+        device_->SetError(kEndOfStream);
+        handler_->OnError();
+        SetError(error, kEndOfStream);
+        return false;
+    }
+    recv_buffer_.ResetDataCount(recv_buffer_.GetDataCount() + static_cast<unsigned int>(bytes));
+    return Deliver(error);
+}
+
+bool ZNRReactorIOCPNormalDevice::Deliver(std::uint64_t* error) {
+    int offset = 0;
+    if (!handler_->OnData(&recv_buffer_, &offset)) return false;
+    unsigned int const count = recv_buffer_.GetDataCount();
+    if (offset < 0 || static_cast<unsigned int>(offset) > count) {
+        ZNR_LOG(ERROR,
+                "Invalid recv buffer offset, above data handler may be received a invalid "
+                "package,current_recv_buff_size=%u, offset=%d, desc_info=\"%s\"",
+                count, offset, Narrow(desc_).c_str());
+        SetError(error, kBadOffset);
+        return false;
+    }
+    recv_buffer_.CutData(static_cast<unsigned int>(offset));
+    std::uint64_t const rc = Recv();
+    return rc == 0 || Fail(rc, error);
+}
+
+bool ZNRReactorIOCPNormalDevice::Connected(std::uint64_t* error) {
+    connecting_ = false;
+    std::uint64_t rc = Recv();
+    if (rc == 0 && !sending_ && !send_queue_.empty()) rc = PostSend();
+    return rc == 0 || Fail(rc, error);
+}
+
+bool ZNRReactorIOCPNormalDevice::OnSendEvent(int bytes, std::uint64_t* error) {
+    ZNRReactorIOCPDeviceBase::OnSendEvent(bytes, error);
+    if (!handler_->OnWriten(bytes)) return false;
+    if (sending_ || send_queue_.empty()) return true;
+    std::uint64_t const rc = PostSend();
+    return rc == 0 || Fail(rc, error);
+}
+
+void ZNRReactorIOCPNormalDevice::OnErrorEvent(std::uint64_t const& error) {
+    device_->SetError(error);
+    handler_->OnError();
+}
+
+bool ZNRReactorIOCPNormalDevice::OnTimeoutEvent(std::uint64_t now) { return handler_->OnTimeout(now); }
+
+// ---------------------------------------------------------------- by type
+
+bool ZNRReactorIOCPTcpServerDevice::OnRecvEvent(int, std::uint64_t* error) {
+    ZNRAsyncIO* const io = GetAsyncIO();
+    if (io->GetReadIOCB()->operation != ZNRAsyncIOCB::OP_ACCEPT) return true;
+    if (!handler_->OnData(nullptr, nullptr)) return false;
+    std::uint64_t const rc = io->ResetReadIOStatus();
+    if (rc != 0) return Fail(rc, error);
+    auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
+    if (listener == nullptr) return Fail(ZNRSysError(EINVAL), error);
+    return listener->BeginAccept() || Fail(device_->GetError(), error);
+}
+
+ZNRReactorIOCPTcpClientDevice::ZNRReactorIOCPTcpClientDevice(ZNRReactorIOCP* reactor,
+                                                             std::uint32_t id, ZNRDevice* device,
+                                                             ZNRDeviceHandler* handler)
+    : ZNRReactorIOCPNormalDevice(reactor, id, device, handler) {
+    connecting_ = true;
+}
+
+bool ZNRReactorIOCPTcpClientDevice::OnSendEvent(int bytes, std::uint64_t* error) {
+    if (!connecting_) return ZNRReactorIOCPNormalDevice::OnSendEvent(bytes, error);
+    if (!handler_->OnWriten(0)) return false;
+    return Connected(error);
+}
+
+bool ZNRReactorIOCPUdpDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
+    auto* const udp = dynamic_cast<ZNRAsyncUdpDevice*>(device_);
+    if (udp == nullptr || !udp->UpdateLastRecvPeerAddr()) {
+        return Fail(udp != nullptr ? device_->GetError() : ZNRSysError(EINVAL), error);
+    }
+    // An empty datagram is a datagram, not the end of a stream.
+    recv_buffer_.ResetDataCount(recv_buffer_.GetDataCount() + static_cast<unsigned int>(bytes));
+    return Deliver(error);
+}
+
+ZNRReactorIOCPPipeAcceptClientDevice::ZNRReactorIOCPPipeAcceptClientDevice(
+    ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device, ZNRDeviceHandler* handler)
+    : ZNRReactorIOCPNormalDevice(reactor, id, device, handler) {
+    connecting_ = true;
+}
+
+bool ZNRReactorIOCPPipeAcceptClientDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
+    if (!connecting_) return ZNRReactorIOCPNormalDevice::OnRecvEvent(bytes, error);
+    if (!handler_->OnOpen()) return false;
+    return Connected(error);
+}
+
+// ---------------------------------------------------------------- fake
+
+ZNRReactorIOCPFakeDevice::ZNRReactorIOCPFakeDevice(ZNRReactorIOCP* reactor, std::uint32_t id,
+                                                   ZNRDevice* device, ZNRDeviceHandler* handler)
+    : ZNRReactorIOCPDeviceBase(reactor, id, device), handler_(handler) {}
+
+ZNRReactorIOCPFakeDevice::~ZNRReactorIOCPFakeDevice() { ReleaseHandler(reactor_, handler_); }
+
+void ZNRReactorIOCPFakeDevice::Destroy() { delete this; }
+
+std::uint64_t ZNRReactorIOCPFakeDevice::CloseWrite() { return kNotSupported; }
+
+std::uint64_t ZNRReactorIOCPFakeDevice::Recv() { return kNotSupported; }
+
+bool ZNRReactorIOCPFakeDevice::Send(ZNRByteBuffer* buffer, std::uint64_t*) {
+    int offset = 0;
+    bool const kept = handler_->OnData(buffer, &offset);
+    if (kept && offset != static_cast<int>(buffer->GetDataCount())) {
+        ZNR_LOG(WARNING,
+                "IOCP reactor fake device handler was setted dealed offset for recv buffer may be "
+                "not incorrect recv_buff_size=%d offset=%d",
+                static_cast<int>(buffer->GetDataCount()), offset);
+    }
+    delete buffer;
+    return kept;
+}
+
+bool ZNRReactorIOCPFakeDevice::OnRecvEvent(int, std::uint64_t*) { return false; }
+
+bool ZNRReactorIOCPFakeDevice::OnSendEvent(int, std::uint64_t*) { return false; }
+
+void ZNRReactorIOCPFakeDevice::OnErrorEvent(std::uint64_t const&) {}
+
+bool ZNRReactorIOCPFakeDevice::OnTimeoutEvent(std::uint64_t now) { return handler_->OnTimeout(now); }
+
+// ---------------------------------------------------------------- wake-up channel
+
+ZNRReactorIOCPLoopEventReadDevice::ZNRReactorIOCPLoopEventReadDevice(ZNRReactorIOCP* reactor,
+                                                                     std::uint32_t id,
+                                                                     ZNRDevice* device)
+    : ZNRReactorIOCPDeviceBase(reactor, id, device), count_(0) {}
+
+std::uint64_t ZNRReactorIOCPLoopEventReadDevice::Recv() {
+    ZNRAsyncIO* const io = GetAsyncIO();
+    std::uint64_t const rc = io->ResetReadIOStatus();
+    if (rc != 0) return rc;
+    count_ = 0;
+    if (device_->Read(reinterpret_cast<unsigned char*>(&count_), sizeof count_) < 0) {
+        return device_->GetError();
+    }
+    return 0;
+}
+
+bool ZNRReactorIOCPLoopEventReadDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
+    delete buffer;
+    SetError(error, kNotSupported);
+    return false;
+}
+
+bool ZNRReactorIOCPLoopEventReadDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
+    if (bytes != static_cast<int>(sizeof count_)) {
+        SetError(error, ZNRSysError(EIO));
+        return false;
+    }
+    if (!reactor_->DrainLoopEvents(count_, error)) return false;
+    std::uint64_t const rc = Recv();
+    if (rc == 0) return true;
+    SetError(error, rc);
+    return false;
+}
+
+void ZNRReactorIOCPLoopEventReadDevice::OnErrorEvent(std::uint64_t const& error) {
+    ZNR_LOG(ERROR, "IOCP reactor loop event read device has an error, error=\"%s\"",
+            ZNRGetErrorText(error).c_str());
+}
+
+ZNRReactorIOCPLoopEventWriteDevice::ZNRReactorIOCPLoopEventWriteDevice(ZNRReactorIOCP* reactor,
+                                                                       std::uint32_t id, int fd)
+    : ZNRReactorIOCPDeviceBase(reactor, id, nullptr), fd_(fd) {}
+
+std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Recv() { return kNotSupported; }
+
+bool ZNRReactorIOCPLoopEventWriteDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
+    delete buffer;
+    SetError(error, kNotSupported);
+    return false;
+}
+
+std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Signal(std::uint64_t count) {
+    return ZNRWakeupAdd(fd_, count);
+}
+
+// ---------------------------------------------------------------- device timer
+
+ZNRReactorIOCPDeviceTimer::ZNRReactorIOCPDeviceTimer(unsigned int period,
+                                                     ZNRReactorIOCPDeviceBase* device)
+    : ZNRTimer(period, ZNRTimer::REPEAT_FOREVER, nullptr), device_(device) {}
+
+bool ZNRReactorIOCPDeviceTimer::OnExpires(std::uint64_t now) {
+    if (device_->OnTimeoutEvent(now)) return true;
+    device_->ClearTimer();
+    device_->GetReactor()->DelIOCPDevice(device_->GetId());
+    return false;
+}

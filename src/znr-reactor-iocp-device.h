@@ -1,0 +1,200 @@
+#ifndef PLEXA_SRC_ZNR_REACTOR_IOCP_DEVICE_H
+#define PLEXA_SRC_ZNR_REACTOR_IOCP_DEVICE_H
+
+#include <plexa/znr-byte-buffer.h>
+#include <plexa/znr-string.h>
+#include <plexa/znr-timer.h>
+
+#include <cstdint>
+#include <deque>
+
+class ZNRAsyncIO;
+class ZNRDevice;
+class ZNRDeviceHandler;
+class ZNRReactorIOCP;
+
+// A device as its reactor drives it: owns the ZNRDevice (and, in the
+// subclasses with one, its handler), the receive buffer and the send
+// queue; posts reads and writes and turns their completions into handler
+// calls. Everything here runs on the reactor's loop thread.
+class ZNRReactorIOCPDeviceBase {
+public:
+    ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device);
+    ZNRReactorIOCPDeviceBase(ZNRReactorIOCPDeviceBase const&) = delete;
+    ZNRReactorIOCPDeviceBase& operator=(ZNRReactorIOCPDeviceBase const&) = delete;
+
+    virtual std::uint64_t CloseWrite();
+    // Posts one read of up to the grow size at the end of the buffer.
+    virtual std::uint64_t Recv();
+    virtual bool Send(unsigned char const* data, int size, std::uint64_t* error);
+    // Takes the buffer, whatever the result.
+    virtual bool Send(ZNRByteBuffer* buffer, std::uint64_t* error);
+    virtual ZNRAsyncIO* GetAsyncIO();
+    virtual void Destroy();
+    // False: the reactor deletes the device.
+    virtual bool OnRecvEvent(int bytes, std::uint64_t* error);
+    virtual bool OnSendEvent(int bytes, std::uint64_t* error);
+    virtual void OnErrorEvent(std::uint64_t const& error);
+    virtual bool OnTimeoutEvent(std::uint64_t now);
+
+    std::uint32_t GetId() const { return id_; }
+    int GetType() const;
+    ZNRDevice* GetDevice() const { return device_; }
+    void SetRecvBuffGrowSize(int size);
+    // The maximum counts on top of one grow step, never below it.
+    void SetRecvBuffMaxSize(int size);
+    void SetSendBuffMaxSize(int size) { send_buff_max_size_ = size; }
+    void SetTimeout(unsigned int timeout);
+    // The device timer has ended: nothing of it is left to remove.
+    void ClearTimer() { timer_ = nullptr; }
+    ZNRReactorIOCP* GetReactor() const { return reactor_; }
+
+protected:
+    virtual ~ZNRReactorIOCPDeviceBase();
+    // Posts a write of the oldest queued buffer.
+    std::uint64_t PostSend();
+
+    ZNRReactorIOCP* reactor_;
+    std::uint32_t id_;
+    ZNRDevice* device_;
+    ZNRTimer* timer_;
+    int recv_buff_grow_size_;
+    int recv_buff_max_size_;
+    int send_buff_max_size_;
+    ZNRByteBuffer recv_buffer_;
+    std::deque<ZNRByteBuffer*> send_queue_;
+    int queued_send_bytes_;
+    ZNRString desc_;
+    // A write is posted; or the connection is not up yet, so sends queue.
+    bool sending_;
+    bool connecting_;
+};
+
+// Stream and datagram devices with a handler: the full receive and send paths.
+class ZNRReactorIOCPNormalDevice : public ZNRReactorIOCPDeviceBase {
+public:
+    ZNRReactorIOCPNormalDevice(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device,
+                               ZNRDeviceHandler* handler);
+
+    bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
+    void Destroy() override;
+    bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+    bool OnSendEvent(int bytes, std::uint64_t* error) override;
+    void OnErrorEvent(std::uint64_t const& error) override;
+    bool OnTimeoutEvent(std::uint64_t now) override;
+
+    ZNRDeviceHandler* GetHandler() const { return handler_; }
+
+protected:
+    ~ZNRReactorIOCPNormalDevice() override;
+    // Records err on the device, tells the handler, and gives false.
+    bool Fail(std::uint64_t err, std::uint64_t* error);
+    // Hands the buffer to OnData and posts the next read.
+    bool Deliver(std::uint64_t* error);
+    // The connection is up: reads start and queued sends go out.
+    bool Connected(std::uint64_t* error);
+
+    ZNRDeviceHandler* handler_;
+};
+
+// A listener: a completed accept is offered to the handler as
+// OnData(null, null), then the next accept is started.
+class ZNRReactorIOCPTcpServerDevice : public ZNRReactorIOCPNormalDevice {
+public:
+    using ZNRReactorIOCPNormalDevice::ZNRReactorIOCPNormalDevice;
+    bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+};
+
+// A client whose connect completes on the write side with OnWriten(0).
+class ZNRReactorIOCPTcpClientDevice : public ZNRReactorIOCPNormalDevice {
+public:
+    ZNRReactorIOCPTcpClientDevice(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device,
+                                  ZNRDeviceHandler* handler);
+    bool OnSendEvent(int bytes, std::uint64_t* error) override;
+};
+
+// Each datagram reaches OnData with its sender readable from the device.
+class ZNRReactorIOCPUdpDevice : public ZNRReactorIOCPNormalDevice {
+public:
+    using ZNRReactorIOCPNormalDevice::ZNRReactorIOCPNormalDevice;
+    bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+};
+
+// A pipe server: the client connecting is announced with OnOpen.
+class ZNRReactorIOCPPipeAcceptClientDevice : public ZNRReactorIOCPNormalDevice {
+public:
+    ZNRReactorIOCPPipeAcceptClientDevice(ZNRReactorIOCP* reactor, std::uint32_t id,
+                                         ZNRDevice* device, ZNRDeviceHandler* handler);
+    bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+};
+
+// No descriptor: what is sent is handed to its own handler at once.
+class ZNRReactorIOCPFakeDevice : public ZNRReactorIOCPDeviceBase {
+public:
+    ZNRReactorIOCPFakeDevice(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device,
+                             ZNRDeviceHandler* handler);
+
+    std::uint64_t CloseWrite() override;
+    std::uint64_t Recv() override;
+    bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
+    ZNRAsyncIO* GetAsyncIO() override { return nullptr; }
+    void Destroy() override;
+    bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+    bool OnSendEvent(int bytes, std::uint64_t* error) override;
+    void OnErrorEvent(std::uint64_t const& error) override;
+    bool OnTimeoutEvent(std::uint64_t now) override;
+
+protected:
+    ~ZNRReactorIOCPFakeDevice() override;
+
+private:
+    ZNRDeviceHandler* handler_;
+};
+
+// The read end of the wake-up channel: an eventfd counter, which can
+// carry any number of events without ever blocking a writer (a byte per
+// event in a pipe or socket would block once its buffer filled). Each
+// read takes the whole count; at most the dispose size of events runs per
+// wake-up and the rest is counted back in, so other completions get their
+// turn first.
+class ZNRReactorIOCPLoopEventReadDevice : public ZNRReactorIOCPDeviceBase {
+public:
+    ZNRReactorIOCPLoopEventReadDevice(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device);
+
+    std::uint64_t Recv() override;
+    bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
+    bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+    void OnErrorEvent(std::uint64_t const& error) override;
+
+private:
+    std::uint64_t count_;
+};
+
+// The write end: adds to the counter; never blocks.
+class ZNRReactorIOCPLoopEventWriteDevice : public ZNRReactorIOCPDeviceBase {
+public:
+    ZNRReactorIOCPLoopEventWriteDevice(ZNRReactorIOCP* reactor, std::uint32_t id, int fd);
+
+    std::uint64_t Recv() override;
+    bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
+    std::uint64_t Signal(std::uint64_t count);
+
+private:
+    int fd_;
+};
+
+// The repeating timeout check of one device.
+class ZNRReactorIOCPDeviceTimer : public ZNRTimer {
+public:
+    ZNRReactorIOCPDeviceTimer(unsigned int period, ZNRReactorIOCPDeviceBase* device);
+
+    bool OnExpires(std::uint64_t now) override;
+    void OnReset() override {}
+    void OnClose() override {}
+    void Destroy() override { delete this; }
+
+private:
+    ZNRReactorIOCPDeviceBase* device_;
+};
+
+#endif

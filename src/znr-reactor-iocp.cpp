@@ -1,0 +1,542 @@
+#include <plexa/znr-async-device.h>
+#include <plexa/znr-byte-buffer.h>
+#include <plexa/znr-device.h>
+#include <plexa/znr-error.h>
+#include <plexa/znr-logger.h>
+#include <plexa/znr-reactor-iocp.h>
+#include <plexa/znr-thread.h>
+#include <plexa/znr-timer.h>
+#include <plexa/znr-utils.h>
+
+#include "znr-completion-engine.h"
+#include "znr-reactor-iocp-device.h"
+#include "znr-wakeup.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+namespace {
+
+std::uint64_t const kNoId = ZNR_ERROR_FAILED_ID;
+std::uint64_t const kNotReady = ZNRUserError(11);
+std::uint64_t const kNoDevice = ZNRUserError(12);
+std::uint64_t const kTimedOut = ZNRUserError(17);
+std::uint64_t const kSendNotFound = ZNRUserError(38);
+std::uint64_t const kQueueFull = ZNRUserError(39);
+std::uint64_t const kIdOverflow = ZNRUserError(40);
+std::uint32_t const kNoDeviceId = 0xFFFFFFFFu;
+
+// Timers due within this many milliseconds are waited for at the 1 ms
+// cadence the wheel needs (it looks only at the slot of the current tick);
+// further ones are slept towards.
+std::uint64_t const kNearTimerMs = 8;
+
+std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
+
+// Wakes the loop so that it plans its wait again; does nothing itself.
+class ZNRReactorIOCPWakeLoopEvent : public ZNRReactorLoopEvent {
+public:
+    bool OnLoopEvent(ZNRReactor*) override { return false; }
+    void Destroy() override { delete this; }
+};
+
+} // namespace
+
+// Runs one task on the loop thread; owns it until it ends.
+class ZNRReactorIOCPTaskLoopEvent : public ZNRReactorLoopEvent {
+public:
+    explicit ZNRReactorIOCPTaskLoopEvent(ZNRReactorTask* task) : task_(task) {}
+
+    bool OnLoopEvent(ZNRReactor*) override { return task_->Run(); }
+    ZNRReactorTask* TakeTask() {
+        ZNRReactorTask* const task = task_;
+        task_ = nullptr;
+        return task;
+    }
+    void Destroy() override {
+        if (task_ != nullptr) task_->Destroy();
+        delete this;
+    }
+
+private:
+    ZNRReactorTask* task_;
+};
+
+// Carries a send (or, empty, a close) to the loop thread.
+class ZNRReactorIOCPSendDataLoopEvent : public ZNRReactorLoopEvent {
+public:
+    ZNRReactorIOCPSendDataLoopEvent(std::uint32_t device_id, unsigned char const* data, int size)
+        : device_id_(device_id),
+          buffer_(size > 0 ? new ZNRByteBuffer(data, static_cast<unsigned int>(size))
+                           : new ZNRByteBuffer()) {}
+
+    bool OnLoopEvent(ZNRReactor* reactor) override {
+        auto* const r = static_cast<ZNRReactorIOCP*>(reactor);
+        ZNRReactorIOCPDeviceBase* const device = r->FindDevice(device_id_);
+        if (device == nullptr) {
+            ZNR_LOG(ERROR, "Can not send data to iocp device, not found!, device_id=%u", device_id_);
+            return false;
+        }
+        if (buffer_->GetDataCount() == 0) {
+            r->DelIOCPDevice(device_id_);
+            return false;
+        }
+        ZNRByteBuffer* const buffer = buffer_;
+        buffer_ = nullptr;
+        std::uint64_t error = 0;
+        // A normal device has told its handler of a failed send already.
+        if (!device->Send(buffer, &error)) r->DelIOCPDevice(device_id_);
+        return false;
+    }
+    void Destroy() override {
+        delete buffer_;
+        delete this;
+    }
+
+private:
+    std::uint32_t device_id_;
+    ZNRByteBuffer* buffer_;
+};
+
+ZNRReactorLoopEvent::~ZNRReactorLoopEvent() = default;
+ZNRReactorTask::~ZNRReactorTask() = default;
+ZNRReactorStopNotify::~ZNRReactorStopNotify() = default;
+
+ZNRReactor::ZNRReactor(ZNRTimerMgr* timer_mgr)
+    : timer_mgr_(timer_mgr), loop_event_dispose_size_(100), loop_event_queue_max_size_(100000) {}
+
+ZNRReactor::~ZNRReactor() {
+    if (timer_mgr_ != nullptr) timer_mgr_->Destroy();
+}
+
+// ---------------------------------------------------------------- life
+
+ZNRReactorIOCP::ZNRReactorIOCP(ZNRTimerMgr* timer_mgr)
+    : ZNRReactor(timer_mgr), engine_(nullptr), loop_thread_(nullptr), stopped_(false),
+      queued_count_(0), read_device_(nullptr), write_device_(nullptr),
+      read_device_id_(kNoDeviceId), planned_wake_(kNoId), dispose_size_(100),
+      queue_max_(100000), dispatching_(nullptr), dispatching_removed_(false), idle_wakeups_(0) {}
+
+ZNRReactorIOCP::~ZNRReactorIOCP() {
+    stopped_ = true;
+    CloseAll();
+}
+
+void ZNRReactorIOCP::Destroy() { delete this; }
+
+std::uint64_t ZNRReactorIOCP::Init() {
+    if (engine_ != nullptr) return 0;
+    dispose_size_ = std::max(1, GetLoopEventDisposeSize());
+    queue_max_ = GetLoopEventQueueMaxSize();
+    std::uint64_t rc = 0;
+    engine_ = ZNRCompletionEngine::Create(&rc);
+    if (engine_ == nullptr) return rc;
+    id_allocator_.AllocULONGNumId(&read_device_id_);
+    int fd = -1;
+    rc = ZNRWakeupOpen(&fd);
+    if (rc == 0) {
+        ZNRUnknownDeviceParam param;
+        param.fd = fd;
+        auto* const channel = new ZNRAsyncUnknownDevice();
+        if (!channel->Open(&param)) {
+            rc = channel->GetError();
+            channel->Destroy();
+        } else {
+            read_device_ = new ZNRReactorIOCPLoopEventReadDevice(this, read_device_id_, channel);
+            rc = AddIOCPEvent(channel, read_device_id_);
+        }
+    }
+    if (rc == 0) rc = read_device_->Recv();
+    if (rc != 0) {
+        if (read_device_ != nullptr) read_device_->Destroy();
+        read_device_ = nullptr;
+        read_device_id_ = kNoDeviceId;
+        delete engine_;
+        engine_ = nullptr;
+        return rc;
+    }
+    ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    write_device_ = new ZNRReactorIOCPLoopEventWriteDevice(this, kNoDeviceId, fd);
+    return 0;
+}
+
+// The loop: plan the wait from the timers, wait for one completion, hand
+// it to its device, run the due timers; until a stop request or a failure
+// of the engine.
+std::uint64_t ZNRReactorIOCP::Open() {
+    if (engine_ == nullptr) return kNotReady;
+    loop_thread_ = ZNRThreadMgr::Instance()->GetCurrent();
+    std::uint64_t error = 0;
+    while (Turn(&error)) {
+    }
+    stopped_ = true;
+    if (error != 0) {
+        ZNR_LOG(ERROR, "IOCP reactor main loop was stopped, error=\"%s\"",
+                ZNRGetErrorText(error).c_str());
+    }
+    CloseAll();
+    return error;
+}
+
+bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
+    ZNRCompletion completion{};
+    std::uint64_t const rc = engine_->Wait(PlanWait(), &completion);
+    if (rc == kTimedOut) {
+        ++idle_wakeups_;
+    } else if (rc != 0) {
+        *error = rc;
+        return false;
+    } else if (!Dispatch(completion, error)) {
+        return false;
+    }
+    RunTimers();
+    return true;
+}
+
+bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
+    if (c.key == read_device_id_) {
+        // The channel stays until CloseAll has taken its writer away.
+        if (c.failed) {
+            read_device_->OnErrorEvent(c.error);
+            *error = c.error;
+            return false;
+        }
+        if (c.iocb != read_device_->GetAsyncIO()->GetReadIOCB()) return true;
+        return read_device_->OnRecvEvent(c.bytes, error);
+    }
+    ZNRReactorIOCPDeviceBase* const device = FindDevice(c.key);
+    if (device == nullptr) return true;  // closed earlier in this turn
+    dispatching_ = device;
+    dispatching_removed_ = false;
+    bool keep = false;
+    std::uint64_t err = 0;
+    ZNRAsyncIO* const io = device->GetAsyncIO();
+    if (c.failed) {
+        device->OnErrorEvent(c.error);
+    } else if (io != nullptr && c.iocb == io->GetReadIOCB()) {
+        keep = device->OnRecvEvent(c.bytes, &err);
+    } else if (io != nullptr && c.iocb == io->GetWriteIOCB()) {
+        keep = device->OnSendEvent(c.bytes, &err);
+    } else {
+        keep = true;
+    }
+    dispatching_ = nullptr;
+    if (!keep || dispatching_removed_) DelIOCPDevice(c.key);
+    return true;
+}
+
+int ZNRReactorIOCP::PlanWait() {
+    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+    std::uint64_t const next = GetTimerMgr()->GetNextExpiry();
+    if (next == kNoId) {
+        planned_wake_ = kNoId;
+        return -1;
+    }
+    std::uint64_t const now = ZNRGetSysTick();
+    if (next <= now + kNearTimerMs) {
+        planned_wake_ = now + 1;
+        return 1;
+    }
+    std::uint64_t const wait = std::min<std::uint64_t>(next - now - kNearTimerMs, INT_MAX);
+    planned_wake_ = now + wait;
+    return static_cast<int>(wait);
+}
+
+void ZNRReactorIOCP::RunTimers() {
+    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+    GetTimerMgr()->ScheduleTimers(ZNRGetSysTick());
+}
+
+bool ZNRReactorIOCP::IsLoopThread() {
+    return loop_thread_ != nullptr && ZNRThreadMgr::Instance()->GetCurrent() == loop_thread_;
+}
+
+// ---------------------------------------------------------------- loop events
+
+std::uint64_t ZNRReactorIOCP::Stop() { return RegisterLoopEvent(nullptr); }
+
+std::uint64_t ZNRReactorIOCP::RegisterTask(ZNRReactorTask* task) {
+    if (task == nullptr) return Stop();
+    auto* const event = new ZNRReactorIOCPTaskLoopEvent(task);
+    std::uint64_t const rc = RegisterLoopEvent(event);
+    if (rc != 0) {
+        event->TakeTask();
+        event->Destroy();
+    }
+    return rc;
+}
+
+std::uint64_t ZNRReactorIOCP::RegisterLoopEvent(ZNRReactorLoopEvent* event) {
+    ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    if (write_device_ == nullptr) {
+        ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
+        return kNotReady;
+    }
+    if (queued_count_ >= queue_max_) return kQueueFull;
+    // Counted under the lock, so counts and queue keep one order.
+    std::uint64_t const rc = write_device_->Signal(1);
+    if (rc != 0) return rc;
+    loop_events_->push_back(event);
+    ++queued_count_;
+    return 0;
+}
+
+bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t count, std::uint64_t* error) {
+    std::uint64_t const batch = std::min<std::uint64_t>(count, static_cast<std::uint64_t>(dispose_size_));
+    for (std::uint64_t i = 0; i < batch; ++i) {
+        ZNRReactorLoopEvent* event = nullptr;
+        {
+            ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+            if (loop_events_->empty()) break;
+            event = loop_events_->front();
+            loop_events_->pop_front();
+            --queued_count_;
+        }
+        if (event == nullptr) {
+            *error = 0;  // a stop request: what follows it stays queued
+            return false;
+        }
+        if (!event->OnLoopEvent(this)) {
+            event->Destroy();
+            continue;
+        }
+        std::uint64_t const rc = RegisterLoopEvent(event);
+        if (rc != 0) {
+            event->Destroy();
+            *error = rc;
+            return false;
+        }
+    }
+    if (count > batch) {
+        // The rest waits behind the completions already queued.
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        std::uint64_t const rc = write_device_->Signal(count - batch);
+        if (rc != 0) {
+            *error = rc;
+            return false;
+        }
+    }
+    return true;
+}
+
+void ZNRReactorIOCP::RegisterBeginStopNotify(ZNRReactorStopNotify* notify) {
+    ZNRGuardSpinLock guard(&stop_notify_lock_, __FILE__, __LINE__);
+    begin_stop_notifies_->push_back(notify);
+}
+
+void ZNRReactorIOCP::RegisterEndStopNotify(ZNRReactorStopNotify* notify) {
+    ZNRGuardSpinLock guard(&stop_notify_lock_, __FILE__, __LINE__);
+    end_stop_notifies_->push_back(notify);
+}
+
+void ZNRReactorIOCP::NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies) {
+    ZNRGuardSpinLock guard(&stop_notify_lock_, __FILE__, __LINE__);
+    for (ZNRReactorStopNotify* notify : *notifies) {
+        notify->OnStop(this);
+        notify->Destroy();
+    }
+    notifies->clear();
+}
+
+// ---------------------------------------------------------------- timers
+
+std::uint64_t ZNRReactorIOCP::RegisterTimer(ZNRTimer* timer, std::uint64_t*) {
+    std::uint64_t id;
+    bool wake = false;
+    {
+        ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+        id = GetTimerMgr()->AddTimer(timer);
+        if (id != kNoId && timer->GetExpiry() < planned_wake_ && !IsLoopThread()) {
+            planned_wake_ = timer->GetExpiry();
+            wake = true;
+        }
+    }
+    if (wake) {
+        auto* const event = new ZNRReactorIOCPWakeLoopEvent();
+        if (RegisterLoopEvent(event) != 0) event->Destroy();  // a full queue wakes it anyway
+    }
+    return id;
+}
+
+std::uint64_t ZNRReactorIOCP::UnregisterTimer(std::uint64_t timer_id) {
+    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+    GetTimerMgr()->RemoveTimer(timer_id);
+    return 0;
+}
+
+// ---------------------------------------------------------------- devices
+
+std::uint64_t ZNRReactorIOCP::AddIOCPEvent(ZNRDevice* device, std::uint32_t key) {
+    if (engine_ == nullptr) return kNotReady;
+    auto* const io = dynamic_cast<ZNRAsyncIO*>(device);
+    if (io == nullptr) return ZNRSysError(EINVAL);
+    return engine_->Associate(device->GetFd(), key, io);
+}
+
+std::uint64_t ZNRReactorIOCP::RegisterDevice(ZNRDevice* device, ZNRDeviceHandler* handler,
+                                             std::uint64_t* error, int recv_buff_max_size,
+                                             int recv_buff_grow_size, int send_buff_max_size,
+                                             unsigned int timeout) {
+    auto fail = [error](std::uint64_t code) {
+        if (error != nullptr) *error = code;
+        return kNoId;
+    };
+    if (device == nullptr || handler == nullptr) return fail(ZNRSysError(EINVAL));
+    std::uint32_t id = 0;
+    id_allocator_.AllocULONGNumId(&id);
+    if (devices_->count(id) != 0 || id == read_device_id_) {
+        ZNR_LOG(ERROR, "IOCP reactor device id is overflow!");
+        return fail(kIdOverflow);
+    }
+    int const type = device->GetType();
+    if (type != ZNRDevice::TYPE_FAKE) {
+        std::uint64_t const rc = AddIOCPEvent(device, id);
+        if (rc != 0) return fail(rc);
+    }
+    ZNRReactorIOCPDeviceBase* iocp_device;
+    switch (type) {
+    case ZNRDevice::TYPE_TCP_LISTEN:
+        iocp_device = new ZNRReactorIOCPTcpServerDevice(this, id, device, handler);
+        break;
+    case ZNRDevice::TYPE_TCP_CLIENT:
+        iocp_device = new ZNRReactorIOCPTcpClientDevice(this, id, device, handler);
+        break;
+    case ZNRDevice::TYPE_UDP:
+        iocp_device = new ZNRReactorIOCPUdpDevice(this, id, device, handler);
+        break;
+    case ZNRDevice::TYPE_PIPE_SERVER:
+        iocp_device = new ZNRReactorIOCPPipeAcceptClientDevice(this, id, device, handler);
+        break;
+    case ZNRDevice::TYPE_FAKE:
+        iocp_device = new ZNRReactorIOCPFakeDevice(this, id, device, handler);
+        break;
+    default:
+        iocp_device = new ZNRReactorIOCPNormalDevice(this, id, device, handler);
+        break;
+    }
+    handler->SetDevice(device);
+    handler->SetReactor(this);
+    handler->SetDeviceId(id);
+    iocp_device->SetRecvBuffMaxSize(recv_buff_max_size);
+    iocp_device->SetRecvBuffGrowSize(recv_buff_grow_size);
+    iocp_device->SetSendBuffMaxSize(send_buff_max_size);
+    iocp_device->SetTimeout(timeout);
+    (*devices_)[id] = iocp_device;
+
+    // Accepted connections are announced with OnOpen, connections made as
+    // a client with OnWriten(0); datagram and plain descriptors start
+    // reading at once; listeners and connects hear from their completion.
+    bool ok = handler->OnCreated();
+    if (ok && type == ZNRDevice::TYPE_TCP_ACCEPTED) ok = handler->OnOpen();
+    if (ok && type == ZNRDevice::TYPE_PIPE_CLIENT) ok = handler->OnWriten(0);
+    if (ok && (type == ZNRDevice::TYPE_TCP_ACCEPTED || type == ZNRDevice::TYPE_PIPE_CLIENT ||
+               type == ZNRDevice::TYPE_UDP || type == ZNRDevice::TYPE_UNKNOWN)) {
+        std::uint64_t const rc = iocp_device->Recv();
+        if (rc != 0) {
+            device->SetError(rc);
+            ok = false;
+        }
+    }
+    if (!ok) {
+        std::uint64_t const rc = SendData(id, nullptr, 0);
+        if (rc != 0) {
+            ZNR_LOG(ERROR,
+                    "Can not send delay close request to device when registing failed, may be a "
+                    "bug? error=\"%s\" device desc=\"%s\"",
+                    ZNRGetErrorText(rc).c_str(), Narrow(device->GetDescInfo()).c_str());
+        }
+    }
+    return id;
+}
+
+bool ZNRReactorIOCP::IsDeviceExist(std::uint64_t device_id) {
+    return (device_id >> 32) == 0 && FindDevice(static_cast<std::uint32_t>(device_id)) != nullptr;
+}
+
+std::uint64_t ZNRReactorIOCP::UnregisterDevice(std::uint64_t device_id) {
+    if (!IsDeviceExist(device_id)) return kNoDevice;
+    std::uint32_t const id = static_cast<std::uint32_t>(device_id);
+    if (dispatching_ != nullptr && dispatching_->GetId() == id) {
+        dispatching_removed_ = true;  // its handler is still on the stack
+        return 0;
+    }
+    DelIOCPDevice(id);
+    return 0;
+}
+
+ZNRReactorIOCPDeviceBase* ZNRReactorIOCP::FindDevice(std::uint32_t id) {
+    DeviceMap::const_iterator const it = devices_->find(id);
+    return it != devices_->end() ? it->second : nullptr;
+}
+
+void ZNRReactorIOCP::DelIOCPDevice(std::uint32_t id) {
+    DeviceMap::iterator const it = devices_->find(id);
+    if (it == devices_->end()) return;
+    ZNRReactorIOCPDeviceBase* const device = it->second;
+    // Out of the table first: its handler's OnClose may call back in.
+    devices_->erase(it);
+    device->Destroy();
+}
+
+std::uint64_t ZNRReactorIOCP::DelayCloseDevice(ZNRReactorIOCPDeviceBase* device) {
+    auto* const event = new ZNRReactorIOCPSendDataLoopEvent(device->GetId(), nullptr, 0);
+    std::uint64_t const rc = RegisterLoopEvent(event);
+    if (rc != 0) event->Destroy();
+    return rc;
+}
+
+std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char const* data, int size) {
+    if ((device_id >> 32) != 0) return kNoDevice;
+    if (size < 0 || (data == nullptr && size > 0)) return ZNRSysError(EINVAL);
+    std::uint32_t const id = static_cast<std::uint32_t>(device_id);
+    if (!IsLoopThread()) {
+        auto* const event = new ZNRReactorIOCPSendDataLoopEvent(id, data, size);
+        std::uint64_t const rc = RegisterLoopEvent(event);
+        if (rc != 0) event->Destroy();
+        return rc;
+    }
+    ZNRReactorIOCPDeviceBase* const device = FindDevice(id);
+    if (device == nullptr) {
+        ZNR_LOG(ERROR, "Can not send data to device which not found, id=%u", id);
+        return kSendNotFound;
+    }
+    std::uint64_t error = 0;
+    if (size != 0 && device->Send(data, size, &error)) return 0;
+    // Closed on a later wake-up, never inside the caller's stack.
+    std::uint64_t const rc = DelayCloseDevice(device);
+    if (rc != 0) {
+        ZNR_LOG(ERROR, "Can not delay close iocp device, this may be a bug? iocp_dev_id=%u error=\"%s\"",
+                id, ZNRGetErrorText(rc).c_str());
+    }
+    return error;
+}
+
+// ---------------------------------------------------------------- shutdown
+
+// Begin-stop notifies, devices in id order, loop events never run, the
+// wake-up channel, the engine, the timers, end-stop notifies.
+void ZNRReactorIOCP::CloseAll() {
+    NotifyStop(begin_stop_notifies_);
+    while (!devices_->empty()) DelIOCPDevice(devices_->begin()->first);
+    {
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        for (ZNRReactorLoopEvent* event : *loop_events_) {
+            if (event != nullptr) event->Destroy();
+        }
+        loop_events_->clear();
+        queued_count_ = 0;
+        if (write_device_ != nullptr) write_device_->Destroy();
+        write_device_ = nullptr;
+    }
+    if (read_device_ != nullptr) read_device_->Destroy();
+    read_device_ = nullptr;
+    delete engine_;
+    engine_ = nullptr;
+    {
+        // Timers still registered are the reactor's: they end with it.
+        ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+        GetTimerMgr()->DestroyAll();
+    }
+    NotifyStop(end_stop_notifies_);
+}

@@ -1,0 +1,532 @@
+#include "log-capture.h"
+#include "net-test-util.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace nettest;
+
+namespace {
+
+std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
+unsigned char const* L(char const* text) { return reinterpret_cast<unsigned char const*>(text); }
+std::uint64_t E(std::uint32_t n) { return 0x8000000100000000ULL | n; }
+
+// What the loop thread did, in order, readable from the test thread.
+class Journal {
+public:
+    void Add(std::string const& entry) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        entries_.push_back(entry);
+        cond_.notify_all();
+    }
+    // Waits up to five seconds until pred holds over the entries.
+    bool WaitUntil(std::function<bool(std::vector<std::string> const&)> pred) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cond_.wait_for(lock, std::chrono::seconds(5), [&] { return pred(entries_); });
+    }
+    bool WaitFor(std::string const& entry) {
+        return WaitUntil([&](std::vector<std::string> const& e) {
+            return std::find(e.begin(), e.end(), entry) != e.end();
+        });
+    }
+    std::vector<std::string> Get() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return entries_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cond_;
+    std::vector<std::string> entries_;
+};
+
+class Event : public ZNRReactorLoopEvent {
+public:
+    Event(Journal* j, std::string name, int repeats = 0) : j_(j), name_(std::move(name)), repeats_(repeats) {}
+    bool OnLoopEvent(ZNRReactor*) override {
+        j_->Add(name_);
+        return repeats_-- > 0;
+    }
+    void Destroy() override {
+        j_->Add("~" + name_);
+        delete this;
+    }
+
+private:
+    Journal* j_;
+    std::string name_;
+    int repeats_;
+};
+
+class Task : public ZNRReactorTask {
+public:
+    explicit Task(std::function<void()> fn, Journal* j = nullptr) : fn_(std::move(fn)), j_(j) {}
+    bool Run() override {
+        fn_();
+        return false;
+    }
+    void Cancel() override {}
+    void Destroy() override {
+        if (j_ != nullptr) j_->Add("~task");
+        delete this;
+    }
+
+private:
+    std::function<void()> fn_;
+    Journal* j_;
+};
+
+class Notify : public ZNRReactorStopNotify {
+public:
+    Notify(Journal* j, std::string name) : j_(j), name_(std::move(name)) {}
+    void OnStop(ZNRReactor*) override { j_->Add(name_); }
+    void Destroy() override { delete this; }
+
+private:
+    Journal* j_;
+    std::string name_;
+};
+
+// A handler whose reactions a test sets; it journals every call.
+class Handler : public ZNRDeviceHandler {
+public:
+    explicit Handler(Journal* j, std::string name = "h") : j_(j), name_(std::move(name)) {}
+    std::function<bool(ZNRByteBuffer const*, int*)> on_data;
+    std::function<bool(int)> on_writen;
+    std::function<bool()> on_timeout;
+
+    bool OnOpen() override { return Log("open"); }
+    bool OnData(ZNRByteBuffer const* b, int* offset) override {
+        if (on_data) return on_data(b, offset);
+        if (b != nullptr) *offset = static_cast<int>(b->GetDataCount());
+        return Log("data");
+    }
+    bool OnWriten(int n) override {
+        Log("writen " + std::to_string(n));
+        return on_writen ? on_writen(n) : true;
+    }
+    bool OnTimeout(std::uint64_t) override { return on_timeout ? on_timeout() : true; }
+    void OnError() override { Log("error " + std::to_string(GetDevice()->GetError() & 0xFFFFFFFF)); }
+    void OnClose() override { Log("close"); }
+    void Destroy() override {
+        Log("destroy");
+        delete this;
+    }
+    bool Log(std::string const& what) {
+        j_->Add(name_ + " " + what);
+        return true;
+    }
+
+private:
+    Journal* j_;
+    std::string name_;
+};
+
+class Reactor : public ::testing::Test {
+protected:
+    void SetUp() override {
+        reactor_ = new ZNRReactorIOCP(new ZNRTimerMgr());
+        ASSERT_EQ(0u, reactor_->Init());
+    }
+    void TearDown() override {
+        StopAndJoin();
+        reactor_->Destroy();
+    }
+    void Start() {
+        loop_ = std::thread([this] { result_ = reactor_->Open(); });
+    }
+    void StopAndJoin() {
+        if (!loop_.joinable()) return;
+        reactor_->Stop();
+        loop_.join();
+    }
+    // Runs fn on the loop thread and waits for it.
+    void OnLoop(std::function<void()> fn) {
+        std::promise<void> done;
+        ASSERT_EQ(0u, reactor_->RegisterTask(new Task([&] {
+            fn();
+            done.set_value();
+        })));
+        ASSERT_EQ(std::future_status::ready, done.get_future().wait_for(std::chrono::seconds(5)));
+    }
+    std::uint64_t Register(ZNRDevice* device, Handler* handler, int send_max = 1 << 20,
+                           unsigned int timeout = 0xFFFFFFFF) {
+        std::uint64_t id = kNoId;
+        OnLoop([&] {
+            std::uint64_t err = 0;
+            id = reactor_->RegisterDevice(device, handler, &err, 1 << 20, 4096, send_max, timeout);
+            EXPECT_NE(kNoId, id) << err;
+        });
+        return id;
+    }
+    // A listener whose handler registers every accepted connection with a
+    // handler from make; returns its port.
+    std::string Listen(std::function<Handler*()> make) {
+        ZNRNetAddrInfo const local = V4("127.0.0.1", "0");
+        ZNRTcpDeviceParam param;
+        param.local_addr = &local;
+        auto* listener = new ZNRAsyncTcpDevice();
+        EXPECT_TRUE(listener->Open(&param));
+        std::uint64_t err = 0;
+        std::string const port = Str(listener->GetBindAddr(&err)->GetPortStr());
+        auto* h = new Handler(&journal_, "listener");
+        h->on_data = [this, listener, make](ZNRByteBuffer const*, int*) {
+            auto* conn = new ZNRAsyncTcpDevice();
+            EXPECT_TRUE(listener->Accept(conn));
+            std::uint64_t e = 0;
+            EXPECT_NE(kNoId, reactor_->RegisterDevice(conn, make(), &e, 1 << 20, 4096, 1 << 20, 0xFFFFFFFF));
+            return true;
+        };
+        Register(listener, h);
+        OnLoop([&] { EXPECT_TRUE(listener->BeginAccept()); });
+        return port;
+    }
+    // A plain blocking client of 127.0.0.1:port.
+    int Connect(std::string const& port) {
+        int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ZNRNetAddrInfo const to = V4("127.0.0.1", port);
+        EXPECT_EQ(0, ::connect(fd, to.GetAddr(), to.GetAddrLen()));
+        return fd;
+    }
+    // An echo handler: everything received is sent back.
+    Handler* Echo() {
+        auto* h = new Handler(&journal_, "echo");
+        h->on_data = [this, h](ZNRByteBuffer const* b, int* offset) {
+            *offset = static_cast<int>(b->GetDataCount());
+            EXPECT_EQ(0u, reactor_->SendData(h->GetDeviceId(), b->GetData(), *offset));
+            return true;
+        };
+        return h;
+    }
+
+    Journal journal_;
+    ZNRReactorIOCP* reactor_ = nullptr;
+    std::thread loop_;
+    std::uint64_t result_ = 1;
+};
+
+std::string ReadN(int fd, std::size_t n) {
+    std::string out;
+    char buf[65536];
+    while (out.size() < n && WaitFor(fd)) {
+        ssize_t const got = ::read(fd, buf, std::min(sizeof buf, n - out.size()));
+        if (got <= 0) break;
+        out.append(buf, static_cast<std::size_t>(got));
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST_F(Reactor, LoopEventsStopAndNotifies) {
+    reactor_->RegisterBeginStopNotify(new Notify(&journal_, "begin1"));
+    reactor_->RegisterBeginStopNotify(new Notify(&journal_, "begin2"));
+    reactor_->RegisterEndStopNotify(new Notify(&journal_, "end"));
+    for (char const* name : {"a", "b"}) ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, name)));
+    ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, "again", 2)));
+    ASSERT_EQ(0u, reactor_->Stop());
+    ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, "late")));
+    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([] { ADD_FAILURE() << "ran after stop"; }, &journal_)));
+    auto* fake = new ZNRFakeDevice();
+    std::uint64_t err = 0;
+    ASSERT_NE(kNoId, reactor_->RegisterDevice(fake, new Handler(&journal_, "fake"), &err, 100, 10, 100, 0xFFFFFFFF));
+    Start();
+    loop_.join();
+    EXPECT_EQ(0u, result_);
+    EXPECT_TRUE(reactor_->IsStopped());
+    // The repeating event is queued again behind the stop and never reruns;
+    // what came after the stop is destroyed unrun; handlers only get Destroy.
+    EXPECT_EQ((std::vector<std::string>{"a", "~a", "b", "~b", "again", "begin1", "begin2", "fake destroy",
+                                        "~late", "~task", "~again", "end"}),
+              journal_.Get());
+    // After the channel is gone every cross-thread call is refused.
+    LogCapture capture;
+    auto* event = new Event(&journal_, "x");
+    EXPECT_EQ(E(11), reactor_->RegisterLoopEvent(event));
+    event->Destroy();
+    EXPECT_EQ(E(11), reactor_->SendData(2, L("x"), 1));
+    EXPECT_EQ(std::vector<std::string>(2, "Can not register loop event to reactor, not ready?"),
+              capture.Messages(ZNRLogger::LOGL_ERROR));
+}
+
+TEST_F(Reactor, QueueLimitTaskOwnershipAndPerThreadOrder) {
+    // Nothing drains before Start: the queue fills without a writer blocking.
+    reactor_->SetLoopEventQueueMaxSize(100000);
+    std::atomic<int> ran{0};
+    class Count : public ZNRReactorLoopEvent {
+    public:
+        explicit Count(std::atomic<int>* n) : n_(n) {}
+        bool OnLoopEvent(ZNRReactor*) override { return ++*n_, false; }
+        void Destroy() override { delete this; }
+        std::atomic<int>* n_;
+    };
+    for (int i = 0; i < 100000; ++i) ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Count(&ran)));
+    auto* extra = new Count(&ran);
+    EXPECT_EQ(E(39), reactor_->RegisterLoopEvent(extra));
+    extra->Destroy();
+    auto* task = new Task([] {}, &journal_);
+    EXPECT_EQ(E(39), reactor_->RegisterTask(task));
+    EXPECT_TRUE(journal_.Get().empty());  // the caller still owns it
+    task->Destroy();
+
+    Start();
+    std::vector<std::thread> senders;
+    std::vector<std::vector<int>> seen(4);
+    for (int t = 0; t < 4; ++t) {
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < 500; ++i) {
+                while (reactor_->RegisterTask(new Task([&seen, t, i] { seen[t].push_back(i); })) != 0) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    for (auto& s : senders) s.join();
+    OnLoop([] {});
+    EXPECT_EQ(100000, ran.load());
+    for (auto const& per_thread : seen) {
+        ASSERT_EQ(500u, per_thread.size());
+        EXPECT_TRUE(std::is_sorted(per_thread.begin(), per_thread.end()));
+    }
+}
+
+TEST_F(Reactor, EchoOfMegabytesInOddPieces) {
+    Start();
+    std::string const port = Listen([this] { return Echo(); });
+    int const fd = Connect(port);
+    std::string data(3 << 20, '\0');
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 251);
+    std::thread writer([&] {
+        std::size_t sent = 0, piece = 1;
+        while (sent < data.size()) {
+            std::size_t const n = std::min(piece, data.size() - sent);
+            ASSERT_EQ(static_cast<ssize_t>(n), ::send(fd, data.data() + sent, n, MSG_NOSIGNAL));
+            sent += n;
+            piece = piece * 3 % 65521 + 1;
+        }
+    });
+    std::string const back = ReadN(fd, data.size());
+    writer.join();
+    EXPECT_TRUE(back == data) << back.size();
+    ::close(fd);
+    EXPECT_TRUE(journal_.WaitFor("echo close"));
+    EXPECT_TRUE(journal_.WaitFor("echo destroy"));
+    std::vector<std::string> const j = journal_.Get();
+    EXPECT_EQ("echo open", j.at(0));
+    EXPECT_EQ("echo error 4", j.at(j.size() - 3));  // the peer's orderly close
+}
+
+TEST_F(Reactor, ConsumedOffsetContract) {
+    Start();
+    // Consumes whole 4-byte packets only; a packet "bad!" answers -1.
+    std::string const port = Listen([this] {
+        auto* h = new Handler(&journal_, "packets");
+        h->on_data = [h](ZNRByteBuffer const* b, int* offset) {
+            std::string const got(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount());
+            if (got.find("bad!") == 0) return *offset = -1, true;
+            *offset = static_cast<int>(got.size() / 4 * 4);
+            for (int i = 0; i < *offset; i += 4) h->Log(got.substr(static_cast<std::size_t>(i), 4));
+            return true;
+        };
+        return h;
+    });
+    int const fd = Connect(port);
+    for (char const* piece : {"ab", "cdef", "gh", "ijkl"}) {
+        ASSERT_GT(::send(fd, piece, std::strlen(piece), 0), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // separate reads, not a wait
+    }
+    EXPECT_TRUE(journal_.WaitFor("packets ijkl"));
+    LogCapture capture;
+    ASSERT_EQ(4, ::send(fd, "bad!", 4, 0));
+    EXPECT_TRUE(journal_.WaitFor("packets destroy"));
+    std::vector<std::string> j = journal_.Get();
+    j.erase(j.begin(), std::find(j.begin(), j.end(), "packets open"));
+    EXPECT_EQ((std::vector<std::string>{"packets open", "packets abcd", "packets efgh", "packets ijkl",
+                                        "packets close", "packets destroy"}),
+              j);
+    StopAndJoin();
+    ASSERT_EQ(1u, capture.Messages(ZNRLogger::LOGL_ERROR).size());
+    EXPECT_EQ(0u, capture.Messages(ZNRLogger::LOGL_ERROR)[0].find(
+                      "Invalid recv buffer offset, above data handler may be received a invalid "
+                      "package,current_recv_buff_size=4, offset=-1, desc_info=\"Tcp accept client, remote ip=127.0.0.1"));
+    ::close(fd);
+}
+
+TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
+    Start();
+    std::string const port = Listen([this] {
+        return new Handler(&journal_, "c0");
+    });
+    int const a = Connect(port), b = Connect(port);
+    ASSERT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& j) {
+        return std::count(j.begin(), j.end(), "c0 open") == 2;
+    }));
+    // Device ids: 1 is the wake-up channel, 2 the listener.
+    std::string const big(1 << 20, 'x');
+    LogCapture capture;
+    OnLoop([&] {
+        EXPECT_TRUE(reactor_->IsDeviceExist(3));
+        EXPECT_EQ(0u, reactor_->SendData(3, L("ok"), 2));
+        // The maximum is inclusive: one byte over fails and closes.
+        EXPECT_EQ(0u, reactor_->SendData(4, reinterpret_cast<unsigned char const*>(big.data()), 1 << 20));
+        EXPECT_EQ(E(8), reactor_->SendData(4, L("x"), 1));
+        EXPECT_EQ(E(38), reactor_->SendData(99, L("x"), 1));
+        EXPECT_EQ(E(12), reactor_->SendData(0x100000003ULL, L("x"), 1));
+        EXPECT_EQ(E(12), reactor_->UnregisterDevice(0x100000003ULL));
+        EXPECT_EQ(E(12), reactor_->UnregisterDevice(99));
+        EXPECT_FALSE(reactor_->IsDeviceExist(0x100000003ULL));
+    });
+    EXPECT_EQ("ok", ReadN(a, 2));
+    EXPECT_TRUE(journal_.WaitFor("c0 close"));
+    // A close request from another thread: OnClose, then Destroy.
+    EXPECT_EQ(0u, reactor_->SendData(3, nullptr, 0));
+    EXPECT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& j) {
+        return std::count(j.begin(), j.end(), "c0 destroy") == 2;
+    }));
+    StopAndJoin();
+    std::vector<std::string> const errors = capture.Messages(ZNRLogger::LOGL_ERROR);
+    ASSERT_EQ(2u, errors.size());
+    EXPECT_EQ(0u, errors[0].find("Can not send data to iocp device, send buffer is overflow, "
+                                "current_size=1048576 max_size=1048576 desc_info=\"Tcp accept client"));
+    EXPECT_EQ("Can not send data to device which not found, id=99", errors[1]);
+    ::close(a);
+    ::close(b);
+}
+
+TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
+    Start();
+    std::string const port = Listen([this] { return Echo(); });
+    // A client is announced with OnWriten(0) and may send at once.
+    ZNRNetAddrInfo const to = V4("127.0.0.1", port);
+    ZNRTcpDeviceParam param;
+    param.remote_addr = &to;
+    auto* client = new ZNRAsyncTcpDevice();
+    ASSERT_TRUE(client->Open(&param));
+    ASSERT_TRUE(client->Connect());
+    auto* ch = new Handler(&journal_, "client");
+    ch->on_data = [ch](ZNRByteBuffer const* b, int* offset) {
+        *offset = static_cast<int>(b->GetDataCount());
+        return ch->Log("got " + std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
+    };
+    std::uint64_t const cid = Register(client, ch);
+    EXPECT_EQ(0u, reactor_->SendData(cid, L("hi"), 2));
+    EXPECT_TRUE(journal_.WaitFor("client got hi"));
+    EXPECT_EQ("client writen 0", journal_.Get().at(1));
+
+    // Refused: OnError, then the close.
+    ZNRNetAddrInfo closed = V4("127.0.0.1", "1");
+    param.remote_addr = &closed;
+    auto* refused = new ZNRAsyncTcpDevice();
+    ASSERT_TRUE(refused->Open(&param));
+    if (refused->Connect()) {
+        Register(refused, new Handler(&journal_, "refused"));
+        EXPECT_TRUE(journal_.WaitFor("refused destroy"));
+        std::vector<std::string> j = journal_.Get();
+        j.erase(std::remove_if(j.begin(), j.end(), [](std::string const& e) { return e.find("refused") != 0; }), j.end());
+        EXPECT_EQ((std::vector<std::string>{"refused error " + std::to_string(ECONNREFUSED), "refused close",
+                                            "refused destroy"}),
+                  j);
+    } else {
+        refused->Destroy();
+    }
+
+    // Device timeout: every 5 ms until the handler says no.
+    int ticks = 0;
+    auto* th = new Handler(&journal_, "timed");
+    th->on_timeout = [&ticks] { return ++ticks < 3; };
+    Register(new ZNRFakeDevice(), th, 100, 5);
+    EXPECT_TRUE(journal_.WaitFor("timed destroy"));
+    EXPECT_EQ(3, ticks);
+
+    // Fake devices hand what is sent straight to their own handler.
+    auto* fh = new Handler(&journal_, "fake");
+    fh->on_data = [fh](ZNRByteBuffer const* b, int* offset) {
+        *offset = static_cast<int>(b->GetDataCount());
+        return fh->Log(std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
+    };
+    std::uint64_t const fid = Register(new ZNRFakeDevice(), fh);
+    EXPECT_EQ(0u, reactor_->SendData(fid, L("loop"), 4));
+    EXPECT_TRUE(journal_.WaitFor("fake loop"));
+
+    // UDP: a datagram echoed to its sender.
+    ZNRNetAddrInfo const local = V4("127.0.0.1", "0");
+    ZNRUdpDeviceParam up;
+    up.local_addr = &local;
+    auto* udp = new ZNRAsyncUdpDevice();
+    ASSERT_TRUE(udp->Open(&up));
+    std::uint64_t err = 0;
+    ZNRNetAddrInfo const udp_addr = *udp->GetBindAddr(&err);
+    auto* uh = new Handler(&journal_, "udp");
+    uh->on_data = [this, udp, uh](ZNRByteBuffer const* b, int* offset) {
+        udp->SetNextSendPeerAddr(udp->GetLastRecvPeerAddr());
+        *offset = static_cast<int>(b->GetDataCount());
+        EXPECT_EQ(0u, reactor_->SendData(uh->GetDeviceId(), b->GetData(), *offset));
+        return true;
+    };
+    Register(udp, uh);
+    int const u = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(5, ::sendto(u, "dgram", 5, 0, udp_addr.GetAddr(), udp_addr.GetAddrLen()));
+    ASSERT_TRUE(WaitFor(u));
+    char buf[16];
+    EXPECT_EQ(5, ::recv(u, buf, sizeof buf, 0));
+    ::close(u);
+
+    // Pipes: the server announces its client with OnOpen, the client its
+    // connection with OnWriten(0).
+    ZNRAsyncPipeDeviceParam pp;
+    pp.name = ZNRString("\\\\.\\pipe\\plexa-reactor-" + std::to_string(::getpid()));
+    pp.is_server = true;
+    auto* server = new ZNRAsyncPipeDevice();
+    ASSERT_TRUE(server->Open(&pp));
+    Handler* sh = Echo();
+    Register(server, sh);
+    OnLoop([&] { EXPECT_TRUE(server->BeginAccept()); });
+    pp.is_server = false;
+    auto* pipe_client = new ZNRAsyncPipeDevice();
+    ASSERT_TRUE(pipe_client->Open(&pp));
+    auto* pch = new Handler(&journal_, "pipe");
+    pch->on_data = [pch](ZNRByteBuffer const* b, int* offset) {
+        *offset = static_cast<int>(b->GetDataCount());
+        return pch->Log("got " + std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
+    };
+    std::uint64_t const pid = Register(pipe_client, pch);
+    EXPECT_EQ(0u, reactor_->SendData(pid, L("via pipe"), 8));
+    EXPECT_TRUE(journal_.WaitFor("pipe got via pipe"));
+    std::vector<std::string> const j = journal_.Get();
+    EXPECT_NE(j.end(), std::find(j.begin(), j.end(), "pipe writen 0"));
+}
+
+TEST_F(Reactor, IdleLoopSleepsAndCrossThreadTimersWakeIt) {
+    Start();
+    OnLoop([] {});
+    std::uint64_t const before = reactor_->GetIdleWakeups();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LE(reactor_->GetIdleWakeups() - before, 2u);  // not one a millisecond
+
+    class Once : public ZNRTimer {
+    public:
+        explicit Once(Journal* j) : ZNRTimer(20, 1, nullptr), j_(j) {}
+        bool OnExpires(std::uint64_t) override { return j_->Add("fired"), true; }
+        void OnReset() override {}
+        void OnClose() override {}
+        void Destroy() override { delete this; }
+        Journal* j_;
+    };
+    std::uint64_t err = 0;
+    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Once(&journal_), &err));
+    EXPECT_TRUE(journal_.WaitFor("fired"));
+    // A timer left registered ends with the reactor.
+    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Once(&journal_), &err));
+    auto* far = new Once(&journal_);
+    std::uint64_t const far_id = reactor_->RegisterTimer(far, &err);
+    EXPECT_EQ(0u, reactor_->UnregisterTimer(far_id));
+    far->Destroy();
+}
