@@ -207,6 +207,16 @@ protected:
         return h;
     }
 
+    // Consumes everything and journals it as "<name> got <bytes>".
+    Handler* Recorder(std::string const& name) {
+        auto* h = new Handler(&journal_, name);
+        h->on_data = [h](ZNRByteBuffer const* b, int* offset) {
+            *offset = static_cast<int>(b->GetDataCount());
+            return h->Log("got " + std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
+        };
+        return h;
+    }
+
     Journal journal_;
     ZNRReactorIOCP* reactor_ = nullptr;
     std::thread loop_;
@@ -416,12 +426,7 @@ TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
     auto* client = new ZNRAsyncTcpDevice();
     ASSERT_TRUE(client->Open(&param));
     ASSERT_TRUE(client->Connect());
-    auto* ch = new Handler(&journal_, "client");
-    ch->on_data = [ch](ZNRByteBuffer const* b, int* offset) {
-        *offset = static_cast<int>(b->GetDataCount());
-        return ch->Log("got " + std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
-    };
-    std::uint64_t const cid = Register(client, ch);
+    std::uint64_t const cid = Register(client, Recorder("client"));
     EXPECT_EQ(0u, reactor_->SendData(cid, L("hi"), 2));
     EXPECT_TRUE(journal_.WaitFor("client got hi"));
     std::vector<std::string> const seen = journal_.Get();
@@ -454,14 +459,9 @@ TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
     EXPECT_EQ(3, ticks);
 
     // Fake devices hand what is sent straight to their own handler.
-    auto* fh = new Handler(&journal_, "fake");
-    fh->on_data = [fh](ZNRByteBuffer const* b, int* offset) {
-        *offset = static_cast<int>(b->GetDataCount());
-        return fh->Log(std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
-    };
-    std::uint64_t const fid = Register(new ZNRFakeDevice(), fh);
+    std::uint64_t const fid = Register(new ZNRFakeDevice(), Recorder("fake"));
     EXPECT_EQ(0u, reactor_->SendData(fid, L("loop"), 4));
-    EXPECT_TRUE(journal_.WaitFor("fake loop"));
+    EXPECT_TRUE(journal_.WaitFor("fake got loop"));
 
     // UDP: a datagram echoed to its sender.
     ZNRNetAddrInfo const local = V4("127.0.0.1", "0");
@@ -499,12 +499,7 @@ TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
     pp.is_server = false;
     auto* pipe_client = new ZNRAsyncPipeDevice();
     ASSERT_TRUE(pipe_client->Open(&pp));
-    auto* pch = new Handler(&journal_, "pipe");
-    pch->on_data = [pch](ZNRByteBuffer const* b, int* offset) {
-        *offset = static_cast<int>(b->GetDataCount());
-        return pch->Log("got " + std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
-    };
-    std::uint64_t const pid = Register(pipe_client, pch);
+    std::uint64_t const pid = Register(pipe_client, Recorder("pipe"));
     EXPECT_EQ(0u, reactor_->SendData(pid, L("via pipe"), 8));
     EXPECT_TRUE(journal_.WaitFor("pipe got via pipe"));
     std::vector<std::string> const j = journal_.Get();
