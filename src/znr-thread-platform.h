@@ -21,7 +21,8 @@ std::uint64_t ZNRPlatformThreadJoin(ZNRThreadHandle* handle, long* exit_code);
 void ZNRPlatformThreadRelease(ZNRThreadHandle* handle);
 
 // A handle on the calling thread, which the library did not start. Waiting
-// on it returns once that thread has ended (exit code 0).
+// on it returns once that thread has ended (exit code 0): the end is marked
+// by a thread-exit hook added here, ahead of any the caller adds after.
 ZNRThreadHandle* ZNRPlatformThreadAdoptCurrent(std::uint64_t* error);
 
 // Names the calling thread for debuggers and tools.

@@ -6,9 +6,12 @@
 #include "znr-thread-platform.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 template class ZNRSingleton<ZNRThreadMgr>;
 
@@ -33,7 +36,30 @@ void ThreadEntry(void* arg) {
     }
 }
 
+// Held by an ending thread while its adopted object unregisters, and by
+// Destroy, so that the manager is neither destroyed under that thread nor
+// made anew by it.
+std::mutex g_manager_life;
+
 }  // namespace
+
+class ZNRThreadMgr::Adoption : public ZNRThreadExitHook {
+public:
+    explicit Adoption(ZNRThread* thread) : thread_(thread) {}
+
+    // The object goes to whoever asks first: its ending thread, the
+    // manager's destructor, or Remove when it is deleted earlier.
+    ZNRThread* Claim() { return thread_.exchange(nullptr); }
+
+    void OnThreadExit() override {
+        std::lock_guard<std::mutex> life(g_manager_life);
+        delete Claim();
+    }
+    bool Expired() override { return thread_.load() == nullptr; }
+
+private:
+    std::atomic<ZNRThread*> thread_;
+};
 
 ZNRThreadRunable::~ZNRThreadRunable() {}
 
@@ -99,9 +125,12 @@ bool ZNRThread::IsCurrent() { return this == ZNRThreadMgr::Instance()->GetCurren
 
 ZNRThreadMgr* ZNRThreadMgr::Instance() { return ZNRSingleton<ZNRThreadMgr>::Instance(); }
 
-void ZNRThreadMgr::Destroy() { ZNRSingleton<ZNRThreadMgr>::Destroy(); }
+void ZNRThreadMgr::Destroy() {
+    std::lock_guard<std::mutex> life(g_manager_life);
+    ZNRSingleton<ZNRThreadMgr>::Destroy();
+}
 
-ZNRThreadMgr::ZNRThreadMgr() : adopted_(nullptr) {
+ZNRThreadMgr::ZNRThreadMgr() {
     std::uint64_t error = current_.Open();
     if (error == 0) error = current_.Set(nullptr);
     if (error != 0) {
@@ -110,11 +139,17 @@ ZNRThreadMgr::ZNRThreadMgr() : adopted_(nullptr) {
 }
 
 ZNRThreadMgr::~ZNRThreadMgr() {
-    ZNRThread* adopted = adopted_;
-    Remove(adopted);
-    // Its destructor unregisters once more through Instance(), which still
-    // answers with this manager while the singleton is being destroyed.
-    delete adopted;
+    std::vector<ZNRThread*> owned;
+    {
+        ZNRGuardLock guard(&lock_);
+        for (auto const& adopted : *adopted_) {
+            if (ZNRThread* thread = adopted.second->Claim()) owned.push_back(thread);
+        }
+        adopted_->clear();
+    }
+    // Their destructors unregister through Instance(), which still answers
+    // with this manager while the singleton is being destroyed.
+    for (ZNRThread* thread : owned) delete thread;
 }
 
 void ZNRThreadMgr::Add(ZNRThread* thread) {
@@ -127,7 +162,13 @@ void ZNRThreadMgr::Remove(ZNRThread* thread) {
         ZNRGuardLock guard(&lock_);
         auto it = std::find(threads_->begin(), threads_->end(), thread);
         if (it != threads_->end()) threads_->erase(it);
-        if (adopted_ == thread) adopted_ = nullptr;
+        auto adopted = adopted_->find(thread);
+        if (adopted != adopted_->end()) {
+            // Deleted before its thread ended: the thread's hook must not
+            // delete it again.
+            adopted->second->Claim();
+            adopted_->erase(adopted);
+        }
     }
     // A thread dropping its own object gets a fresh one from GetCurrent.
     void* value = nullptr;
@@ -147,10 +188,6 @@ ZNRThread* ZNRThreadMgr::GetCurrent() {
     if (value != nullptr) return static_cast<ZNRThread*>(value);
 
     ZNRThread* thread = new ZNRThread(nullptr);
-    {
-        ZNRGuardLock guard(&lock_);
-        adopted_ = thread;
-    }
     std::uint64_t error = 0;
     ZNRThreadHandle* handle = ZNRPlatformThreadAdoptCurrent(&error);
     if (error != 0) {
@@ -159,6 +196,24 @@ ZNRThread* ZNRThreadMgr::GetCurrent() {
     thread->handle_ = handle;
     thread->started_ = true;
     SetCurrent(thread);
+    // Hooks run in the order added: waiters on the handle learn that the
+    // thread has ended before its object goes (WaitAll holds the lock that
+    // the object's unregistering needs).
+    Adoption* adoption = new Adoption(thread);
+    {
+        ZNRGuardLock guard(&lock_);
+        (*adopted_)[thread] = adoption;
+    }
+    error = ZNRAtThreadExit(adoption);
+    if (error != 0) {
+        // Without the hook the object stays, as any the host made.
+        ZNR_LOG(ERROR, "Open thread error, error_msg=%s", ZNRGetErrorText(error).c_str());
+        {
+            ZNRGuardLock guard(&lock_);
+            adopted_->erase(thread);
+        }
+        adoption->Destroy();
+    }
     current_.Get(&value);
     return static_cast<ZNRThread*>(value);
 }
@@ -166,4 +221,9 @@ ZNRThread* ZNRThreadMgr::GetCurrent() {
 void ZNRThreadMgr::WaitAll() {
     ZNRGuardLock guard(&lock_);
     for (ZNRThread* thread : *threads_) thread->Join(nullptr);
+}
+
+std::size_t ZNRThreadMgr::GetThreadCount() {
+    ZNRGuardLock guard(&lock_);
+    return threads_->size();
 }

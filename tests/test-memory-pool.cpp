@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -223,12 +224,56 @@ TEST_F(MemoryPoolTest, PoolAllocatorFallsBackToTheHeapAndWarnsOnDestruction) {
         // Still used at the end: a pooled block, a heap block, and memory of a thread that is gone.
         ASSERT_NE(nullptr, allocator.Alloc(7, "h.cpp", 3));
         std::thread([&] { EXPECT_NE(nullptr, allocator.Alloc(8, "t.cpp", 4)); }).join();
+        EXPECT_EQ(2u, allocator.GetPoolCount());
         log_.clear();
     }
     EXPECT_EQ((std::vector<std::string>{"Clear used memory block, size=64, owner_info=h.cpp:1",
                                         "Clear used memory block, size=64, owner_info=t.cpp:4",
                                         "Clear used memory, size=7, owner=h.cpp:3"}),
               Messages(ZNRLogger::LOGL_WARNING, true));
+}
+
+TEST_F(MemoryPoolTest, PoolAllocatorDropsThePoolsOfThreadsThatEndIdle) {
+    {
+        PoolAllocator allocator(MakeParam({Info(64, 1, 1)}));
+        EXPECT_EQ(0u, allocator.Free(allocator.Alloc(10, "i.cpp", 1)));
+        // Each thread frees what it took, a pooled block or a heap one.
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 64; ++i)
+            threads.emplace_back(
+                [&allocator, i] { EXPECT_EQ(0u, allocator.Free(allocator.Alloc(i % 2 ? 10 : 100, "i.cpp", 2))); });
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_EQ(1u, allocator.GetPoolCount());
+        // Ending with memory still taken keeps the pool, and the memory is the ended thread's alone.
+        void* kept[2] = {};
+        for (int i = 0; i < 2; ++i)
+            std::thread([&allocator, &kept, i] { kept[i] = allocator.Alloc(i ? 100 : 10, "i.cpp", 3 + i); }).join();
+        EXPECT_EQ(3u, allocator.GetPoolCount());
+        EXPECT_EQ(kError46, allocator.Free(kept[0]) | allocator.Free(kept[1]));
+        log_.clear();
+    }
+    EXPECT_EQ((std::vector<std::string>{"Clear used memory block, size=64, owner_info=i.cpp:3",
+                                        "Clear used memory, size=100, owner=i.cpp:4"}),
+              Messages(ZNRLogger::LOGL_WARNING, true));
+
+    // The allocator may end before threads that used it, or while they end.
+    PoolAllocator* early = new PoolAllocator(MakeParam({Info(64, 1, 1)}));
+    std::atomic<int> ready(0);
+    std::atomic<bool> go(false);
+    std::vector<std::thread> late;
+    for (int i = 0; i < 8; ++i)
+        late.emplace_back([&, i] {
+            void* p = early->Alloc(10, "j.cpp", i);
+            if (i % 2 == 0) early->Free(p);
+            ++ready;
+            while (i < 4 && !go) std::this_thread::yield();
+        });
+    while (ready < 8) std::this_thread::yield();
+    log_.clear();
+    delete early;
+    go = true;
+    for (std::thread& thread : late) thread.join();
+    EXPECT_EQ(4u, Messages(ZNRLogger::LOGL_WARNING).size());
 }
 
 TEST_F(MemoryPoolTest, PoolAllocatorThreadsWorkSideBySide) {

@@ -184,31 +184,55 @@ TEST(ThreadMgr, WaitAllJoinsEveryStartedThread) {
     opener.join();
 }
 
-TEST(ThreadMgr, ForeignThreadsAreAdoptedAndCanBeWaitedFor) {
+TEST(ThreadMgr, ForeignThreadsAreAdoptedUntilTheyEnd) {
+    ZNRThreadMgr* mgr = ZNRThreadMgr::Instance();
+    ZNRThread* main_thread = mgr->GetCurrent();
+    std::size_t const registered = mgr->GetThreadCount();
     std::atomic<ZNRThread*> seen(nullptr);
     std::atomic<bool> release(false);
     std::thread foreign([&] {
-        seen = ZNRThreadMgr::Instance()->GetCurrent();
+        ZNRThread* self = mgr->GetCurrent();
+        EXPECT_TRUE(self == mgr->GetCurrent() && self->IsCurrent());
+        seen = self;
         while (!release) std::this_thread::yield();
     });
     while (seen == nullptr) std::this_thread::yield();
-    ZNRThread* main_thread = ZNRThreadMgr::Instance()->GetCurrent();
     EXPECT_NE(seen.load(), main_thread);
     EXPECT_TRUE(seen.load()->Started());  // adopted threads count as started
-    release = true;
+    EXPECT_EQ(registered + 1, mgr->GetThreadCount());
+    // Its object lives until it ends, so WaitAll can wait for it meanwhile.
+    std::thread opener([&release] {
+        ZNRSleep(20);
+        release = true;
+    });
+    mgr->WaitAll();
+    EXPECT_TRUE(release);
     foreign.join();
-    // It has ended: waiting on its object returns at once.
-    long code = -1;
-    EXPECT_EQ(seen.load()->Join(&code), 0u);
-    EXPECT_EQ(code, 0);
-    delete seen.load();
+    opener.join();
+    // Every ended thread takes its object along.
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 16; ++i)
+        threads.emplace_back([mgr] { EXPECT_EQ("default", mgr->GetCurrent()->GetName().ToStdCStr()); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(registered, mgr->GetThreadCount());
 
     // Dropping the calling thread's own object: the next call adopts anew,
-    // and so does a fresh manager.
+    // and so does a fresh manager, also for a thread that outlives the old one.
     delete main_thread;
-    ZNRThread* again = ZNRThreadMgr::Instance()->GetCurrent();
+    ZNRThread* again = mgr->GetCurrent();
     EXPECT_TRUE(again != nullptr && again->IsCurrent());
-    EXPECT_EQ(ZNRThreadMgr::Instance()->GetCurrent(), again);
+    EXPECT_EQ(mgr->GetCurrent(), again);
+    seen = nullptr;
+    release = false;
+    std::thread outliving([&] {
+        seen = ZNRThreadMgr::Instance()->GetCurrent();
+        while (!release) std::this_thread::yield();
+        EXPECT_TRUE(ZNRThreadMgr::Instance()->GetCurrent()->IsCurrent());
+    });
+    while (seen == nullptr) std::this_thread::yield();
     ZNRThreadMgr::Destroy();
+    release = true;
+    outliving.join();
     EXPECT_TRUE(ZNRThreadMgr::Instance()->GetCurrent()->IsCurrent());
+    EXPECT_EQ(1u, ZNRThreadMgr::Instance()->GetThreadCount());
 }

@@ -11,6 +11,7 @@
 #include <plexa/znr-thread-mutex.h>
 #include <plexa/znr-tls.h>
 
+#include <atomic>
 #include <map>
 #include <new>
 #include <set>
@@ -18,27 +19,35 @@
 // Gives each thread its own pool, made on the thread's first Alloc; what the
 // pool cannot serve comes from the heap (logged at DEBUG). Memory must be
 // freed on the thread that took it: elsewhere Free finds nothing and
-// returns library error 46. Only the creation of a thread's pool locks.
+// returns library error 46. Only the making and dropping of a thread's pool
+// lock. A thread that ends holding nothing from its pool or the heap takes
+// its pool along; one that ends holding memory leaves its pool, with that
+// memory, until the allocator ends. The allocator may end before or while
+// threads that used it end.
 template <class Pool, class Param>
 class ZNR_API ZNRPoolMemAllocator : public ZNRMemAllocator {
 public:
-    explicit ZNRPoolMemAllocator(Param const& param) : param_(param) {
+    explicit ZNRPoolMemAllocator(Param const& param) : param_(param), shared_(new Shared(this)) {
         if (tls_.Open() == 0) tls_.Set(nullptr);
     }
 
     ~ZNRPoolMemAllocator() override {
-        ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
-        for (PoolRecord* record : *records_) {
-            for (auto const& heap : *record->heap_blocks) {
-                ZNR_LOG(WARNING, "Clear used memory, size=%u, owner=%s:%u", heap.second.size,
-                        heap.second.owner_file != nullptr ? heap.second.owner_file : "",
-                        heap.second.owner_line);
-                delete[] heap.first;
+        {
+            ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
+            shared_->owner = nullptr;
+            for (PoolRecord* record : *records_) {
+                for (auto const& heap : *record->heap_blocks) {
+                    ZNR_LOG(WARNING, "Clear used memory, size=%u, owner=%s:%u", heap.second.size,
+                            heap.second.owner_file != nullptr ? heap.second.owner_file : "",
+                            heap.second.owner_line);
+                    delete[] heap.first;
+                }
+                delete record->pool;
+                delete record;
             }
-            delete record->pool;
-            delete record;
+            records_->clear();
         }
-        records_->clear();
+        shared_->Unref();
     }
 
     ZNRPoolMemAllocator(ZNRPoolMemAllocator const&) = delete;
@@ -75,6 +84,13 @@ public:
         return record->pool->Free(p);
     }
 
+    // Pools held now: one for each live thread that has allocated, and one
+    // for each ended thread that still held memory. Safe from any thread.
+    std::size_t GetPoolCount() const {
+        ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
+        return records_->size();
+    }
+
 private:
     struct HeapBlock {
         unsigned int size;
@@ -87,6 +103,39 @@ private:
         Pool* pool;
     };
 
+    // The lock and the way to the allocator, kept apart from it because the
+    // exit hooks of threads that used it may run after it has ended.
+    struct Shared {
+        explicit Shared(ZNRPoolMemAllocator* allocator) : owner(allocator), refs(1) {}
+        void Unref() {
+            if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+        }
+        ZNRThreadMutex lock;
+        std::atomic<ZNRPoolMemAllocator*> owner;  // null once the allocator ends
+        std::atomic<unsigned int> refs;
+    };
+
+    // Drops one thread's pool when that thread ends, if it is idle.
+    class ExitHook : public ZNRThreadExitHook {
+    public:
+        ExitHook(Shared* shared, PoolRecord* record) : shared_(shared), record_(record) {
+            shared_->refs.fetch_add(1, std::memory_order_relaxed);
+        }
+        void OnThreadExit() override {
+            ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
+            ZNRPoolMemAllocator* const owner = shared_->owner.load();
+            if (owner != nullptr) owner->DropIfIdle(record_);
+        }
+        bool Expired() override { return shared_->owner.load() == nullptr; }
+
+    protected:
+        ~ExitHook() override { shared_->Unref(); }
+
+    private:
+        Shared* const shared_;
+        PoolRecord* const record_;
+    };
+
     // This thread's record; made (with its pool) on first use when create.
     PoolRecord* CurrentRecord(bool create) {
         void* slot = nullptr;
@@ -97,15 +146,29 @@ private:
         record->pool = new Pool();
         record->pool->Init(&param_);
         tls_.Set(record);
-        ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
-        records_->insert(record);
+        {
+            ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
+            records_->insert(record);
+        }
+        // Without the hook the pool just stays until the allocator ends.
+        ExitHook* const hook = new ExitHook(shared_, record);
+        if (ZNRAtThreadExit(hook) != 0) hook->Destroy();
         return record;
+    }
+
+    // On the ending thread, under the lock.
+    void DropIfIdle(PoolRecord* record) {
+        if (!record->heap_blocks->empty() || record->pool->GetUsedSize() != 0) return;
+        records_->erase(record);
+        delete record->pool;
+        delete record;
+        tls_.Set(nullptr);
     }
 
     Param param_;
     ZNRTLS tls_;
     ZNRStlAdapter<std::set<PoolRecord*>> records_;
-    ZNRThreadMutex lock_;
+    Shared* const shared_;
 };
 
 // The process-wide pooled allocator for large message buffers: 2 MiB

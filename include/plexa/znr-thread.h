@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <list>
+#include <map>
 
 class ZNRMessageQueue;
 class ZNRThread;
@@ -100,17 +101,25 @@ public:
     void Remove(ZNRThread* thread);
     void SetCurrent(ZNRThread* thread);
     // The calling thread's object; a thread the library did not start gets
-    // one named "default", already started, on its first call.
+    // one named "default", already started, on its first call. Such an
+    // adopted object is the library's: it is destroyed when its thread ends
+    // (or with the manager, if that comes first), so other threads must not
+    // keep it; WaitAll may wait for its thread.
     ZNRThread* GetCurrent();
     // Joins every registered thread in registration order, holding the
     // registry lock throughout; threads that cannot be joined (never
     // started, or the caller itself) are passed over.
     void WaitAll();
+    // Thread objects registered now.
+    std::size_t GetThreadCount();
 
 private:
+    // An adopted object and the exit hook of its thread.
+    class Adoption;
+
     ZNRStlAdapter<std::list<ZNRThread*>> threads_;
     ZNRThreadMutex lock_;
-    ZNRThread* adopted_;
+    ZNRStlAdapter<std::map<ZNRThread*, Adoption*>> adopted_;
     ZNRTLS current_;
 };
 

@@ -1,4 +1,5 @@
 #include <plexa/znr-error.h>
+#include <plexa/znr-tls.h>
 
 #include "../znr-thread-platform.h"
 
@@ -9,7 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <vector>
+#include <utility>
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -27,19 +28,22 @@ struct AdoptedState {
     bool ended;
 };
 
-// Thread-local: its destructor runs when the adopted thread ends.
-struct AdoptedWatch {
-    ~AdoptedWatch() {
-        for (auto& state : states) {
-            std::lock_guard<std::mutex> lock(state->mutex);
-            state->ended = true;
-            state->cond.notify_all();
-        }
+// Runs when the adopted thread ends, before any exit hook added after the
+// adoption.
+class AdoptedEnd : public ZNRThreadExitHook {
+public:
+    explicit AdoptedEnd(std::shared_ptr<AdoptedState> state) : state_(std::move(state)) {}
+    void OnThreadExit() override {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->ended = true;
+        state_->cond.notify_all();
     }
-    std::vector<std::shared_ptr<AdoptedState>> states;
-};
+    // Nobody can wait once the handle is gone.
+    bool Expired() override { return state_.use_count() == 1; }
 
-thread_local AdoptedWatch adopted_watch;
+private:
+    std::shared_ptr<AdoptedState> state_;
+};
 
 // Priorities map onto SCHED_OTHER nice values of the new thread:
 // highest -10, above normal -5, normal inherited as is, anything else 19.
@@ -150,8 +154,16 @@ ZNRThreadHandle* ZNRPlatformThreadAdoptCurrent(std::uint64_t* error) {
     }
     handle->thread = pthread_self();
     handle->adopted = std::make_shared<AdoptedState>(handle->thread);
-    adopted_watch.states.push_back(handle->adopted);
-    *error = 0;
+    AdoptedEnd* end = new (std::nothrow) AdoptedEnd(handle->adopted);
+    if (end == nullptr) {
+        *error = ZNRSysError(ENOMEM);
+        return nullptr;
+    }
+    *error = ZNRAtThreadExit(end);
+    if (*error != 0) {
+        end->Destroy();
+        return nullptr;
+    }
     return handle.release();
 }
 
