@@ -176,6 +176,8 @@ std::uint64_t ZNRReactorIOCP::Open() {
                 ZNRGetErrorText(error).c_str());
     }
     CloseAll();
+    // The thread object may go with its thread; its address could come back.
+    loop_thread_ = nullptr;
     return error;
 }
 
