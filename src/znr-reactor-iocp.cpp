@@ -251,7 +251,8 @@ void ZNRReactorIOCP::RunTimers() {
 }
 
 bool ZNRReactorIOCP::IsLoopThread() {
-    return loop_thread_ != nullptr && ZNRThreadMgr::Instance()->GetCurrent() == loop_thread_;
+    ZNRThread* const loop = loop_thread_.load();
+    return loop != nullptr && ZNRThreadMgr::Instance()->GetCurrent() == loop;
 }
 
 // ---------------------------------------------------------------- loop events

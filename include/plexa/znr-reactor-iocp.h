@@ -86,7 +86,7 @@ private:
     ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> end_stop_notifies_;
     ZNRThreadMutex timer_lock_;
     ZNRThreadMutex stop_notify_lock_;
-    ZNRThread* loop_thread_;
+    std::atomic<ZNRThread*> loop_thread_;
     std::atomic<bool> stopped_;
     ZNRStlAdapter<std::list<ZNRReactorLoopEvent*>> loop_events_;
     ZNRThreadMutex loop_event_lock_;
