@@ -185,7 +185,7 @@ bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
     ZNRCompletion completion{};
     std::uint64_t const rc = engine_->Wait(PlanWait(), &completion);
     if (rc == kTimedOut) {
-        ++idle_wakeups_;
+        idle_wakeups_.fetch_add(1, std::memory_order_relaxed);
     } else if (rc != 0) {
         *error = rc;
         return false;

@@ -52,7 +52,7 @@ public:
 
     bool IsStopped() const { return stopped_; }
     // How often the loop woke from an empty wait, for tests and tuning.
-    std::uint64_t GetIdleWakeups() const { return idle_wakeups_; }
+    std::uint64_t GetIdleWakeups() const { return idle_wakeups_.load(std::memory_order_relaxed); }
 
 protected:
     ~ZNRReactorIOCP() override;
@@ -103,7 +103,7 @@ private:
     // waits until its handler has returned.
     ZNRReactorIOCPDeviceBase* dispatching_;
     bool dispatching_removed_;
-    std::uint64_t idle_wakeups_;
+    std::atomic<std::uint64_t> idle_wakeups_;
 };
 
 #endif
