@@ -4,20 +4,35 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-utils.h>
 
+#include "znr-text-codec.h"
 #include "znr-xml-config-file.h"
 
 #include <tinyxml.h>
 
+#include <atomic>
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace {
 
 // Deeper nesting than this is taken for a runaway include chain.
 constexpr int kMaxIncludeDepth = 32;
 
+// The depth limit alone still lets 33 small files, each including the next
+// twice, make one load read billions of files.
+std::atomic<unsigned int> g_max_load_files{10000};
+
 unsigned short const kBlanks[] = {' ', '\t', '\r', '\n', 0};
+
+// What one Load has read so far, against the limit it started with.
+struct LoadBudget {
+    unsigned int files;
+    unsigned int max_files;
+};
 
 // The file being loaded and every file that included it, innermost first.
 // Hung on the document as its user data so that the load of an included
@@ -26,6 +41,91 @@ struct IncludeFrame {
     ZNRXmlConfigFileStat stat;
     int depth;
     IncludeFrame const* up;
+    LoadBudget* budget;
+};
+
+// The charset of one file's text. Hung on the file's root element as user
+// data, which TinyXML copies with the element, so that every merged subtree
+// is decoded as its own file declared.
+struct FileCharset {
+    std::string name;
+};
+
+FileCharset* LegacyCharset() {
+    static FileCharset charset{ZNRTextCodec::CharsetOfLocale("chs")};
+    return &charset;
+}
+
+FileCharset* Utf8Charset() {
+    static FileCharset charset{ZNRTextCodec::Utf8Charset()};
+    return &charset;
+}
+
+// Only a declaration that opens the file counts.
+bool DeclaresUtf8(TiXmlDocument const& doc) {
+    TiXmlNode const* first = doc.FirstChild();
+    TiXmlDeclaration const* declaration = first != nullptr ? first->ToDeclaration() : nullptr;
+    if (declaration == nullptr) return false;
+    std::string encoding = declaration->Encoding();
+    for (char& c : encoding) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return encoding == "utf-8";
+}
+
+FileCharset const* CharsetOf(TiXmlElement const* element, FileCharset const* inherited) {
+    void const* const mark = element->GetUserData();
+    return mark != nullptr ? static_cast<FileCharset const*>(mark) : inherited;
+}
+
+// False when the bytes are not text in the charset; *out then holds what
+// converted before the fault.
+bool Decode(char const* bytes, FileCharset const* charset, ZNRString* out) {
+    std::string units;
+    bool const ok = ZNRTextCodec::Convert(charset->name.c_str(), ZNRTextCodec::Utf16Charset(),
+                                          bytes, std::strlen(bytes), &units);
+    ZNRStdWString text(units.size() / 2, 0);
+    if (!text.empty()) std::memcpy(&text[0], units.data(), text.size() * 2);
+    *out = ZNRString(text);
+    return ok;
+}
+
+// For text that Load has already checked.
+ZNRString Text(char const* bytes, FileCharset const* charset) {
+    ZNRString out;
+    Decode(bytes, charset, &out);
+    return out;
+}
+
+// Finds the first name, text, attribute or tag that the file's charset
+// cannot convert.
+class CharsetCheck : public TiXmlVisitor {
+public:
+    explicit CharsetCheck(FileCharset const* charset) : charset_(charset) {}
+
+    bool VisitEnter(TiXmlElement const& element, TiXmlAttribute const* attr) override {
+        if (!Check(element.Value(), element.Row())) return false;
+        for (; attr != nullptr; attr = attr->Next()) {
+            if (!Check(attr->Name(), attr->Row()) || !Check(attr->Value(), attr->Row())) return false;
+        }
+        return true;
+    }
+    bool Visit(TiXmlText const& text) override { return Check(text.Value(), text.Row()); }
+    bool Visit(TiXmlUnknown const& tag) override { return Check(tag.Value(), tag.Row()); }
+
+    bool failed_ = false;
+    int row_ = 0;
+
+private:
+    bool Check(char const* bytes, int row) {
+        // An element resumes the walk of its siblings after a child said stop.
+        if (failed_) return false;
+        ZNRString ignored;
+        if (Decode(bytes, charset_, &ignored)) return true;
+        failed_ = true;
+        row_ = row;
+        return false;
+    }
+
+    FileCharset const* charset_;
 };
 
 // File names on Linux are UTF-8.
@@ -51,18 +151,19 @@ bool IsInChain(IncludeFrame const* frame, ZNRXmlConfigFileStat const& stat) {
     return false;
 }
 
-void FillNodeInfo(TiXmlElement const* element, ZNRXmlConfig::NodeInfo* info) {
-    info->name = ZNRString(element->Value());
+void FillNodeInfo(TiXmlElement const* element, FileCharset const* charset,
+                  ZNRXmlConfig::NodeInfo* info) {
+    info->name = Text(element->Value(), charset);
     TiXmlNode const* first = element->FirstChild();
-    if (first != nullptr && first->ToText() != nullptr) info->value = ZNRString(first->Value());
+    if (first != nullptr && first->ToText() != nullptr) info->value = Text(first->Value(), charset);
     for (TiXmlAttribute const* a = element->FirstAttribute(); a != nullptr; a = a->Next()) {
-        (*info->attrs)[ZNRString(a->Name())] = ZNRString(a->Value());
+        (*info->attrs)[Text(a->Name(), charset)] = Text(a->Value(), charset);
     }
     info->line = element->Row();
     for (TiXmlElement const* c = element->FirstChildElement(); c != nullptr;
          c = c->NextSiblingElement()) {
         std::unique_ptr<ZNRXmlConfig::NodeInfo> child(new ZNRXmlConfig::NodeInfo());
-        FillNodeInfo(c, child.get());
+        FillNodeInfo(c, CharsetOf(c, charset), child.get());
         info->children->push_back(child.get());
         child.release();
     }
@@ -96,20 +197,22 @@ public:
         ZNRString written;
     };
 
-    explicit __ZNRXmlConfigVisitor(ZNRString const& file) : file_(file), error_(false) {}
+    __ZNRXmlConfigVisitor(ZNRString const& file, FileCharset const* charset)
+        : file_(file), error_(false), charset_(charset) {}
 
     bool Visit(TiXmlUnknown const& unknown) override;
 
     ZNRStlAdapter<std::vector<Dictate>> dictates_;
     ZNRString file_;
     bool error_;
+    FileCharset const* charset_;
 };
 
 bool __ZNRXmlConfigVisitor::Visit(TiXmlUnknown const& unknown) {
     // An element resumes the walk of its siblings after a child said stop,
     // so later tags are refused here to report only the first bad one.
     if (error_) return false;
-    ZNRString const text(unknown.Value());
+    ZNRString const text = Text(unknown.Value(), charset_);
     ZNRString lower = text;
     lower.ToLower();
     ZNRString::size_type const blank = lower.find_first_of(kBlanks);
@@ -183,7 +286,11 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                 file.ToStdCStr().c_str());
         return false;
     }
-    if (!doc->LoadFile(fs_path.c_str(), TIXML_ENCODING_LEGACY)) {
+    // A file read as legacy text that declares UTF-8 is read again as UTF-8,
+    // so that its character references become UTF-8 too.
+    bool utf8 = false;
+    if (!doc->LoadFile(fs_path.c_str(), TIXML_ENCODING_LEGACY) ||
+        ((utf8 = DeclaresUtf8(*doc)) && !doc->LoadFile(fs_path.c_str(), TIXML_ENCODING_UTF8))) {
         ZNR_LOG(ERROR, "Can not load config file, file=\"%s\" line=%d error desc=\"%s\"",
                 file.ToStdCStr().c_str(), doc->ErrorRow(), doc->ErrorDesc());
         return false;
@@ -194,16 +301,31 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                 file.ToStdCStr().c_str());
         return false;
     }
+    FileCharset* const charset = utf8 ? Utf8Charset() : LegacyCharset();
+    root->SetUserData(charset);
+    // Cutting the text at a bad byte would let a broken include path name
+    // its parent directory.
+    CharsetCheck check(charset);
+    doc->Accept(&check);
+    if (check.failed_) {
+        ZNR_LOG(ERROR,
+                "Can not load config file, text not convertible, file=\"%s\" row=%d "
+                "charset=\"%s\"",
+                file.ToStdCStr().c_str(), check.row_, charset->name.c_str());
+        return false;
+    }
     // Before this file's own includes run, so theirs stay in this document.
     if (parent != nullptr) parent->RootElement()->InsertEndChild(*root);
 
-    __ZNRXmlConfigVisitor visitor(file);
+    __ZNRXmlConfigVisitor visitor(file, charset);
     doc->Accept(&visitor);
     if (visitor.error_) return false;
 
     frame.up = parent != nullptr ? static_cast<IncludeFrame const*>(parent->GetUserData())
                                  : nullptr;
     frame.depth = frame.up != nullptr ? frame.up->depth + 1 : 0;
+    LoadBudget budget{1, g_max_load_files.load()};
+    frame.budget = frame.up != nullptr ? frame.up->budget : &budget;
 
     auto include = [&](__ZNRXmlConfigVisitor::Dictate const& dictate) {
         ZNRString path = dictate.argument;
@@ -245,6 +367,15 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                         file.ToStdCStr().c_str(), dictate.line, name.ToStdCStr().c_str());
                 return false;
             }
+            if (frame.budget->files >= frame.budget->max_files) {
+                ZNR_LOG(ERROR,
+                        "Can not load config file, file count limit reached, file=\"%s\" line=%d "
+                        "include=\"%s\" limit=%u",
+                        file.ToStdCStr().c_str(), dictate.line, name.ToStdCStr().c_str(),
+                        frame.budget->max_files);
+                return false;
+            }
+            ++frame.budget->files;
             TiXmlDocument included;
             if (!InnerLoad(doc, &included, name, ext)) return false;
         }
@@ -280,22 +411,26 @@ bool ZNRXmlConfig::GetNodes(ZNRString const& path, std::vector<NodeInfo>* nodes)
 
 bool ZNRXmlConfig::InnerGetNodes(TiXmlNode* node, std::vector<ZNRString> const& path,
                                  std::vector<NodeInfo>* nodes) const {
-    if (path.empty() || path[0].ToStdCStr() != node->Value()) return true;
-    std::vector<TiXmlElement const*> selected(1, node->ToElement());
+    // Names compare as text: merged files may each have their own charset.
+    typedef std::pair<TiXmlElement const*, FileCharset const*> Selected;
+    TiXmlElement const* root = node->ToElement();
+    FileCharset const* const charset = CharsetOf(root, LegacyCharset());
+    if (path.empty() || Text(root->Value(), charset) != path[0]) return true;
+    std::vector<Selected> selected(1, Selected(root, charset));
     for (std::size_t i = 1; i < path.size() && !selected.empty(); ++i) {
-        std::string const name = path[i].ToStdCStr();
-        std::vector<TiXmlElement const*> next;
-        for (TiXmlElement const* parent : selected) {
-            for (TiXmlElement const* c = parent->FirstChildElement(name.c_str()); c != nullptr;
-                 c = c->NextSiblingElement(name.c_str())) {
-                next.push_back(c);
+        std::vector<Selected> next;
+        for (Selected const& parent : selected) {
+            for (TiXmlElement const* c = parent.first->FirstChildElement(); c != nullptr;
+                 c = c->NextSiblingElement()) {
+                FileCharset const* const child_charset = CharsetOf(c, parent.second);
+                if (Text(c->Value(), child_charset) == path[i]) next.emplace_back(c, child_charset);
             }
         }
         selected.swap(next);
     }
-    for (TiXmlElement const* element : selected) {
+    for (Selected const& element : selected) {
         nodes->emplace_back();
-        FillNodeInfo(element, &nodes->back());
+        FillNodeInfo(element.first, element.second, &nodes->back());
     }
     return true;
 }
@@ -341,6 +476,10 @@ bool ZNRXmlConfig::GetAttrInt(ZNRString const& path, ZNRString const& name, int*
     }
     return true;
 }
+
+void ZNRXmlConfig::SetMaxLoadFiles(unsigned int max_files) { g_max_load_files.store(max_files); }
+
+unsigned int ZNRXmlConfig::GetMaxLoadFiles() { return g_max_load_files.load(); }
 
 void ZNRXmlConfig::Dump() {
     if (document_ == nullptr) return;

@@ -176,11 +176,20 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
     std::string const text = Write("text.xml", "just words");
     std::string const open = Write("open.xml", "<r>\n<a>\n</r>");
     std::string const bare = Write("bare.xml", "<!-- no root -->");
+    // Bytes the file's charset cannot convert, in a path, a name, a value,
+    // an attribute; "\xd6\xd0" is GBK but not UTF-8.
+    Write("conf/x.xml", "<x/>");
+    std::string const path = Write("path.xml", "<r>\n" + Include(dir_ + "/conf\xff/no.xml") + "</r>");
+    std::string const name = Write("name.xml", "<r\xff/>");
+    std::string const value = Write("value.xml", "<r>\n\n<v>a\xff</v></r>");
+    std::string const attr = Write("attr.xml", "<r>\n<v k=\"\x81\">1</v></r>");
+    std::string const utf8 = Write("utf8.xml", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<r>\xd6\xd0</r>");
     std::string const good = Write("good.xml", "<good>1</good>");
     std::string const m =
         Write("m.xml", "<r>\n" + Include(good) + "\n" + Include(dir_ + "/none.xml") + "</r>");
     std::string const missing = dir_ + "/missing.xml";
-    for (std::string const& f : {empty, define, blank, missing, text, open, bare, dir_, m})
+    for (std::string const& f :
+         {empty, define, blank, missing, text, open, bare, dir_, path, name, value, attr, utf8, m})
         EXPECT_FALSE(Load(f)) << f;
     ZNRString no_such;
     ZNRGetErrorMsg(ZNRSysError(ENOENT), &no_such);
@@ -195,6 +204,11 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
         load + "file=\"" + open + "\" line=3 error desc=\"Error reading end tag.\"",
         load + "root element not exist, file=\"" + bare + "\"",
         load + "not a regular file, file=\"" + dir_ + "\"",
+        load + "text not convertible, file=\"" + path + "\" row=2 charset=\"GBK\"",
+        load + "text not convertible, file=\"" + name + "\" row=1 charset=\"GBK\"",
+        load + "text not convertible, file=\"" + value + "\" row=3 charset=\"GBK\"",
+        load + "text not convertible, file=\"" + attr + "\" row=2 charset=\"GBK\"",
+        load + "text not convertible, file=\"" + utf8 + "\" row=2 charset=\"UTF-8\"",
         load + "execute dictate error,                               file=\"" + m +
             "\" line=3 error desc=\"" + no_such.ToStdCStr() + "\"",
     };
@@ -225,12 +239,26 @@ TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
     };
     EXPECT_TRUE(Load(chain(33)));
     EXPECT_FALSE(Load(chain(34)));
+
+    // Each file includes the next twice: three files make 1 + 2 + 4 reads.
+    std::string const twice1 = dir_ + "/twice/1.xml", twice2 = dir_ + "/twice/2.xml";
+    Write("twice/2.xml", "<c/>");
+    Write("twice/1.xml", "<b>\n" + Include(twice2) + "\n" + Include(twice2) + "</b>");
+    std::string const top = Write("twice/0.xml", "<a>" + Include(twice1) + Include(twice1) + "</a>");
+    EXPECT_EQ(10000u, ZNRXmlConfig::GetMaxLoadFiles());
+    ZNRXmlConfig::SetMaxLoadFiles(7);
+    EXPECT_TRUE(Load(top));
+    ZNRXmlConfig::SetMaxLoadFiles(6);
+    EXPECT_FALSE(Load(top));
+    ZNRXmlConfig::SetMaxLoadFiles(10000);
     std::string const load = "Can not load config file, ";
     std::vector<std::string> const expected = {
         load + "include cycle, file=\"" + self + "\" line=2 include=\"" + self + "\"",
         load + "include cycle, file=\"" + b + "\" line=3 include=\"" + dir_ + "/./a.xml\"",
         load + "include cycle, file=\"" + in_dir + "\" line=1 include=\"" + in_dir + "\"",
         load + "include depth limit reached, file=\"" + dir_ + "/chain/32.xml\" line=1 limit=32",
+        load + "file count limit reached, file=\"" + twice1 + "\" line=3 include=\"" + twice2 +
+            "\" limit=6",
     };
     EXPECT_EQ(expected, Errors());
 }
@@ -249,6 +277,25 @@ TEST_F(XmlConfigTest, LegacyBytesDumpAndReload) {
               testing::internal::GetCapturedStdout());
     ASSERT_TRUE(Load(Write("o.xml", "<o>1</o>")));  // replaces the tree
     EXPECT_EQ("|1", Values("r/inc") + "|" + Values("o"));
+
+    // A file declared UTF-8 is decoded as UTF-8, references included; any
+    // other declaration, or none, keeps GBK. Each file follows its own.
+    auto text = [&](char16_t const* path) {
+        ZNRString out(u"<fail>");
+        config_.Get(ZNRString(path), &out, &attrs);
+        return out;
+    };
+    std::string const u = Write("u.xml", "<?xml version=\"1.0\" encoding=\"Utf-8\"?>\n<u k=\"\xc3\xa9\">"
+                                         "caf\xc3\xa9-01&#x4e2d;<\xe4\xb8\xad>1</\xe4\xb8\xad></u>");
+    ASSERT_TRUE(Load(Write("g.xml", "<?xml version=\"1.0\" encoding=\"GBK\"?>\n<g>\xd6\xd0" +
+                                        Include(u) + "</g>")));
+    EXPECT_TRUE(text(u"g") == value);
+    EXPECT_TRUE(text(u"g/u") == ZNRString(u"caf\u00e9-01\u4e2d") &&
+                attrs[ZNRString("k")] == ZNRString(u"\u00e9"));
+    EXPECT_TRUE(text(u"g/u/\u4e2d") == ZNRString("1"));
+    ASSERT_TRUE(Load(Write("t.xml", "<?xml version=\"1.0\" encoding=\"UTF-8\"?><t>\xe4\xb8\xad" +
+                                        Include(inc) + "</t>")));
+    EXPECT_TRUE(text(u"t") == value && text(u"t/inc") == value);
 }
 
 } // namespace

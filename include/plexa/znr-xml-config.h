@@ -21,7 +21,15 @@ class TiXmlNode;
 // searched recursively, in name order, for files ending in "." + ext (the
 // extension is compared without regard to case). The root element of an
 // included file is appended under the root element of the including file.
-// Include cycles and nesting deeper than 32 levels make Load fail.
+// Include cycles, nesting deeper than 32 levels and reading more files than
+// GetMaxLoadFiles() make Load fail.
+//
+// Text is decoded per file: as UTF-8 when the file's XML declaration says
+// encoding="UTF-8" (in any case), else as GBK (the locale "chs"), with or
+// without a declaration. An included file follows its own declaration.
+// Element names, text, attributes and include tags that the file's charset
+// cannot convert fail the load, with the file and row in the log, rather
+// than being cut. Results carry the locale "chs"; ToUtf8Str gives UTF-8.
 //
 // Failures return false and log the reason at error level. Queries may run
 // concurrently with each other, not with Load.
@@ -65,8 +73,15 @@ public:
     virtual bool GetAttr(ZNRString const& path, ZNRString const& name, ZNRString* value) const;
     // GetAttr, then the text as a number like GetInt.
     virtual bool GetAttrInt(ZNRString const& path, ZNRString const& name, int* value) const;
-    // Prints the whole tree, includes merged, to standard output.
+    // Prints the whole tree, includes merged, to standard output; each
+    // file's text as its bytes stand.
     virtual void Dump();
+
+    // The most files one Load may read, the named file included (that one is
+    // always read); default 10000. Process-wide, safe from any thread, taken
+    // up by the next Load.
+    static void SetMaxLoadFiles(unsigned int max_files);
+    static unsigned int GetMaxLoadFiles();
 
 private:
     bool InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRString const& file,
