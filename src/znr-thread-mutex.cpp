@@ -11,7 +11,11 @@ bool ZNRThreadMutex::Trylock() const { return mutex_.try_lock(); }
 void* ZNRThreadMutex::GetFd() { return &mutex_; }
 
 ZNRThreadRWMutex::ZNRThreadRWMutex()
-    : no_readers_(new ZNREvent(true, true)), readers_(0), mode_(MODE_NONE) {}
+    : no_readers_(new ZNREvent(true, true)),
+      readers_(0),
+      mode_(MODE_NONE),
+      writer_thread_(std::thread::id()),
+      write_depth_(0) {}
 
 ZNRThreadRWMutex::~ZNRThreadRWMutex() { delete no_readers_; }
 
@@ -23,12 +27,30 @@ void ZNRThreadRWMutex::AddReader() const {
     }
 }
 
+// Only this thread stores its own id, so a relaxed look is exact. Counting a
+// nested lock into the write keeps the reader count and the mode untouched,
+// so that the last Unlock still releases the writer mutex.
+bool ZNRThreadRWMutex::NestInWrite() const {
+    if (writer_thread_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return false;
+    ++write_depth_;
+    return true;
+}
+
+// Called with the writer mutex just taken and no readers.
+void ZNRThreadRWMutex::TakeWrite() const {
+    writer_thread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    write_depth_ = 1;
+    mode_.store(MODE_WRITE, std::memory_order_relaxed);
+}
+
 void ZNRThreadRWMutex::LockRead() const {
+    if (NestInWrite()) return;
     ZNRGuardLock guard(&writer_);
     AddReader();
 }
 
 void ZNRThreadRWMutex::LockWrite() const {
+    if (NestInWrite()) return;
     for (;;) {
         no_readers_->Wait(-1);
         writer_.Lock();
@@ -37,10 +59,11 @@ void ZNRThreadRWMutex::LockWrite() const {
         if (readers_ == 0) break;
         writer_.Unlock();
     }
-    mode_.store(MODE_WRITE, std::memory_order_relaxed);
+    TakeWrite();
 }
 
 bool ZNRThreadRWMutex::TrylockRead() const {
+    if (NestInWrite()) return true;
     if (!writer_.Trylock()) return false;
     AddReader();
     writer_.Unlock();
@@ -48,23 +71,26 @@ bool ZNRThreadRWMutex::TrylockRead() const {
 }
 
 bool ZNRThreadRWMutex::TrylockWrite() const {
+    if (NestInWrite()) return true;
     if (!no_readers_->Wait(0)) return false;
-    // A failed try leaves the mode alone: the holder of the writer mutex may
-    // be a reader on its way in, whose Unlock must still see read mode.
     if (!writer_.Trylock()) return false;
     if (readers_ != 0) {
         writer_.Unlock();
         return false;
     }
-    mode_.store(MODE_WRITE, std::memory_order_relaxed);
+    TakeWrite();
     return true;
 }
 
 void ZNRThreadRWMutex::Unlock() const {
-    if (mode_.load(std::memory_order_relaxed) != MODE_READ) {
-        writer_.Unlock();
+    if (writer_thread_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+        if (--write_depth_ == 0) {
+            writer_thread_.store(std::thread::id(), std::memory_order_relaxed);
+            writer_.Unlock();
+        }
         return;
     }
+    // Not the writer: a reader's unlock.
     ZNRGuardLock guard(&writer_);
     if (readers_ > 0 && --readers_ == 0) no_readers_->Set();
 }

@@ -133,6 +133,52 @@ TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
     EXPECT_EQ(kBoth, Others(rw));
 }
 
+TEST(ThreadRWMutex, WriterPastTheEventStillWaitsForAReaderThatSlipsIn) {
+    ZNRThreadRWMutex rw;
+    Holder first(rw, true);
+    first.WaitTaken();
+    // Both queue on the writer mutex, the reader first; the writer already saw no readers.
+    Holder reader(rw, false);
+    EXPECT_FALSE(reader.IsTaken());
+    Holder writer(rw, true);
+    EXPECT_FALSE(writer.IsTaken());
+    first.Release();
+    while (!reader.IsTaken() && !writer.IsTaken()) {}
+    Holder& in = reader.IsTaken() ? reader : writer;
+    Holder& out = &in == &reader ? writer : reader;
+    bool const both = out.IsTaken();
+    EXPECT_FALSE(both);
+    EXPECT_EQ(&in == &reader ? kReadOnly : kNone, Others(rw));
+    if (both) out.Release();  // so that the failure does not hang
+    in.Release();
+    out.WaitTaken();
+    out.Release();
+    EXPECT_EQ(kBoth, Others(rw));
+}
+
+TEST(ThreadRWMutex, OwnerNestsReadsAndWritesAndUnwindsThem) {
+    // Steps on this thread: R/W lock, r/w try (must succeed), u unlock. After each step, what
+    // another thread can take: '-' nothing, 'r' read only, 'b' both. A lock left held fails, never hangs.
+    struct Row { char const* steps; char const* others; } const rows[] = {
+        {"WRuu", "---b"}, {"WWuu", "---b"}, {"RRuu", "rrrb"}, {"WrRwWuuuuu", "---------b"},
+        {"WRuRuu", "-----b"}, {"RuWRuu", "rb---b"}};
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.steps);
+        ZNRThreadRWMutex rw;
+        for (int i = 0; row.steps[i] != '\0'; ++i) {
+            switch (row.steps[i]) {
+            case 'R': rw.LockRead(); break;
+            case 'W': rw.LockWrite(); break;
+            case 'r': ASSERT_TRUE(rw.TrylockRead()); break;
+            case 'w': ASSERT_TRUE(rw.TrylockWrite()); break;
+            default: rw.Unlock();
+            }
+            Access const a = Others(rw);
+            ASSERT_EQ(row.others[i], a == kNone ? '-' : a == kReadOnly ? 'r' : a == kBoth ? 'b' : '?') << i;
+        }
+    }
+}
+
 TEST(ThreadCond, TimeoutAndConditionAlreadyTrue) {
     ZNRThreadMutex m;
     TestCond cond;

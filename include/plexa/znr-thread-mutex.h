@@ -4,7 +4,9 @@
 #include <plexa/znr-export.h>
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
+#include <thread>
 
 class ZNREvent;
 
@@ -27,6 +29,9 @@ private:
 
 // Reader-preferring reader/writer lock: readers share the lock, a writer
 // waits until no reader holds it and then keeps the writer mutex.
+// Re-entrant: a reader may read again, and the writer may read or write
+// again (counted as part of its write); each lock needs its own Unlock.
+// A reader that asks to write waits for itself forever.
 class ZNR_API ZNRThreadRWMutex {
 public:
     enum Mode_t { MODE_NONE = 0, MODE_READ = 1, MODE_WRITE = 2 };
@@ -44,11 +49,18 @@ public:
 
 private:
     void AddReader() const;
+    bool NestInWrite() const;
+    void TakeWrite() const;
 
     ZNREvent* no_readers_;
     ZNRThreadMutex writer_;
     mutable std::uint32_t readers_;
+    // The last mode taken, for diagnostics: Unlock goes by the writer's thread,
+    // since a mode shared by all threads cannot tell whose lock is released.
     mutable std::atomic<unsigned char> mode_;
+    // The writer's thread, and its locks still to undo (guarded by the writer mutex).
+    mutable std::atomic<std::thread::id> writer_thread_;
+    mutable std::uint32_t write_depth_;
 };
 
 class ZNR_API ZNRGuardLock {
