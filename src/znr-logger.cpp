@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <optional>
 
 template class ZNRSingleton<ZNRLogger>;
 
@@ -47,7 +48,12 @@ bool IsIdentChar(char c) {
 
 ZNRLogger::ZNRLogger() : mask_(0), buffer_(nullptr) {}
 
-ZNRLogger::~ZNRLogger() { delete[] buffer_; }
+ZNRLogger::~ZNRLogger() {
+    // Writers left registered outlive the logger and its lock.
+    for (ZNRLoggerWriterBase* writer : *writers_)
+        writer->logger_lock_.store(nullptr, std::memory_order_release);
+    delete[] buffer_;
+}
 
 char const* ZNRLogger::GetLevelName(unsigned int level) {
     static char const* const names[65] = {
@@ -101,12 +107,16 @@ unsigned char ZNRLogger::Unmask(unsigned char levels) {
 void ZNRLogger::RegisterWriter(ZNRLoggerWriterBase* writer) {
     if (writer == nullptr) return;
     ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
+    writer->logger_lock_.store(&lock_, std::memory_order_release);
     writers_->push_back(writer);
 }
 
 void ZNRLogger::UnregisterAllWriters() {
     ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
-    for (ZNRLoggerWriterBase* writer : *writers_) writer->Destroy();
+    for (ZNRLoggerWriterBase* writer : *writers_) {
+        writer->logger_lock_.store(nullptr, std::memory_order_release);
+        writer->Destroy();
+    }
     writers_->clear();
 }
 
@@ -153,6 +163,8 @@ void ZNRNormalLoggerWriter::Destroy() { delete this; }
 std::uint64_t ZNRNormalLoggerWriter::SetOption(unsigned int id, void const* value, unsigned int size) {
     if (id > OPT_FILE_NAME) return ZNRUserError(2);
     if (value == nullptr) return ZNRCrtError(EINVAL);
+    std::optional<ZNRGuardSpinLock> guard;
+    if (ZNRThreadMutex const* lock = LoggerLock()) guard.emplace(lock, __FILE__, __LINE__);
     switch (id) {
     case OPT_DIRECTORY: {
         delete[] directory_;
@@ -180,6 +192,8 @@ std::uint64_t ZNRNormalLoggerWriter::SetOption(unsigned int id, void const* valu
 std::uint64_t ZNRNormalLoggerWriter::GetOption(unsigned int id, void* value, unsigned int size) {
     if (id > OPT_FILE_NAME) return ZNRUserError(2);
     if (value == nullptr) return ZNRCrtError(EINVAL);
+    std::optional<ZNRGuardSpinLock> guard;
+    if (ZNRThreadMutex const* lock = LoggerLock()) guard.emplace(lock, __FILE__, __LINE__);
     switch (id) {
     case OPT_DIRECTORY:
         return GetTextOption(directory_ != nullptr ? directory_ : kDefaultDirectory, value, size);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -220,7 +221,7 @@ TEST_F(LoggerTest, WriterOptionsDefaultsAndUnknownIds) {
 TEST_F(LoggerTest, WriterAppendsLinesAndRotatesToNumberedFiles) {
     std::string const live = dir_ + "/r.log";
     { std::ofstream(live + ".2") << "old\n"; }  // taken before the writer starts: rotation skips it
-    ZNRNormalLoggerWriter* writer = NewWriter(dir_, "r.log", 100, 0);
+    ZNRNormalLoggerWriter* writer = NewWriter(dir_, "r.log", 116, 0);
     std::int64_t const t = LocalTime(2024, 3, 5, 7, 8, 9);
     std::vector<std::string> expected;
     for (int i = 0; i < 7; ++i) {
@@ -230,7 +231,7 @@ TEST_F(LoggerTest, WriterAppendsLinesAndRotatesToNumberedFiles) {
         ASSERT_EQ(58u, expected.back().size());
         writer->OnWrite(&entry);
     }
-    // Two lines (116 bytes) fill a file; the third write moves it away.
+    // Two lines (116 bytes) exactly fill a file; the third write moves it away.
     EXPECT_EQ(expected[0] + expected[1], ReadFile(live + ".0"));
     EXPECT_EQ(expected[2] + expected[3], ReadFile(live + ".1"));
     EXPECT_EQ("old\n", ReadFile(live + ".2"));
@@ -247,7 +248,8 @@ TEST_F(LoggerTest, WriterAppendsLinesAndRotatesToNumberedFiles) {
     EXPECT_NE(0, access((other + "/x.log").c_str(), F_OK));
     writer->Destroy();
 
-    // A new writer counts the live file's size: it appends once, then rotates to the next free index.
+    // A new writer counts the live file's size: it appends once, past the maximum, then rotates
+    // to the next free index.
     writer = NewWriter(dir_, "r.log", 100, 0);
     writer->OnWrite(&entry);
     writer->OnWrite(&entry);
@@ -291,6 +293,24 @@ TEST_F(LoggerTest, WriterEchoesToTheConsoleAndReportsUnopenableFiles) {
                              "privious was opened failed!\n";
     EXPECT_EQ(once + once, testing::internal::GetCapturedStderr());
     writer->Destroy();
+}
+
+TEST_F(LoggerTest, RegisteredWriterTakesOptionsWhileAnotherThreadLogs) {
+    ZNRNormalLoggerWriter* writer = NewWriter(dir_, "s.log", 1000000, 0);
+    logger_->RegisterWriter(writer);
+    std::atomic<bool> done{false};
+    std::thread logging([&] {
+        for (int i = 0; i < 300; ++i) Write(ZNRLogger::LOGL_INFO, "line");
+        done = true;
+    });
+    for (std::uint32_t size = 1000000; !done; size ^= 1) {
+        char name[8];
+        EXPECT_EQ(0u, writer->SetOption(1, &size, sizeof size) | SetText(writer, 3, "s.log") |
+                          writer->GetOption(3, name, sizeof name));
+    }
+    logging.join();
+    std::string const file = ReadFile(dir_ + "/s.log");
+    EXPECT_EQ(300, std::count(file.begin(), file.end(), '\n'));
 }
 
 TEST_F(LoggerTest, ConcurrentWritersSeeWholeMessages) {

@@ -6,6 +6,7 @@
 #include <plexa/znr-stl-adapter.h>
 #include <plexa/znr-thread-mutex.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <list>
@@ -28,12 +29,22 @@ struct ZNR_API ZNRLoggerEntry {
 class ZNR_API ZNRLoggerWriterBase {
 public:
     virtual void OnWrite(ZNRLoggerEntry const* entry) = 0;
+    // May be called at any time, also while the writer is registered and
+    // another thread logs.
     virtual std::uint64_t SetOption(unsigned int id, void const* value, unsigned int size) = 0;
     virtual std::uint64_t GetOption(unsigned int id, void* value, unsigned int size) = 0;
     virtual void Destroy() = 0;
 
 protected:
     virtual ~ZNRLoggerWriterBase() {}
+    // The lock of the logger this writer is registered with, null before.
+    // The logger calls OnWrite under it, so options that OnWrite reads
+    // change under it too.
+    ZNRThreadMutex const* LoggerLock() const { return logger_lock_.load(std::memory_order_acquire); }
+
+private:
+    friend class ZNRLogger;
+    std::atomic<ZNRThreadMutex const*> logger_lock_{nullptr};
 };
 
 class ZNR_API ZNRLogger {
