@@ -30,14 +30,6 @@ TEST(ErrorMsg, TextsOfEveryKind) {
     EXPECT_EQ("", MsgOf(ZNR_ERROR_FAILED_ID));
 }
 
-TEST(Init, ReturnsZeroEveryTimeAndVersionIsDotted) {
-    EXPECT_EQ(0u, ZNRInit());
-    EXPECT_EQ(0u, ZNRInit());
-    ASSERT_NE(nullptr, ZNRGetVersion());
-    EXPECT_TRUE(testing::internal::RE::FullMatch(ZNRGetVersion(), "[0-9]+\\.[0-9]+\\.[0-9]+"))
-        << ZNRGetVersion();
-}
-
 TEST(Assert, LogAssertPrintsAndReturnsTrueAssertIsSilent) {
     testing::internal::CaptureStderr();
     ZNRLogAssert("x > 0", "src/a.cpp", 42, "Worker::Run");
