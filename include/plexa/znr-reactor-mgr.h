@@ -1,0 +1,505 @@
+#ifndef PLEXA_ZNR_REACTOR_MGR_H
+#define PLEXA_ZNR_REACTOR_MGR_H
+
+#include <plexa/znr-device.h>
+#include <plexa/znr-error.h>
+#include <plexa/znr-export.h>
+#include <plexa/znr-id-allocator.h>
+#include <plexa/znr-logger.h>
+#include <plexa/znr-reactor-iocp.h>
+#include <plexa/znr-singleton.h>
+#include <plexa/znr-stl-adapter.h>
+#include <plexa/znr-string.h>
+#include <plexa/znr-thread-mutex.h>
+#include <plexa/znr-thread.h>
+#include <plexa/znr-timer.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <list>
+#include <map>
+#include <string>
+
+// The thread a reactor manager runs one reactor's loop on.
+class ZNR_API ZNRReactorThread : public ZNRThread {
+public:
+    ZNRReactorThread(std::uint64_t reactor_id, void* user_data);
+
+    std::uint64_t GetReactorId() const { return reactor_id_; }
+    void* GetUserData() const { return user_data_; }
+    // Deletes the object; the thread itself is neither stopped nor joined.
+    virtual void Destroy();
+
+protected:
+    ~ZNRReactorThread() override;
+
+private:
+    std::uint64_t reactor_id_;
+    void* user_data_;
+};
+
+// Log lines name the functions as the library's one instantiation.
+#define PLEXA_REACTOR_MGR_FUNCTION(name) \
+    "ZNRReactorMgr_T<class ZNRReactorIOCP,class ZNRTimerMgr,class ZNRReactorThread>::" name
+
+// Creates reactors, runs each on the caller's thread (Start) or on a thread
+// of its own (StartThread), and routes calls to them by a 64-bit id under a
+// reader/writer lock. R is the reactor, T its timer manager, TH the thread.
+//
+// Routing calls hold the read lock while the reactor runs them, so nothing
+// a reactor calls back may wait for a writer of the manager.
+//
+// An id that names no reactor is refused: Start, StartThread and Stop
+// return library error 30, IsRunInCurrentThread false, and Wait, Remove
+// and Destroy do nothing.
+//
+// Only a thread made by StartThread is ever stopped, joined or deleted
+// here; the creating thread recorded by New is only compared with the
+// caller. A reactor whose loop runs where the remover cannot join it (its
+// own loop: a task, a handler, OnThreadStopped; or a loop of Start on
+// another thread) is taken out of the table at once, asked to stop, and
+// destroyed by that loop once Open has returned; such a reactor thread is
+// joined by the next RemoveAll or by the destructor.
+template <class R, class T, class TH>
+class ZNR_API ZNRReactorMgr_T {
+public:
+    struct ReactorWrap {
+        // Whether a loop (Start or the reactor thread) is inside Open, and
+        // whether that loop must destroy the reactor when Open returns.
+        enum Loop_t { LOOP_IDLE = 0, LOOP_RUNNING = 1, LOOP_DETACHED = 2 };
+
+        std::uint64_t id = 0xFFFFFFFFFFFFFFFFULL;
+        R* reactor = nullptr;
+        ZNRThread* thread = nullptr;
+        bool own_thread = false;
+        std::atomic<int> loop{LOOP_IDLE};
+    };
+
+    // Runs one reactor's loop on its reactor thread.
+    class ReactorThreadRunable : public ZNRThreadRunable {
+    public:
+        ReactorThreadRunable(ZNRReactorMgr_T* mgr, ReactorWrap* wrap) : mgr_(mgr), wrap_(wrap) {}
+
+        void Run(ZNRThread* thread) override {
+            TH* const reactor_thread = static_cast<TH*>(thread);
+            std::uint64_t const error = wrap_->reactor->Open();
+            mgr_->OnThreadStopped(reactor_thread->GetReactorId(), thread, error);
+            mgr_->EndLoop(wrap_);
+        }
+        void Destroy() override { delete this; }
+
+    protected:
+        ~ReactorThreadRunable() override {}
+
+    private:
+        ZNRReactorMgr_T* mgr_;
+        ReactorWrap* wrap_;
+    };
+
+    ZNRReactorMgr_T() = default;
+    ZNRReactorMgr_T(ZNRReactorMgr_T const&) = delete;
+    ZNRReactorMgr_T& operator=(ZNRReactorMgr_T const&) = delete;
+
+    // Frees the table; stops and destroys no reactor (RemoveAll does). Joins
+    // the threads of reactors removed from inside their own loops.
+    virtual ~ZNRReactorMgr_T() {
+        for (auto& entry : *table_) delete entry.second;
+        ReapThreads();
+    }
+
+    // Any thread. Creates and initialises a reactor bound to the calling
+    // thread, not started; all ones with *error set when Init fails.
+    virtual std::uint64_t New(std::uint64_t* error) {
+        T* const timer_mgr = OnCreateTimerMgr();
+        OnTimerMgrCreated(timer_mgr);
+        R* const reactor = OnCreateReactor(timer_mgr);
+        OnReactorCreated(reactor);
+        std::uint64_t const rc = reactor->Init();
+        if (rc != 0) {
+            if (error != nullptr) *error = rc;
+            reactor->Destroy();
+            return 0xFFFFFFFFFFFFFFFFULL;
+        }
+        ReactorWrap* const wrap = new ReactorWrap();
+        wrap->reactor = reactor;
+        wrap->thread = ZNRThreadMgr::Instance()->GetCurrent();
+        ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
+        id_allocator_.AllocNumId(&wrap->id);
+        (*table_)[wrap->id] = wrap;
+        return wrap->id;
+    }
+
+    // Any thread. Runs the loop on the calling thread until it ends and
+    // returns its result; EBUSY when the reactor already runs.
+    virtual std::uint64_t Start(std::uint64_t id) {
+        ReactorWrap* wrap = nullptr;
+        {
+            ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+            wrap = Find(id);
+            if (wrap == nullptr) return ZNRUserError(30);
+            if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
+        }
+        std::uint64_t const error = wrap->reactor->Open();
+        EndLoop(wrap);
+        return error;
+    }
+
+    // Any thread. Runs the loop on a new reactor thread named name; EBUSY
+    // when the reactor already runs.
+    virtual std::uint64_t StartThread(std::uint64_t id, ZNRString const& name, void* user_data) {
+        ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(id);
+        if (wrap == nullptr) return ZNRUserError(30);
+        if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
+        TH* const thread = OnCreateThread(id, user_data);
+        OnThreadCreated(thread);
+        wrap->thread = thread;
+        wrap->own_thread = true;
+        thread->SetName(name);
+        ReactorThreadRunable* const runable = new ReactorThreadRunable(this, wrap);
+        std::uint64_t const error = thread->Start(runable);
+        if (error != 0) {
+            runable->Destroy();
+            thread->Destroy();
+            wrap->thread = nullptr;
+            wrap->own_thread = false;
+            wrap->loop = ReactorWrap::LOOP_IDLE;
+        }
+        return error;
+    }
+
+    // Any thread. Whether the reactor's thread (the creating thread until
+    // StartThread) is the caller.
+    virtual bool IsRunInCurrentThread(std::uint64_t id) {
+        ZNRThread* const current = ZNRThreadMgr::Instance()->GetCurrent();
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(id);
+        return wrap != nullptr && wrap->thread == current;
+    }
+
+    // Any thread. The smallest reactor id, or a new unstarted reactor when
+    // there is none.
+    virtual std::uint64_t GetDefault(std::uint64_t* error) {
+        {
+            ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+            if (!table_->empty()) return table_->begin()->first;
+        }
+        return New(error);
+    }
+
+    // Any thread. Stops the reactor (a reactor thread is joined unless it is
+    // the caller) and destroys it; see the class comment for the caller's
+    // own loop.
+    virtual void Remove(std::uint64_t id) { RemoveOne(id, ZNRThreadMgr::Instance()->GetCurrent()); }
+
+    // Any thread. Destroys a reactor whose loop has ended, without stop or
+    // join; a loop still running is asked to stop and destroys it itself.
+    virtual void Destroy(std::uint64_t id) {
+        if (ReactorWrap* const wrap = Take(id)) Release(wrap);
+    }
+
+    // Any thread but the reactor's own. Joins the reactor thread (holding
+    // the read lock); nothing for a reactor without one.
+    virtual void Wait(std::uint64_t id) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(id);
+        if (wrap != nullptr && wrap->own_thread) wrap->thread->Join(nullptr);
+    }
+
+    // Any thread. Asks the reactor to stop; does not wait.
+    virtual std::uint64_t Stop(std::uint64_t id) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(id);
+        if (wrap == nullptr) return ZNRUserError(30);
+        return wrap->reactor->Stop();
+    }
+
+    // Any thread; the shutdown call. Removes every reactor in id order.
+    virtual void RemoveAll() {
+        ZNRThread* const current = ZNRThreadMgr::Instance()->GetCurrent();
+        for (;;) {
+            std::uint64_t id = 0;
+            {
+                ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+                if (table_->empty()) break;
+                id = table_->begin()->first;
+            }
+            RemoveOne(id, current);
+        }
+        ReapThreads();
+    }
+
+    // Routing: any thread for tasks, notifies, timers and sends; the
+    // reactor's thread for RegisterDevice and UnregisterDevice (before
+    // Start: the thread that will run it). Unknown reactor: logged, library
+    // error 30 (RegisterDevice: in *error, all ones returned; RegisterTimer:
+    // 30 returned in place of the timer id, *error untouched).
+    virtual std::uint64_t RegisterDevice(std::uint64_t reactor_id, ZNRDevice* device,
+                                         ZNRDeviceHandler* handler, std::uint64_t* error,
+                                         int recv_buff_max_size, int recv_buff_grow_size,
+                                         int send_buff_max_size, unsigned int timeout) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("RegisterDevice"))(
+                "Can not register device to reactor, reactor not found, reactor id=%llu, "
+                "device desc=\"%s\"",
+                static_cast<unsigned long long>(reactor_id),
+                device != nullptr ? device->GetDescInfo().ToStdCStr().c_str() : "");
+            if (error != nullptr) *error = ZNRUserError(30);
+            return 0xFFFFFFFFFFFFFFFFULL;
+        }
+        return wrap->reactor->RegisterDevice(device, handler, error, recv_buff_max_size,
+                                             recv_buff_grow_size, send_buff_max_size, timeout);
+    }
+
+    virtual std::uint64_t UnregisterDevice(std::uint64_t reactor_id, std::uint64_t device_id) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("UnregisterDevice"))(
+                "Can not unregister device from reactor, reactor not found, reactor id=%llu, "
+                "device id=%llu",
+                static_cast<unsigned long long>(reactor_id),
+                static_cast<unsigned long long>(device_id));
+            return ZNRUserError(30);
+        }
+        return wrap->reactor->UnregisterDevice(device_id);
+    }
+
+    virtual std::uint64_t RegisterTask(std::uint64_t reactor_id, ZNRReactorTask* task) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("RegisterTask"))(
+                "Can not register task to reactor, reactor not found, reactor id=%llu",
+                static_cast<unsigned long long>(reactor_id));
+            return ZNRUserError(30);
+        }
+        return wrap->reactor->RegisterTask(task);
+    }
+
+    virtual std::uint64_t RegisterBeginStopNotify(std::uint64_t reactor_id,
+                                                  ZNRReactorStopNotify* notify) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("RegisterBeginStopNotify"))(
+                "Can not register begin stop notify to reactor, reactor not found, reactor id=%llu",
+                static_cast<unsigned long long>(reactor_id));
+            return ZNRUserError(30);
+        }
+        wrap->reactor->RegisterBeginStopNotify(notify);
+        return 0;
+    }
+
+    virtual std::uint64_t RegisterEndStopNotify(std::uint64_t reactor_id,
+                                                ZNRReactorStopNotify* notify) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("RegisterEndStopNotify"))(
+                "Can not register end stop notify to reactor, reactor not found, reactor id=%llu",
+                static_cast<unsigned long long>(reactor_id));
+            return ZNRUserError(30);
+        }
+        wrap->reactor->RegisterEndStopNotify(notify);
+        return 0;
+    }
+
+    virtual std::uint64_t RegisterTimer(std::uint64_t reactor_id, ZNRTimer* timer,
+                                        std::uint64_t* error) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("RegisterTimer"))(
+                "Can not register timer to reactor, reactor not found, reactor id=%llu",
+                static_cast<unsigned long long>(reactor_id));
+            return ZNRUserError(30);
+        }
+        return wrap->reactor->RegisterTimer(timer, error);
+    }
+
+    virtual std::uint64_t UnregisterTimer(std::uint64_t reactor_id, std::uint64_t timer_id) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("UnregisterTimer"))(
+                "Can not unregister timer from reactor, reactor not found, reactor id=%llu "
+                "timer id=%llu",
+                static_cast<unsigned long long>(reactor_id),
+                static_cast<unsigned long long>(timer_id));
+            return ZNRUserError(30);
+        }
+        return wrap->reactor->UnregisterTimer(timer_id);
+    }
+
+    virtual std::uint64_t SendData(std::uint64_t reactor_id, std::uint64_t device_id,
+                                   unsigned char const* data, int size) {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        ReactorWrap* const wrap = Find(reactor_id);
+        if (wrap == nullptr) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("SendData"))(
+                "Can not send data to reactor device, reactor not found, reactor id=%llu "
+                "device id=%llu",
+                static_cast<unsigned long long>(reactor_id),
+                static_cast<unsigned long long>(device_id));
+            return ZNRUserError(30);
+        }
+        return wrap->reactor->SendData(device_id, data, size);
+    }
+
+    // Any thread.
+    virtual unsigned int GetCount() const {
+        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+        return static_cast<unsigned int>(table_->size());
+    }
+
+    // On the reactor thread, once its loop has ended. Logs; the reactor
+    // stays in the table.
+    virtual void OnThreadStopped(std::uint64_t reactor_id, ZNRThread* thread, std::uint64_t error) {
+        std::string const name = thread->GetName().ToStdCStr();
+        if (error == 0) {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_INFO, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("OnThreadStopped"))(
+                "Reactor thread has stopped, id=%llu thread name=\"%s\"",
+                static_cast<unsigned long long>(reactor_id), name.c_str());
+        } else {
+            ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
+                                 PLEXA_REACTOR_MGR_FUNCTION("OnThreadStopped"))(
+                "Reactor thread has stopped, id=%llu thread name=\"%s\" error=\"%s\"",
+                static_cast<unsigned long long>(reactor_id), name.c_str(),
+                ZNRGetErrorText(error).c_str());
+        }
+    }
+
+protected:
+    // Factory hooks, called by New and StartThread on the caller's thread.
+    virtual R* OnCreateReactor(T* timer_mgr) { return new R(timer_mgr); }
+    virtual void OnReactorCreated(R*) {}
+    virtual T* OnCreateTimerMgr() { return new T(); }
+    virtual void OnTimerMgrCreated(T*) {}
+    virtual TH* OnCreateThread(std::uint64_t reactor_id, void* user_data) {
+        return new TH(reactor_id, user_data);
+    }
+    virtual void OnThreadCreated(TH*) {}
+
+private:
+    typedef std::map<std::uint64_t, ReactorWrap*> ReactorMap;
+
+    ReactorWrap* Find(std::uint64_t id) const {
+        auto const it = table_->find(id);
+        return it == table_->end() ? nullptr : it->second;
+    }
+
+    static bool BeginLoop(ReactorWrap* wrap) {
+        int idle = ReactorWrap::LOOP_IDLE;
+        return wrap->loop.compare_exchange_strong(idle, ReactorWrap::LOOP_RUNNING);
+    }
+
+    // On the loop's thread once Open has returned: the reactor is the
+    // loop's to destroy when it was removed meanwhile.
+    static void EndLoop(ReactorWrap* wrap) {
+        int running = ReactorWrap::LOOP_RUNNING;
+        if (wrap->loop.compare_exchange_strong(running, ReactorWrap::LOOP_IDLE)) return;
+        wrap->reactor->Destroy();
+        delete wrap;
+    }
+
+    // The join happens under the read lock, so that reactor threads may
+    // still route calls through the manager while they wind down; the
+    // reactor is destroyed outside any lock, as its handlers may call in.
+    void RemoveOne(std::uint64_t id, ZNRThread* current) {
+        {
+            ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+            ReactorWrap* const wrap = Find(id);
+            if (wrap == nullptr) return;
+            if (wrap->own_thread && wrap->thread != current) StopAndJoin(wrap);
+        }
+        if (ReactorWrap* const wrap = Take(id)) Release(wrap);
+    }
+
+    ReactorWrap* Take(std::uint64_t id) {
+        ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
+        auto const it = table_->find(id);
+        if (it == table_->end()) return nullptr;
+        ReactorWrap* const wrap = it->second;
+        table_->erase(it);
+        return wrap;
+    }
+
+    // The stop is skipped for a loop that has already ended, which would
+    // refuse it with an error line.
+    static void StopAndJoin(ReactorWrap* wrap) {
+        if (!wrap->reactor->IsStopped()) wrap->reactor->Stop();
+        wrap->thread->Join(nullptr);
+    }
+
+    // With the entry out of the table: destroys the reactor, its thread and
+    // the wrap, or hands them to a loop that is still running.
+    void Release(ReactorWrap* wrap) {
+        // Read before the hand-over, after which the loop may free the wrap.
+        TH* const own = wrap->own_thread ? static_cast<TH*>(wrap->thread) : nullptr;
+        R* const reactor = wrap->reactor;
+        if (wrap->loop.load() == ReactorWrap::LOOP_RUNNING && !reactor->IsStopped()) reactor->Stop();
+        int running = ReactorWrap::LOOP_RUNNING;
+        if (wrap->loop.compare_exchange_strong(running, ReactorWrap::LOOP_DETACHED)) {
+            if (own != nullptr) {
+                // Joined by the next RemoveAll (or the destructor), so that
+                // nothing outlives the manager.
+                ZNRGuardLock guard(&reap_lock_);
+                reap_->push_back(own);
+            }
+            return;
+        }
+        if (own != nullptr) own->Destroy();
+        reactor->Destroy();
+        delete wrap;
+    }
+
+    // Joins and deletes the threads of reactors removed from inside their
+    // own loops; the caller's own thread stays for a later call.
+    void ReapThreads() {
+        ZNRStlAdapter<std::list<TH*>> threads;
+        {
+            ZNRGuardLock guard(&reap_lock_);
+            if (reap_->empty()) return;
+            threads->swap(*reap_);
+            ZNRThread* const current = ZNRThreadMgr::Instance()->GetCurrent();
+            auto const self = std::find(threads->begin(), threads->end(), current);
+            if (self != threads->end()) {
+                reap_->push_back(*self);
+                threads->erase(self);
+            }
+        }
+        for (TH* thread : *threads) {
+            thread->Join(nullptr);
+            thread->Destroy();
+        }
+    }
+
+    ZNRStlAdapter<ReactorMap> table_;
+    ZNRThreadRWMutex lock_;
+    ZNRIdAllocator id_allocator_;
+    // Threads of reactors destroyed by their own loop, still to be joined.
+    ZNRStlAdapter<std::list<TH*>> reap_;
+    ZNRThreadMutex reap_lock_;
+};
+
+#undef PLEXA_REACTOR_MGR_FUNCTION
+
+typedef ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread> ZNRReactorMgr;
+
+extern template class ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>;
+extern template class ZNRSingleton<ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>>;
+
+#endif

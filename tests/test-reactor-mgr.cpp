@@ -1,0 +1,292 @@
+#include "log-capture.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+
+namespace {
+
+std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
+std::uint64_t const kNotFound = 0x8000000100000000ULL | 30;
+std::string const kFn = "ZNRReactorMgr_T<class ZNRReactorIOCP,class ZNRTimerMgr,class ZNRReactorThread>::";
+
+// What reactor threads did, in order, readable from the test thread.
+class Journal {
+public:
+    void Add(std::string const& entry) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        entries_.push_back(entry);
+        cond_.notify_all();
+    }
+    // Waits up to five seconds for n entries.
+    bool WaitCount(std::size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cond_.wait_for(lock, std::chrono::seconds(5), [&] { return entries_.size() >= n; });
+    }
+    std::vector<std::string> Get() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return entries_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cond_;
+    std::vector<std::string> entries_;
+};
+
+class Task : public ZNRReactorTask {
+public:
+    explicit Task(std::function<void()> fn) : fn_(std::move(fn)) {}
+    bool Run() override {
+        fn_();
+        return false;
+    }
+    void Cancel() override {}
+    void Destroy() override { delete this; }
+
+private:
+    std::function<void()> fn_;
+};
+
+class Notify : public ZNRReactorStopNotify {
+public:
+    explicit Notify(std::function<void()> fn) : fn_(std::move(fn)) {}
+    void OnStop(ZNRReactor*) override { fn_(); }
+    void Destroy() override { delete this; }
+
+private:
+    std::function<void()> fn_;
+};
+
+class NoTimer : public ZNRTimer {
+public:
+    NoTimer() : ZNRTimer(1000, 1, nullptr) {}
+    bool OnExpires(std::uint64_t) override { return false; }
+    void OnReset() override {}
+    void OnClose() override {}
+    void Destroy() override { delete this; }
+};
+
+// Each reactor's timer manager tells the journal when its reactor is gone.
+class Mgr : public ZNRReactorMgr {
+public:
+    explicit Mgr(Journal* j) : j_(j) {}
+    ~Mgr() override { RemoveAll(); }
+
+protected:
+    class Timers : public ZNRTimerMgr {
+    public:
+        Timers(Journal* j, int n) : j_(j), n_(n) {}
+        void Destroy() override {
+            j_->Add("destroyed " + std::to_string(n_));
+            ZNRTimerMgr::Destroy();
+        }
+
+    private:
+        Journal* j_;
+        int n_;
+    };
+    ZNRTimerMgr* OnCreateTimerMgr() override { return new Timers(j_, ++made_); }
+
+private:
+    Journal* j_;
+    int made_ = 0;
+};
+
+std::string ThreadName() {
+    char buf[32] = {};
+    pthread_getname_np(pthread_self(), buf, sizeof buf);
+    return buf;
+}
+
+class ReactorMgr : public LogCaptureTest {
+protected:
+    Journal j_;
+    Mgr mgr_{&j_};
+};
+
+}  // namespace
+
+TEST_F(ReactorMgr, IdsCountFromOneAndDefaultIsTheSmallest) {
+    std::uint64_t err = 0;
+    EXPECT_EQ(1u, mgr_.New(&err));
+    EXPECT_EQ(2u, mgr_.New(&err));
+    EXPECT_EQ(0u, err);
+
+    // Empty table: a new reactor, not started (so Start can run it).
+    Mgr fresh(&j_);
+    std::uint64_t const id = fresh.GetDefault(&err);
+    EXPECT_EQ(1u, id);
+    EXPECT_EQ(1u, fresh.GetCount());
+    EXPECT_TRUE(fresh.IsRunInCurrentThread(id));
+    ASSERT_EQ(0u, fresh.Stop(id));
+    EXPECT_EQ(0u, fresh.Start(id));
+
+    for (int i = 3; i <= 5; ++i) mgr_.New(&err);
+    mgr_.Remove(1);
+    mgr_.Remove(2);
+    mgr_.Remove(4);
+    EXPECT_EQ(3u, mgr_.GetDefault(&err));
+    EXPECT_EQ(2u, mgr_.GetCount());
+
+    ZNRReactorMgr* const single = ZNRSingleton<ZNRReactorMgr>::Instance();
+    EXPECT_EQ(single, ZNRSingleton<ZNRReactorMgr>::Instance());
+    EXPECT_EQ(1u, single->New(&err));
+    single->RemoveAll();
+    EXPECT_EQ(0u, single->GetCount());
+    ZNRSingleton<ZNRReactorMgr>::Destroy();
+}
+
+TEST_F(ReactorMgr, UnknownIdsAreRefused) {
+    std::uint64_t const id = 77;
+    ZNRDevice* device = new ZNRFakeDevice();
+    ZNRDeviceHandler* handler = new ZNRDeviceHandler();
+    ZNRReactorTask* task = new Task([] {});
+    ZNRReactorStopNotify* notify = new Notify([] {});
+    ZNRTimer* timer = new NoTimer();
+    std::uint64_t err = 0;
+    struct Row {
+        std::function<std::uint64_t()> call;
+        std::uint64_t result;
+        std::string function;
+        std::string message;
+    };
+    Row const rows[] = {
+        {[&] { return mgr_.RegisterDevice(id, device, handler, &err, 4096, 512, 4096, 0xFFFFFFFF); },
+         kNoId, "RegisterDevice",
+         "Can not register device to reactor, reactor not found, reactor id=77, device desc=\"Fake device\""},
+        {[&] { return mgr_.UnregisterDevice(id, 0x100000002ULL); }, kNotFound, "UnregisterDevice",
+         "Can not unregister device from reactor, reactor not found, reactor id=77, device id=4294967298"},
+        {[&] { return mgr_.RegisterTask(id, task); }, kNotFound, "RegisterTask",
+         "Can not register task to reactor, reactor not found, reactor id=77"},
+        {[&] { return mgr_.RegisterBeginStopNotify(id, notify); }, kNotFound, "RegisterBeginStopNotify",
+         "Can not register begin stop notify to reactor, reactor not found, reactor id=77"},
+        {[&] { return mgr_.RegisterEndStopNotify(id, notify); }, kNotFound, "RegisterEndStopNotify",
+         "Can not register end stop notify to reactor, reactor not found, reactor id=77"},
+        {[&] { return mgr_.RegisterTimer(id, timer, &err); }, kNotFound, "RegisterTimer",
+         "Can not register timer to reactor, reactor not found, reactor id=77"},
+        {[&] { return mgr_.UnregisterTimer(id, 5); }, kNotFound, "UnregisterTimer",
+         "Can not unregister timer from reactor, reactor not found, reactor id=77 timer id=5"},
+        {[&] { return mgr_.SendData(id, 9, nullptr, 0); }, kNotFound, "SendData",
+         "Can not send data to reactor device, reactor not found, reactor id=77 device id=9"},
+    };
+    for (Row const& row : rows) {
+        logs_.clear();
+        err = 0;
+        EXPECT_EQ(row.result, row.call()) << row.function;
+        ASSERT_EQ(1u, logs_.size()) << row.function;
+        EXPECT_EQ(ZNRLogger::LOGL_ERROR, logs_[0].level);
+        EXPECT_EQ(kFn + row.function, logs_[0].function);
+        EXPECT_EQ(row.message, logs_[0].message);
+        EXPECT_EQ(row.function == "RegisterDevice" ? kNotFound : 0u, err) << row.function;
+    }
+    // Refused objects stay the caller's.
+    device->Destroy();
+    handler->Destroy();
+    task->Destroy();
+    notify->Destroy();
+    timer->Destroy();
+
+    // Lifecycle calls on an unknown id neither crash nor log.
+    logs_.clear();
+    mgr_.New(&err);
+    EXPECT_EQ(kNotFound, mgr_.Start(id));
+    EXPECT_EQ(kNotFound, mgr_.StartThread(id, ZNRString("x"), nullptr));
+    EXPECT_EQ(kNotFound, mgr_.Stop(id));
+    EXPECT_FALSE(mgr_.IsRunInCurrentThread(id));
+    mgr_.Wait(id);
+    mgr_.Remove(id);
+    mgr_.Destroy(id);
+    EXPECT_EQ(1u, mgr_.GetCount());
+    EXPECT_TRUE(logs_.empty());
+}
+
+TEST_F(ReactorMgr, ReactorThreadRunsTasksAndReportsItsEnd) {
+    std::uint64_t err = 0;
+    std::uint64_t const id = mgr_.New(&err);
+    ASSERT_EQ(0u, mgr_.StartThread(id, ZNRString("rmgr-loop"), nullptr));
+    EXPECT_FALSE(mgr_.IsRunInCurrentThread(id));
+    // A second loop on the same reactor is refused.
+    EXPECT_EQ(ZNRSysError(EBUSY), mgr_.StartThread(id, ZNRString("again"), nullptr));
+    EXPECT_EQ(ZNRSysError(EBUSY), mgr_.Start(id));
+
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(0u, mgr_.RegisterTask(id, new Task([&, i] {
+            j_.Add("task " + std::to_string(i) + " " + ThreadName() + " " +
+                   (mgr_.IsRunInCurrentThread(id) ? "current" : "elsewhere"));
+        })));
+    }
+    ASSERT_TRUE(j_.WaitCount(2));
+    ASSERT_EQ(0u, mgr_.Stop(id));
+    mgr_.Wait(id);
+    EXPECT_EQ((std::vector<std::string>{"task 0 rmgr-loop current", "task 1 rmgr-loop current"}), j_.Get());
+    // The loop has ended, the reactor is still there.
+    EXPECT_EQ(1u, mgr_.GetCount());
+    auto const infos = Messages(ZNRLogger::LOGL_INFO);
+    ASSERT_EQ(1u, infos.size());
+    EXPECT_EQ("Reactor thread has stopped, id=1 thread name=\"rmgr-loop\"", infos[0]);
+    EXPECT_EQ(kFn + "OnThreadStopped", logs_.back().function);
+    EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
+
+    mgr_.Destroy(id);
+    EXPECT_EQ(0u, mgr_.GetCount());
+    EXPECT_EQ("destroyed 1", j_.Get().back());
+}
+
+// From a task of its own loop: no stop-and-join of itself; the reactor is
+// gone from the table at once and destroyed when its loop has returned.
+TEST_F(ReactorMgr, RemoveFromItsOwnLoop) {
+    for (bool own_thread : {true, false}) {
+        SCOPED_TRACE(own_thread ? "reactor thread" : "Start on the caller");
+        Journal j;
+        Mgr mgr(&j);
+        std::uint64_t err = 0;
+        std::uint64_t const id = mgr.New(&err);
+        ASSERT_EQ(0u, mgr.RegisterEndStopNotify(id, new Notify([&] { j.Add("end"); })));
+        ASSERT_EQ(0u, mgr.RegisterTask(id, new Task([&] {
+            mgr.Remove(id);
+            j.Add("removed, count " + std::to_string(mgr.GetCount()));
+        })));
+        if (own_thread) {
+            ASSERT_EQ(0u, mgr.StartThread(id, ZNRString("rmgr-self"), nullptr));
+        } else {
+            EXPECT_EQ(0u, mgr.Start(id));
+        }
+        ASSERT_TRUE(j.WaitCount(3));
+        EXPECT_EQ((std::vector<std::string>{"removed, count 0", "end", "destroyed 1"}), j.Get());
+        EXPECT_EQ(0u, mgr.GetCount());
+        mgr.RemoveAll();  // joins the thread
+        EXPECT_EQ(3u, j.Get().size());
+    }
+}
+
+TEST_F(ReactorMgr, RemoveAllStopsEveryReactorInIdOrder) {
+    std::uint64_t err = 0;
+    for (int i = 1; i <= 3; ++i) {
+        std::uint64_t const id = mgr_.New(&err);
+        // A reactor thread may still route calls through the manager while
+        // RemoveAll waits for it.
+        mgr_.RegisterBeginStopNotify(id, new Notify([this, id] {
+            j_.Add("begin " + std::to_string(id) + " count " + std::to_string(mgr_.GetCount()));
+        }));
+        mgr_.RegisterEndStopNotify(id, new Notify([this, id] { j_.Add("end " + std::to_string(id)); }));
+        ASSERT_EQ(0u, mgr_.StartThread(id, ZNRString("rmgr-" + std::to_string(id)), nullptr));
+    }
+    mgr_.New(&err);  // never started
+    mgr_.RemoveAll();
+    EXPECT_EQ(0u, mgr_.GetCount());
+    EXPECT_EQ((std::vector<std::string>{"begin 1 count 4", "end 1", "destroyed 1", "begin 2 count 3",
+                                        "end 2", "destroyed 2", "begin 3 count 2", "end 3",
+                                        "destroyed 3", "destroyed 4"}),
+              j_.Get());
+    EXPECT_EQ(3u, Messages(ZNRLogger::LOGL_INFO).size());
+    EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
+    mgr_.RemoveAll();
+}
