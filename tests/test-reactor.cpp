@@ -298,9 +298,9 @@ TEST_F(Reactor, QueueLimitTaskOwnershipAndPerThreadOrder) {
     for (int t = 0; t < 4; ++t) {
         senders.emplace_back([&, t] {
             for (int i = 0; i < 500; ++i) {
-                while (reactor_->RegisterTask(new Task([&seen, t, i] { seen[t].push_back(i); })) != 0) {
-                    std::this_thread::yield();
-                }
+                // A refused task stays ours: offer it again once the queue drains.
+                auto* task = new Task([&seen, t, i] { seen[t].push_back(i); });
+                while (reactor_->RegisterTask(task) != 0) std::this_thread::yield();
             }
         });
     }
