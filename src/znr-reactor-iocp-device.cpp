@@ -349,7 +349,7 @@ bool ZNRReactorIOCPLoopEventReadDevice::OnRecvEvent(int bytes, std::uint64_t* er
         SetError(error, ZNRSysError(EIO));
         return false;
     }
-    if (!reactor_->DrainLoopEvents(count_, error)) return false;
+    if (!reactor_->DrainLoopEvents(error)) return false;
     std::uint64_t const rc = Recv();
     if (rc == 0) return true;
     SetError(error, rc);

@@ -151,12 +151,10 @@ private:
     ZNRDeviceHandler* handler_;
 };
 
-// The read end of the wake-up channel: an eventfd counter, which can
-// carry any number of events without ever blocking a writer (a byte per
-// event in a pipe or socket would block once its buffer filled). Each
-// read takes the whole count; at most the dispose size of events runs per
-// wake-up and the rest is counted back in, so other completions get their
-// turn first.
+// The read end of the wake-up channel: an eventfd counter, which a
+// writer can add to at any time without blocking (a byte per event in a
+// pipe or socket would block once its buffer filled). A read clears it and
+// lets the reactor drain its queue.
 class ZNRReactorIOCPLoopEventReadDevice : public ZNRReactorIOCPDeviceBase {
 public:
     ZNRReactorIOCPLoopEventReadDevice(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device);

@@ -116,7 +116,7 @@ ZNRReactorIOCP::ZNRReactorIOCP(ZNRTimerMgr* timer_mgr)
     : ZNRReactor(timer_mgr), engine_(nullptr), loop_thread_(nullptr), stopped_(false),
       queued_count_(0), read_device_(nullptr), write_device_(nullptr),
       read_device_id_(kNoDeviceId), planned_wake_(kNoId), dispose_size_(100),
-      queue_max_(100000), dispatching_(nullptr), dispatching_removed_(false), idle_wakeups_(0) {}
+      queue_max_(100000), wake_pending_(false), dispatching_(nullptr), dispatching_removed_(false), idle_wakeups_(0) {}
 
 ZNRReactorIOCP::~ZNRReactorIOCP() {
     stopped_ = true;
@@ -277,21 +277,30 @@ std::uint64_t ZNRReactorIOCP::RegisterLoopEvent(ZNRReactorLoopEvent* event) {
         return kNotReady;
     }
     if (queued_count_ >= queue_max_) return kQueueFull;
-    // Counted under the lock, so counts and queue keep one order.
-    std::uint64_t const rc = write_device_->Signal(1);
-    if (rc != 0) return rc;
+    // A wake-up is owed only while none is pending: until the loop finds
+    // the queue empty (under this lock) it takes whatever is queued, and
+    // signals itself while events are left. One system call per burst.
+    if (!wake_pending_) {
+        std::uint64_t const rc = write_device_->Signal(1);
+        if (rc != 0) return rc;
+        wake_pending_ = true;
+    }
     loop_events_->push_back(event);
     ++queued_count_;
     return 0;
 }
 
-bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t count, std::uint64_t* error) {
-    std::uint64_t const batch = std::min<std::uint64_t>(count, static_cast<std::uint64_t>(dispose_size_));
-    for (std::uint64_t i = 0; i < batch; ++i) {
+bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t* error) {
+    // At most the dispose size per wake-up, so device completions queued
+    // meanwhile get their turn before the rest.
+    for (int i = 0; i < dispose_size_; ++i) {
         ZNRReactorLoopEvent* event = nullptr;
         {
             ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-            if (loop_events_->empty()) break;
+            if (loop_events_->empty()) {
+                wake_pending_ = false;
+                return true;
+            }
             event = loop_events_->front();
             loop_events_->pop_front();
             --queued_count_;
@@ -311,16 +320,14 @@ bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t count, std::uint64_t* error) 
             return false;
         }
     }
-    if (count > batch) {
-        // The rest waits behind the completions already queued.
-        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-        std::uint64_t const rc = write_device_->Signal(count - batch);
-        if (rc != 0) {
-            *error = rc;
-            return false;
-        }
+    ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    if (loop_events_->empty()) {
+        wake_pending_ = false;
+        return true;
     }
-    return true;
+    std::uint64_t const rc = write_device_->Signal(1);
+    if (rc != 0) *error = rc;
+    return rc == 0;
 }
 
 void ZNRReactorIOCP::RegisterBeginStopNotify(ZNRReactorStopNotify* notify) {

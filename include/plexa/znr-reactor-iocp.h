@@ -8,6 +8,7 @@
 #include <plexa/znr-thread-mutex.h>
 
 #include <atomic>
+#include <deque>
 #include <list>
 #include <map>
 
@@ -21,8 +22,9 @@ class ZNRThread;
 // The library's reactor, on the platform's completion engine: one loop
 // thread (the one in Open) waits for completions, turns them into device
 // handler calls, runs loop events and fires timers. Other threads reach
-// it through loop events, queued under a lock and counted on a wake-up
-// channel whose read end the loop watches as device 1.
+// it through loop events, queued under a lock; a wake-up channel, whose
+// read end the loop watches as device 1, tells it that the queue is not
+// empty.
 //
 // Any thread: Stop, RegisterTask, RegisterLoopEvent, the stop-notify and
 // timer registrations, SendData, IsStopped. Loop thread only (before
@@ -72,7 +74,7 @@ private:
     ZNRReactorIOCPDeviceBase* FindDevice(std::uint32_t id);
     bool Turn(std::uint64_t* error);
     bool Dispatch(ZNRCompletion const& completion, std::uint64_t* error);
-    bool DrainLoopEvents(std::uint64_t count, std::uint64_t* error);
+    bool DrainLoopEvents(std::uint64_t* error);
     int PlanWait();
     void RunTimers();
     void WakeForTimer(std::uint64_t expiry);
@@ -88,7 +90,8 @@ private:
     ZNRThreadMutex stop_notify_lock_;
     std::atomic<ZNRThread*> loop_thread_;
     std::atomic<bool> stopped_;
-    ZNRStlAdapter<std::list<ZNRReactorLoopEvent*>> loop_events_;
+    // A deque: queueing an event allocates nothing in the steady state.
+    ZNRStlAdapter<std::deque<ZNRReactorLoopEvent*>> loop_events_;
     ZNRThreadMutex loop_event_lock_;
     int queued_count_;
     ZNRReactorIOCPLoopEventReadDevice* read_device_;
@@ -99,6 +102,7 @@ private:
     std::uint64_t planned_wake_;
     int dispose_size_;
     int queue_max_;
+    bool wake_pending_;  // under the loop-event lock
     // The device whose completion is being handled: unregistering it
     // waits until its handler has returned.
     ZNRReactorIOCPDeviceBase* dispatching_;
