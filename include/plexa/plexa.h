@@ -40,5 +40,7 @@
 #include <plexa/znr-entity-map.h>
 #include <plexa/znr-compat-entity-map.h>
 #include <plexa/znr-data-sender.h>
+#include <plexa/znr-entity-device-handler.h>
+#include <plexa/znr-reply-sender.h>
 
 #endif

@@ -1,0 +1,38 @@
+#ifndef PLEXA_ZNR_REPLY_SENDER_H
+#define PLEXA_ZNR_REPLY_SENDER_H
+
+#include <plexa/znr-export.h>
+#include <plexa/znr-reactor-mgr.h>
+
+#include <cstdint>
+
+class ZNRDataSender;
+class ZNRMarshallable;
+struct ZNREntityRequest;
+
+// Sends what a ZNRDataSender built to one device through a reactor
+// manager's SendData. Any thread: from another thread than the device's
+// loop the manager copies the bytes across.
+class ZNR_API ZNRReplySender {
+public:
+    // A null manager is the process-wide one.
+    ZNRReplySender(std::uint64_t reactor_id, std::uint64_t device_id, ZNRReactorMgr* mgr = nullptr);
+    // Answers the device a request came from.
+    explicit ZNRReplySender(ZNREntityRequest const& request, ZNRReactorMgr* mgr = nullptr);
+
+    // Sends the sender's bytes, then rewinds it (byte order kept) for the
+    // next reply. An empty sender sends nothing and returns 0, since a send
+    // of no bytes would close the device. On error the bytes stay.
+    std::uint64_t Send(ZNRDataSender* sender);
+    // Builds one entity frame, little-endian, and sends it.
+    std::uint64_t SendEntity(unsigned int uri, ZNRMarshallable& entity, unsigned short compress_flag);
+    // Asks the reactor to close the device.
+    std::uint64_t Close();
+
+private:
+    ZNRReactorMgr* mgr_;
+    std::uint64_t reactor_id_;
+    std::uint64_t device_id_;
+};
+
+#endif
