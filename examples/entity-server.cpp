@@ -1,0 +1,370 @@
+// plexa-entity-server: the library's own protocol over TCP, with an echo
+// service and an in-memory key-value service (see entity-protocol.h).
+//
+// Same shape as echo-server: one reactor per core, the first owns the
+// listener, accepted connections are handed round-robin to the reactors.
+// Each connection gets a ZNREntityDeviceHandler, which cuts the frames and
+// routes the entities; the services answer with ZNRReplySender. SIGINT or
+// SIGTERM ends it with exit code 0.
+//
+//   plexa-entity-server --port 7000
+#include "entity-protocol.h"
+
+#include <plexa/plexa.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+#include <unistd.h>
+
+using namespace entity_protocol;
+
+namespace {
+
+std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
+int const kRecvMax = 16 * 1024 * 1024 + 64;  // one whole frame of the largest size
+int const kRecvGrow = 16 * 1024;
+int const kSendMax = 32 * 1024 * 1024;  // a peer that never reads is closed here
+unsigned int const kNoTimeout = 0xFFFFFFFF;
+
+char const kDefaultConfig[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<entity-server>\n"
+    "  <address>127.0.0.1</address>\n"
+    "  <port>0</port>\n"
+    "  <reactors>0</reactors>\n"  // 0: one per core
+    "  <log>\n"
+    "    <directory>./logs</directory>\n"
+    "    <file>plexa-entity-server.log</file>\n"
+    "    <max-size>10485760</max-size>\n"
+    "  </log>\n"
+    "</entity-server>\n";
+
+ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
+
+std::vector<std::uint64_t> g_reactors;  // filled before any reactor runs
+std::atomic<unsigned int> g_next{0};
+std::atomic<bool> g_failed{false};
+ZNREntityMap g_services;  // copied into every connection's handler
+
+// Opaque bytes after the uri, for the echo service.
+struct RawBody : public ZNRMarshallable {
+    unsigned char const* data = nullptr;
+    int size = 0;
+    std::uint64_t Marshal(ZNRPack* pack) const override {
+        return pack->Concatenate(data, static_cast<unsigned int>(size));
+    }
+    std::uint64_t Unmarshal(ZNRUnpack*) override { return 0; }
+};
+
+class EchoProxy : public ZNREntityTargetProxyBase {
+public:
+    bool Dispatch(unsigned char const* body, int length, bool, void* context) override {
+        ZNREntityRequest const* const request = static_cast<ZNREntityRequest*>(context);
+        RawBody raw;
+        raw.data = body;
+        raw.size = length;
+        return ZNRReplySender(*request).SendEntity(kEchoUri, raw, request->compress_flag) == 0;
+    }
+    void Destroy() override { delete this; }
+};
+
+// One map for all connections, whichever reactor they are on.
+class KvService {
+public:
+    bool Put(KvPutRequest const& request, void* context) {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            ZNRByteBuffer const& v = request.value;
+            store_[request.key].assign(reinterpret_cast<char const*>(v.GetData()), v.GetDataCount());
+        }
+        KvReply reply;
+        return Answer(kKvPutUri, &reply, context);
+    }
+    bool Get(KvKeyRequest const& request, void* context) {
+        KvReply reply;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            auto const found = store_.find(request.key);
+            if (found == store_.end()) {
+                reply.status = STATUS_NOT_FOUND;
+            } else {
+                std::string const& v = found->second;
+                reply.value.SetCapacity(static_cast<unsigned int>(v.size()));
+                reply.value.AppendData(reinterpret_cast<unsigned char const*>(v.data()),
+                                       static_cast<unsigned int>(v.size()));
+            }
+        }
+        return Answer(kKvGetUri, &reply, context);
+    }
+    bool Delete(KvKeyRequest const& request, void* context) {
+        KvReply reply;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (store_.erase(request.key) == 0) reply.status = STATUS_NOT_FOUND;
+        }
+        return Answer(kKvDeleteUri, &reply, context);
+    }
+
+private:
+    static bool Answer(unsigned int uri, KvReply* reply, void* context) {
+        ZNREntityRequest const* const request = static_cast<ZNREntityRequest*>(context);
+        return ZNRReplySender(*request).SendEntity(uri, *reply, request->compress_flag) == 0;
+    }
+
+    std::mutex mutex_;
+    std::map<std::string, std::string> store_;
+};
+
+KvService g_kv;
+
+// Registers an accepted connection on the thread of its reactor.
+class AdoptTask : public ZNRReactorTask {
+public:
+    AdoptTask(std::uint64_t reactor, ZNRDevice* client) : reactor_(reactor), client_(client) {}
+
+    bool Run() override {
+        std::uint64_t error = 0;
+        ZNREntityDeviceHandler* const handler = new ZNREntityDeviceHandler(g_services, reactor_);
+        if (Mgr()->RegisterDevice(reactor_, client_, handler, &error, kRecvMax, kRecvGrow, kSendMax,
+                                  kNoTimeout) == kNoId) {
+            handler->Destroy();
+        } else {
+            client_ = nullptr;  // the reactor's now
+        }
+        return false;
+    }
+    void Cancel() override {}
+    // Also runs when the reactor stops before the task did.
+    void Destroy() override {
+        if (client_ != nullptr) client_->Destroy();
+        delete this;
+    }
+
+private:
+    std::uint64_t reactor_;
+    ZNRDevice* client_;
+};
+
+// The listener: told of each new connection with OnData(null, null).
+class AcceptHandler : public ZNRDeviceHandler {
+public:
+    bool OnData(ZNRByteBuffer const*, int*) override {
+        ZNRAsyncTcpDevice* const client = new ZNRAsyncTcpDevice();
+        if (!static_cast<ZNRAsyncTcpDevice*>(GetDevice())->Accept(client)) {
+            client->Destroy();
+            return true;  // keep listening
+        }
+        std::uint64_t const reactor = g_reactors[g_next++ % g_reactors.size()];
+        AdoptTask* const task = new AdoptTask(reactor, client);
+        if (Mgr()->RegisterTask(reactor, task) != 0) task->Destroy();
+        return true;
+    }
+};
+
+void Fail(std::uint64_t error) {
+    std::fprintf(stderr, "plexa-entity-server: %s\n", ZNRGetErrorText(error).c_str());
+    g_failed = true;
+    kill(getpid(), SIGTERM);
+}
+
+// Registers the listener on the first reactor's thread, then accepts.
+class ListenTask : public ZNRReactorTask {
+public:
+    ListenTask(ZNRAsyncTcpDevice* listener, std::string address)
+        : listener_(listener), address_(std::move(address)) {}
+
+    bool Run() override {
+        std::uint64_t error = 0;
+        AcceptHandler* const handler = new AcceptHandler();
+        if (Mgr()->RegisterDevice(g_reactors[0], listener_, handler, &error, kRecvGrow, kRecvGrow,
+                                  kRecvGrow, kNoTimeout) == kNoId) {
+            handler->Destroy();
+            Fail(error);
+            return false;
+        }
+        ZNRAsyncTcpDevice* const listener = listener_;
+        listener_ = nullptr;  // the reactor's now
+        if (!listener->BeginAccept()) {
+            Fail(listener->GetError());
+            return false;
+        }
+        std::printf("plexa-entity-server: listening on %s\n", address_.c_str());
+        std::fflush(stdout);
+        return false;
+    }
+    void Cancel() override {}
+    void Destroy() override {
+        if (listener_ != nullptr) listener_->Destroy();
+        delete this;
+    }
+
+private:
+    ZNRAsyncTcpDevice* listener_;
+    std::string address_;
+};
+
+int Usage(std::FILE* out, int code) {
+    std::fprintf(out,
+                 "usage: plexa-entity-server [--config FILE] [--port N] [--help]\n"
+                 "Serves echo (uri 0x00010001) and key-value (service 2) entities over TCP.\n"
+                 "  --config FILE  XML configuration (default: 127.0.0.1, a free port,\n"
+                 "                 one reactor per core, logs under ./logs)\n"
+                 "  --port N       listen on port N, whatever the configuration says\n"
+                 "Stop it with Ctrl-C.\n");
+    return code;
+}
+
+std::string Text(ZNRXmlConfig const& config, char const* path, char const* fallback) {
+    ZNRString value;
+    if (!config.Get(ZNRString(std::string("entity-server/") + path), &value, nullptr)) return fallback;
+    return value.ToStdCStr();
+}
+
+int Number(ZNRXmlConfig const& config, char const* path, int fallback) {
+    int value = fallback;
+    return config.GetInt(ZNRString(std::string("entity-server/") + path), &value) ? value : fallback;
+}
+
+// The embedded default goes through a file, since the reader loads files.
+bool LoadConfig(ZNRXmlConfig* config, char const* file) {
+    if (file != nullptr) return config->Load(ZNRString(file), ZNRString("xml"));
+    char path[] = "/tmp/plexa-entity-server-XXXXXX.xml";
+    int const fd = mkstemps(path, 4);
+    if (fd < 0) return false;
+    bool const written = write(fd, kDefaultConfig, sizeof kDefaultConfig - 1) ==
+                         static_cast<ssize_t>(sizeof kDefaultConfig - 1);
+    close(fd);
+    bool const loaded = written && config->Load(ZNRString(path), ZNRString("xml"));
+    unlink(path);
+    return loaded;
+}
+
+void StartLog(ZNRXmlConfig const& config) {
+    std::string const directory = Text(config, "log/directory", "./logs");
+    std::string const file = Text(config, "log/file", "plexa-entity-server.log");
+    std::uint32_t const max_size = static_cast<std::uint32_t>(Number(config, "log/max-size", 10485760));
+    std::uint32_t const console = static_cast<std::uint32_t>(Number(config, "log/console", 0));
+    ZNRNormalLoggerWriter* const writer = new ZNRNormalLoggerWriter();
+    writer->SetOption(ZNRNormalLoggerWriter::OPT_DIRECTORY, directory.c_str(),
+                      static_cast<unsigned int>(directory.size()));
+    writer->SetOption(ZNRNormalLoggerWriter::OPT_FILE_NAME, file.c_str(), static_cast<unsigned int>(file.size()));
+    writer->SetOption(ZNRNormalLoggerWriter::OPT_MAX_FILE_SIZE, &max_size, sizeof max_size);
+    writer->SetOption(ZNRNormalLoggerWriter::OPT_CONSOLE, &console, sizeof console);
+    ZNRSingleton<ZNRLogger>::Instance()->RegisterWriter(writer);
+}
+
+// Opens a listening device; null with a message on failure.
+ZNRAsyncTcpDevice* Listen(std::string const& address, std::string const& port, std::string* bound_text) {
+    ZNRNetAddrInfo local(ZNRNetAddrInfo::TYPE_IPV4);
+    std::uint64_t error = local.Open(ZNRString(port), ZNRString(address));
+    if (error == 0) {
+        ZNRTcpDeviceParam param;
+        param.local_addr = &local;
+        param.backlog = 128;
+        ZNRAsyncTcpDevice* const listener = new ZNRAsyncTcpDevice();
+        if (listener->Open(&param)) {
+            ZNRNetAddrInfo const* bound = listener->GetBindAddr(&error);
+            if (bound != nullptr) {
+                *bound_text = bound->GetAddrStr().ToStdCStr() + ":" + bound->GetPortStr().ToStdCStr();
+                return listener;
+            }
+        } else {
+            error = listener->GetError();
+        }
+        listener->Destroy();
+    }
+    std::fprintf(stderr, "plexa-entity-server: can not listen on %s:%s: %s\n", address.c_str(), port.c_str(),
+                 ZNRGetErrorText(error).c_str());
+    return nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    char const* config_file = nullptr;
+    char const* port_option = nullptr;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0) return Usage(stdout, 0);
+        if (i + 1 < argc && std::strcmp(argv[i], "--config") == 0) {
+            config_file = argv[++i];
+        } else if (i + 1 < argc && std::strcmp(argv[i], "--port") == 0) {
+            port_option = argv[++i];
+        } else {
+            return Usage(stderr, 2);
+        }
+    }
+    if (port_option != nullptr) {
+        char* end = nullptr;
+        unsigned long const port = std::strtoul(port_option, &end, 10);
+        if (*port_option == '\0' || *end != '\0' || port > 65535) return Usage(stderr, 2);
+    }
+
+    ZNRInit();
+    ZNRXmlConfig config;
+    if (!LoadConfig(&config, config_file)) {
+        std::fprintf(stderr, "plexa-entity-server: can not read the configuration %s\n",
+                     config_file != nullptr ? config_file : "(built in)");
+        return 1;
+    }
+    StartLog(config);
+    std::string const address = Text(config, "address", "127.0.0.1");
+    std::string const port = port_option != nullptr ? port_option : Text(config, "port", "0");
+    int reactors = Number(config, "reactors", 0);
+    if (reactors <= 0) reactors = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+
+    g_services.AddEntityMap(kEchoUri, new EchoProxy());
+    g_services.AddEntityTarget(kKvPutUri, &g_kv, &KvService::Put);
+    g_services.AddEntityTarget(kKvGetUri, &g_kv, &KvService::Get);
+    g_services.AddEntityTarget(kKvDeleteUri, &g_kv, &KvService::Delete);
+
+    // Blocked here, so in every thread started later: main takes them with sigwait.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    int code = 1;
+    std::string bound;
+    if (ZNRAsyncTcpDevice* const listener = Listen(address, port, &bound)) {
+        ListenTask* const listen = new ListenTask(listener, bound);
+        std::uint64_t error = 0;
+        for (int i = 0; i < reactors && error == 0; ++i) {
+            std::uint64_t const id = Mgr()->New(&error);
+            if (id != kNoId) g_reactors.push_back(id);
+        }
+        for (std::uint64_t id : g_reactors) {
+            if (error == 0) error = Mgr()->StartThread(id, ZNRString("entity-" + std::to_string(id)), nullptr);
+        }
+        if (error == 0) error = Mgr()->RegisterTask(g_reactors[0], listen);
+        if (error == 0) {
+            int sig = 0;
+            sigwait(&signals, &sig);
+            code = g_failed ? 1 : 0;
+        } else {
+            listen->Destroy();
+            std::fprintf(stderr, "plexa-entity-server: %s\n", ZNRGetErrorText(error).c_str());
+        }
+    }
+
+    // Stops and joins every reactor thread, then destroys the reactors with
+    // their devices and handlers.
+    Mgr()->RemoveAll();
+    ZNRSingleton<ZNRReactorMgr>::Destroy();
+    g_services.RemoveAllEntityMap();
+    ZNRSingleton<ZNRLogger>::Instance()->UnregisterAllWriters();
+    ZNRSingleton<ZNRLogger>::Destroy();
+    ZNRThreadMgr::Destroy();
+    return code;
+}
