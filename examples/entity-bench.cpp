@@ -94,10 +94,8 @@ std::string Pattern(int size, int start) {
     return bytes;
 }
 
-bool Frame(unsigned int uri, ZNRMarshallable const& entity, std::string* out) {
-    ZNRDataSender sender(false, 0x1000000);
-    std::uint64_t const error =
-        sender.CreateByEntityProtocol(uri, const_cast<ZNRMarshallable&>(entity), 0);
+// The sender's one frame, or false with a message.
+bool TakeFrame(ZNRDataSender const& sender, std::uint64_t error, std::string* out) {
     ZNRByteBuffer const* const buffer = sender.GetBuffer();
     if (error != 0 || buffer->GetDataCount() == 0) {
         std::fprintf(stderr, "plexa-bench: can not build a request frame: %s\n",
@@ -106,6 +104,13 @@ bool Frame(unsigned int uri, ZNRMarshallable const& entity, std::string* out) {
     }
     out->assign(reinterpret_cast<char const*>(buffer->GetData()), buffer->GetDataCount());
     return true;
+}
+
+bool Frame(unsigned int uri, ZNRMarshallable const& entity, std::string* out) {
+    ZNRDataSender sender(false, 0x1000000);
+    std::uint64_t const error =
+        sender.CreateByEntityProtocol(uri, const_cast<ZNRMarshallable&>(entity), 0);
+    return TakeFrame(sender, error, out);
 }
 
 // An echo request: the uri, then the bytes as they are.
@@ -117,14 +122,7 @@ bool EchoFrame(std::string const& bytes, std::string* out) {
     ZNRDataSender sender(false, 0x1000000);
     std::uint64_t const error = sender.CreateByTransMessageProtocol(
         reinterpret_cast<unsigned char const*>(body.data()), static_cast<int>(body.size()), 0);
-    ZNRByteBuffer const* const buffer = sender.GetBuffer();
-    if (error != 0 || buffer->GetDataCount() == 0) {
-        std::fprintf(stderr, "plexa-bench: can not build a request frame: %s\n",
-                     error != 0 ? ZNRGetErrorText(error).c_str() : "too large");
-        return false;
-    }
-    out->assign(reinterpret_cast<char const*>(buffer->GetData()), buffer->GetDataCount());
-    return true;
+    return TakeFrame(sender, error, out);
 }
 
 ZNRByteBuffer Buffer(std::string const& bytes) {
