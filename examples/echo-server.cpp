@@ -142,9 +142,10 @@ private:
 };
 
 int Usage(std::FILE* out, int code) {
-    std::fprintf(out, "usage: echo-server [--help] PORT [ADDRESS]\n"
+    std::fprintf(out, "usage: echo-server [--help] [--reactors N] PORT [ADDRESS]\n"
                       "Echoes TCP connections on the IPv4 ADDRESS:PORT (default address 127.0.0.1;\n"
-                      "port 0 picks a free one). Stop it with Ctrl-C.\n");
+                      "port 0 picks a free one) with N reactor threads (default: one per core).\n"
+                      "Stop it with Ctrl-C.\n");
     return code;
 }
 
@@ -179,6 +180,13 @@ ZNRAsyncTcpDevice* Listen(char const* address, char const* port) {
 
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "--help") == 0) return Usage(stdout, 0);
+    unsigned long reactors = std::max(1u, std::thread::hardware_concurrency());
+    if (argc > 2 && std::strcmp(argv[1], "--reactors") == 0) {
+        reactors = std::strtoul(argv[2], nullptr, 10);
+        if (reactors == 0) return Usage(stderr, 2);
+        argc -= 2;
+        argv += 2;
+    }
     if (argc < 2 || argc > 3) return Usage(stderr, 2);
     char* end = nullptr;
     unsigned long const port = std::strtoul(argv[1], &end, 10);
@@ -198,7 +206,7 @@ int main(int argc, char** argv) {
     int code = 1;
     if (ZNRAsyncTcpDevice* const listener = Listen(address, argv[1])) {
         ListenTask* const listen = new ListenTask(listener);
-        unsigned int const cores = std::max(1u, std::thread::hardware_concurrency());
+        unsigned int const cores = static_cast<unsigned int>(reactors);
         std::uint64_t error = 0;
         for (unsigned int i = 0; i < cores && error == 0; ++i) {
             std::uint64_t const id = Mgr()->New(&error);
