@@ -37,10 +37,12 @@ void SetError(std::uint64_t* error, std::uint64_t code) {
 
 ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id,
                                                    ZNRDevice* device)
-    : reactor_(reactor), id_(id), device_(device), timer_(nullptr), recv_buff_grow_size_(512),
+    : reactor_(reactor), id_(id), device_(device), io_(nullptr), timer_(nullptr), recv_buff_grow_size_(512),
       recv_buff_max_size_(4096), send_buff_max_size_(4096), queued_send_bytes_(0),
       sending_(false), connecting_(false) {
     if (device != nullptr) desc_ = device->GetDescInfo();
+    // Looked up once: every completion asks for it.
+    io_ = dynamic_cast<ZNRAsyncIO*>(device);
 }
 
 ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
@@ -73,7 +75,7 @@ void ZNRReactorIOCPDeviceBase::SetTimeout(unsigned int timeout) {
     reactor_->GetTimerMgr()->AddTimer(timer_);
 }
 
-ZNRAsyncIO* ZNRReactorIOCPDeviceBase::GetAsyncIO() { return dynamic_cast<ZNRAsyncIO*>(device_); }
+ZNRAsyncIO* ZNRReactorIOCPDeviceBase::GetAsyncIO() { return io_; }
 
 std::uint64_t ZNRReactorIOCPDeviceBase::CloseWrite() {
     return device_->CloseWrite() ? 0 : device_->GetError();

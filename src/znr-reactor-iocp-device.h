@@ -57,6 +57,7 @@ protected:
     ZNRReactorIOCP* reactor_;
     std::uint32_t id_;
     ZNRDevice* device_;
+    ZNRAsyncIO* io_;
     ZNRTimer* timer_;
     int recv_buff_grow_size_;
     int recv_buff_max_size_;
