@@ -62,7 +62,7 @@ bool In(char c, char const* set) { return c != '\0' && std::strchr(set, c) != nu
 char Ascii(unsigned short unit) { return unit < 0x80 ? static_cast<char>(unit) : '\0'; }
 
 // One conversion of a 16-bit template, as ASCII text for snprintf.
-struct TemplSpec {
+struct TemplConversion {
     std::string text;
     int stars = 0;
     std::string length;
@@ -72,14 +72,14 @@ struct TemplSpec {
 // Reads the conversion at fmt[0] == '%' and returns the units it spans, or 0
 // when it cannot be formatted alone (positional arguments, unknown letters,
 // units outside ASCII): such a '%' stays text.
-std::size_t ParseTemplSpec(unsigned short const* fmt, TemplSpec* spec) {
+std::size_t ParseTemplConversion(unsigned short const* fmt, TemplConversion* conv) {
     std::size_t i = 1;
-    spec->text = "%";
-    auto take = [&] { spec->text.push_back(Ascii(fmt[i++])); };
+    conv->text = "%";
+    auto take = [&] { conv->text.push_back(Ascii(fmt[i++])); };
     auto count = [&] {
         if (Ascii(fmt[i]) == '*') {
             take();
-            ++spec->stars;
+            ++conv->stars;
         }
         while (In(Ascii(fmt[i]), "0123456789")) take();
     };
@@ -90,16 +90,16 @@ std::size_t ParseTemplSpec(unsigned short const* fmt, TemplSpec* spec) {
         count();
     }
     while (In(Ascii(fmt[i]), "hlLqjzZt")) {
-        spec->length.push_back(Ascii(fmt[i]));
+        conv->length.push_back(Ascii(fmt[i]));
         take();
     }
     static char const* const kLengths[] = {"", "hh", "h", "l", "ll", "L", "q", "j", "z", "Z", "t"};
     bool known_length = false;
-    for (char const* l : kLengths) known_length = known_length || spec->length == l;
+    for (char const* l : kLengths) known_length = known_length || conv->length == l;
     char const c = Ascii(fmt[i]);
     if (!known_length || !In(c, "diouxXeEfFgGaAcCsSpnm%")) return 0;
     take();
-    spec->conversion = c;
+    conv->conversion = c;
     return i;
 }
 
@@ -111,20 +111,20 @@ int StoreCount(va_list* args, int count) {
 
 // Formats one conversion alone, taking its arguments from *args in order;
 // `count` is what %n stores. Returns what snprintf returns.
-int FormatTemplSpec(TemplSpec const& spec, va_list* args, int count, char* out, std::size_t size) {
+int FormatTemplConversion(TemplConversion const& conv, va_list* args, int count, char* out, std::size_t size) {
     int stars[2] = {0, 0};
-    for (int k = 0; k < spec.stars; ++k) stars[k] = va_arg(*args, int);
-    char const* const format = spec.text.c_str();
+    for (int k = 0; k < conv.stars; ++k) stars[k] = va_arg(*args, int);
+    char const* const format = conv.text.c_str();
     auto emit = [&](auto value) {
-        if (spec.stars == 0) return std::snprintf(out, size, format, value);
-        if (spec.stars == 1) return std::snprintf(out, size, format, stars[0], value);
+        if (conv.stars == 0) return std::snprintf(out, size, format, value);
+        if (conv.stars == 1) return std::snprintf(out, size, format, stars[0], value);
         return std::snprintf(out, size, format, stars[0], stars[1], value);
     };
-    std::string const& l = spec.length;
-    bool const wide = l == "l" || spec.conversion == 'C' || spec.conversion == 'S';
+    std::string const& l = conv.length;
+    bool const wide = l == "l" || conv.conversion == 'C' || conv.conversion == 'S';
     bool const longest = l == "ll" || l == "q" || l == "L";
     typedef std::make_signed_t<std::size_t> ssize;
-    switch (spec.conversion) {
+    switch (conv.conversion) {
         case 'd': case 'i':
             if (l == "l") return emit(va_arg(*args, long));
             if (longest) return emit(va_arg(*args, long long));
@@ -437,8 +437,8 @@ ZNRString& ZNRString::VNewFromTempl(unsigned short const* fmt, va_list args) {
     std::size_t text = 0, pos = 0;
     bool more = true;
     while (more && pos < length) {
-        TemplSpec spec;
-        std::size_t const span = fmt[pos] == '%' ? ParseTemplSpec(fmt + pos, &spec) : 0;
+        TemplConversion conv;
+        std::size_t const span = fmt[pos] == '%' ? ParseTemplConversion(fmt + pos, &conv) : 0;
         if (span == 0) {
             ++pos;
             continue;
@@ -447,13 +447,13 @@ ZNRString& ZNRString::VNewFromTempl(unsigned short const* fmt, va_list args) {
         pos += span;
         text = pos;
         if (!more) break;
-        if (spec.conversion == '%') {
+        if (conv.conversion == '%') {
             text = pos - 1;  // the last '%' is text
             continue;
         }
         int const count = static_cast<int>(kTemplLimit - room);
         piece[0] = '\0';
-        more = append_piece(FormatTemplSpec(spec, &rest, count, piece.get(), kTemplLimit + 1));
+        more = append_piece(FormatTemplConversion(conv, &rest, count, piece.get(), kTemplLimit + 1));
     }
     if (more) append_text(fmt + text, length - text);
     va_end(rest);
