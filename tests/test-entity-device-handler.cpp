@@ -1,4 +1,5 @@
 #include "log-capture.h"
+#include "reactor-test-util.h"
 #include "net-test-util.h"
 
 #include <chrono>
@@ -8,6 +9,8 @@
 #include <vector>
 
 using namespace nettest;
+
+using namespace reactortest;
 
 namespace {
 
@@ -45,20 +48,6 @@ public:
 
 private:
     Fn fn_;
-};
-
-class Task : public ZNRReactorTask {
-public:
-    explicit Task(std::function<void()> fn) : fn_(std::move(fn)) {}
-    bool Run() override {
-        fn_();
-        return false;
-    }
-    void Cancel() override {}
-    void Destroy() override { delete this; }
-
-private:
-    std::function<void()> fn_;
 };
 
 // Accepts connections and gives each an entity handler over map.

@@ -1,4 +1,5 @@
 #include "log-capture.h"
+#include "reactor-test-util.h"
 
 #include <atomic>
 #include <chrono>
@@ -11,59 +12,13 @@
 
 #include <pthread.h>
 
+using namespace reactortest;
+
 namespace {
 
 std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
 std::uint64_t const kNotFound = 0x8000000100000000ULL | 30;
 std::string const kFn = "ZNRReactorMgr_T<class ZNRReactorIOCP,class ZNRTimerMgr,class ZNRReactorThread>::";
-
-// What reactor threads did, in order, readable from the test thread.
-class Journal {
-public:
-    void Add(std::string const& entry) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        entries_.push_back(entry);
-        cond_.notify_all();
-    }
-    // Waits up to five seconds for n entries.
-    bool WaitCount(std::size_t n) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, std::chrono::seconds(5), [&] { return entries_.size() >= n; });
-    }
-    std::vector<std::string> Get() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return entries_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::vector<std::string> entries_;
-};
-
-class Task : public ZNRReactorTask {
-public:
-    explicit Task(std::function<void()> fn) : fn_(std::move(fn)) {}
-    bool Run() override {
-        fn_();
-        return false;
-    }
-    void Cancel() override {}
-    void Destroy() override { delete this; }
-
-private:
-    std::function<void()> fn_;
-};
-
-class Notify : public ZNRReactorStopNotify {
-public:
-    explicit Notify(std::function<void()> fn) : fn_(std::move(fn)) {}
-    void OnStop(ZNRReactor*) override { fn_(); }
-    void Destroy() override { delete this; }
-
-private:
-    std::function<void()> fn_;
-};
 
 class NoTimer : public ZNRTimer {
 public:

@@ -1,4 +1,5 @@
 #include "log-capture.h"
+#include "reactor-test-util.h"
 #include "net-test-util.h"
 
 #include <algorithm>
@@ -13,40 +14,13 @@
 
 using namespace nettest;
 
+using namespace reactortest;
+
 namespace {
 
 std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
 unsigned char const* L(char const* text) { return reinterpret_cast<unsigned char const*>(text); }
 std::uint64_t E(std::uint32_t n) { return 0x8000000100000000ULL | n; }
-
-// What the loop thread did, in order, readable from the test thread.
-class Journal {
-public:
-    void Add(std::string const& entry) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        entries_.push_back(entry);
-        cond_.notify_all();
-    }
-    // Waits up to five seconds until pred holds over the entries.
-    bool WaitUntil(std::function<bool(std::vector<std::string> const&)> pred) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, std::chrono::seconds(5), [&] { return pred(entries_); });
-    }
-    bool WaitFor(std::string const& entry) {
-        return WaitUntil([&](std::vector<std::string> const& e) {
-            return std::find(e.begin(), e.end(), entry) != e.end();
-        });
-    }
-    std::vector<std::string> Get() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return entries_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::vector<std::string> entries_;
-};
 
 class Event : public ZNRReactorLoopEvent {
 public:
@@ -64,35 +38,6 @@ private:
     Journal* j_;
     std::string name_;
     int repeats_;
-};
-
-class Task : public ZNRReactorTask {
-public:
-    explicit Task(std::function<void()> fn, Journal* j = nullptr) : fn_(std::move(fn)), j_(j) {}
-    bool Run() override {
-        fn_();
-        return false;
-    }
-    void Cancel() override {}
-    void Destroy() override {
-        if (j_ != nullptr) j_->Add("~task");
-        delete this;
-    }
-
-private:
-    std::function<void()> fn_;
-    Journal* j_;
-};
-
-class Notify : public ZNRReactorStopNotify {
-public:
-    Notify(Journal* j, std::string name) : j_(j), name_(std::move(name)) {}
-    void OnStop(ZNRReactor*) override { j_->Add(name_); }
-    void Destroy() override { delete this; }
-
-private:
-    Journal* j_;
-    std::string name_;
 };
 
 // A handler whose reactions a test sets; it journals every call.
@@ -242,14 +187,14 @@ TEST_F(Reactor, LoopEventsStopAndNotifies) {
     reactor_ = new ZNRReactorIOCP(new ZNRTimerMgr());
     reactor_->SetLoopEventDisposeSize(1);
     ASSERT_EQ(0u, reactor_->Init());
-    reactor_->RegisterBeginStopNotify(new Notify(&journal_, "begin1"));
-    reactor_->RegisterBeginStopNotify(new Notify(&journal_, "begin2"));
-    reactor_->RegisterEndStopNotify(new Notify(&journal_, "end"));
+    reactor_->RegisterBeginStopNotify(new Notify([this] { journal_.Add("begin1"); }));
+    reactor_->RegisterBeginStopNotify(new Notify([this] { journal_.Add("begin2"); }));
+    reactor_->RegisterEndStopNotify(new Notify([this] { journal_.Add("end"); }));
     for (char const* name : {"a", "b"}) ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, name)));
     ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, "again", 2)));
     ASSERT_EQ(0u, reactor_->Stop());
     ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, "late")));
-    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([] { ADD_FAILURE() << "ran after stop"; }, &journal_)));
+    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([] { ADD_FAILURE() << "ran after stop"; }, [this] { journal_.Add("~task"); })));
     auto* fake = new ZNRFakeDevice();
     std::uint64_t err = 0;
     ASSERT_NE(kNoId, reactor_->RegisterDevice(fake, new Handler(&journal_, "fake"), &err, 100, 10, 100, 0xFFFFFFFF));
@@ -287,7 +232,7 @@ TEST_F(Reactor, QueueLimitTaskOwnershipAndPerThreadOrder) {
     auto* extra = new Count(&ran);
     EXPECT_EQ(E(39), reactor_->RegisterLoopEvent(extra));
     extra->Destroy();
-    auto* task = new Task([] {}, &journal_);
+    auto* task = new Task([] {}, [this] { journal_.Add("~task"); });
     EXPECT_EQ(E(39), reactor_->RegisterTask(task));
     EXPECT_TRUE(journal_.Get().empty());  // the caller still owns it
     task->Destroy();
