@@ -9,7 +9,6 @@
 #include <plexa/plexa.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -27,12 +26,9 @@ std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
 int const kRecvMax = 64 * 1024;
 int const kRecvGrow = 16 * 1024;
 int const kSendMax = 4 * 1024 * 1024;  // a peer that never reads is closed here
-unsigned int const kNoTimeout = 0xFFFFFFFF;
 
 ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
 
-std::vector<std::uint64_t> g_reactors;  // filled before any reactor runs
-std::atomic<unsigned int> g_next{0};
 
 // Library log lines go to standard error.
 class ConsoleLog : public ZNRLoggerWriterBase {
@@ -64,81 +60,17 @@ private:
     std::uint64_t reactor_;
 };
 
-// Registers an accepted connection on the thread of its reactor.
-class AdoptTask : public ZNRReactorTask {
+// Hands each accepted connection an echo handler on its reactor.
+class EchoAcceptor : public ZNRTcpAcceptor {
 public:
-    AdoptTask(std::uint64_t reactor, ZNRDevice* client) : reactor_(reactor), client_(client) {}
+    EchoAcceptor() : ZNRTcpAcceptor(kRecvMax, kRecvGrow, kSendMax) {}
 
-    bool Run() override {
-        std::uint64_t error = 0;
-        EchoHandler* const handler = new EchoHandler(reactor_);
-        if (Mgr()->RegisterDevice(reactor_, client_, handler, &error, kRecvMax, kRecvGrow, kSendMax,
-                                  kNoTimeout) == kNoId) {
-            handler->Destroy();
-        } else {
-            client_ = nullptr;  // the reactor's now
-        }
-        return false;
+protected:
+    ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override { return new EchoHandler(reactor); }
+    void OnListenFailed(std::uint64_t error) override {
+        std::fprintf(stderr, "echo-server: %s\n", ZNRGetErrorText(error).c_str());
+        kill(getpid(), SIGTERM);
     }
-    void Cancel() override {}
-    // Also runs when the reactor stops before the task did.
-    void Destroy() override {
-        if (client_ != nullptr) client_->Destroy();
-        delete this;
-    }
-
-private:
-    std::uint64_t reactor_;
-    ZNRDevice* client_;
-};
-
-// The listener: told of each new connection with OnData(null, null).
-class AcceptHandler : public ZNRDeviceHandler {
-public:
-    bool OnData(ZNRByteBuffer const*, int*) override {
-        ZNRAsyncTcpDevice* const client = new ZNRAsyncTcpDevice();
-        if (!static_cast<ZNRAsyncTcpDevice*>(GetDevice())->Accept(client)) {
-            client->Destroy();
-            return true;  // keep listening
-        }
-        std::uint64_t const reactor = g_reactors[g_next++ % g_reactors.size()];
-        AdoptTask* const task = new AdoptTask(reactor, client);
-        if (Mgr()->RegisterTask(reactor, task) != 0) task->Destroy();
-        return true;
-    }
-};
-
-// Registers the listener on the first reactor's thread, then accepts.
-class ListenTask : public ZNRReactorTask {
-public:
-    explicit ListenTask(ZNRAsyncTcpDevice* listener) : listener_(listener) {}
-
-    bool Run() override {
-        std::uint64_t error = 0;
-        AcceptHandler* const handler = new AcceptHandler();
-        if (Mgr()->RegisterDevice(g_reactors[0], listener_, handler, &error, kRecvMax, kRecvGrow,
-                                  kSendMax, kNoTimeout) == kNoId) {
-            std::fprintf(stderr, "echo-server: %s\n", ZNRGetErrorText(error).c_str());
-            handler->Destroy();
-            kill(getpid(), SIGTERM);
-            return false;
-        }
-        ZNRAsyncTcpDevice* const listener = listener_;
-        listener_ = nullptr;  // the reactor's now
-        if (!listener->BeginAccept()) {
-            std::fprintf(stderr, "echo-server: %s\n", ZNRGetErrorText(listener->GetError()).c_str());
-            kill(getpid(), SIGTERM);
-        }
-        return false;
-    }
-    void Cancel() override {}
-    void Destroy() override {
-        if (listener_ != nullptr) listener_->Destroy();
-        delete this;
-    }
-
-private:
-    ZNRAsyncTcpDevice* listener_;
 };
 
 int Usage(std::FILE* out, int code) {
@@ -149,41 +81,14 @@ int Usage(std::FILE* out, int code) {
     return code;
 }
 
-// Opens a listening device on address:port; null with a message on failure.
-ZNRAsyncTcpDevice* Listen(char const* address, char const* port) {
-    ZNRNetAddrInfo local(ZNRNetAddrInfo::TYPE_IPV4);
-    std::uint64_t error = local.Open(ZNRString(port), ZNRString(address));
-    if (error == 0) {
-        ZNRTcpDeviceParam param;
-        param.local_addr = &local;
-        param.backlog = 128;
-        ZNRAsyncTcpDevice* const listener = new ZNRAsyncTcpDevice();
-        if (listener->Open(&param)) {
-            ZNRNetAddrInfo const* bound = listener->GetBindAddr(&error);
-            if (bound != nullptr) {
-                std::printf("echo-server: listening on %s:%s\n", bound->GetAddrStr().ToStdCStr().c_str(),
-                            bound->GetPortStr().ToStdCStr().c_str());
-                std::fflush(stdout);
-                return listener;
-            }
-        } else {
-            error = listener->GetError();
-        }
-        listener->Destroy();
-    }
-    std::fprintf(stderr, "echo-server: can not listen on %s:%s: %s\n", address, port,
-                 ZNRGetErrorText(error).c_str());
-    return nullptr;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "--help") == 0) return Usage(stdout, 0);
-    unsigned long reactors = std::max(1u, std::thread::hardware_concurrency());
+    unsigned long reactor_count = std::max(1u, std::thread::hardware_concurrency());
     if (argc > 2 && std::strcmp(argv[1], "--reactors") == 0) {
-        reactors = std::strtoul(argv[2], nullptr, 10);
-        if (reactors == 0) return Usage(stderr, 2);
+        reactor_count = std::strtoul(argv[2], nullptr, 10);
+        if (reactor_count == 0) return Usage(stderr, 2);
         argc -= 2;
         argv += 2;
     }
@@ -207,28 +112,29 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     int code = 1;
-    if (ZNRAsyncTcpDevice* const listener = Listen(address, argv[1])) {
-        ListenTask* const listen = new ListenTask(listener);
-        unsigned int const cores = static_cast<unsigned int>(reactors);
-        std::uint64_t error = 0;
-        for (unsigned int i = 0; i < cores && error == 0; ++i) {
-            std::uint64_t const id = Mgr()->New(&error);
-            if (id != kNoId) g_reactors.push_back(id);
-        }
-        for (std::uint64_t id : g_reactors) {
-            if (error == 0) error = Mgr()->StartThread(id, ZNRString("echo-" + std::to_string(id)), nullptr);
-        }
-        if (error == 0) error = Mgr()->RegisterTask(g_reactors[0], listen);
-        if (error == 0) {
-            std::printf("echo-server: %u reactors, Ctrl-C to stop\n", cores);
-            std::fflush(stdout);
-            int sig = 0;
-            sigwait(&signals, &sig);
-            code = 0;
-        } else {
-            listen->Destroy();
-            std::fprintf(stderr, "echo-server: %s\n", ZNRGetErrorText(error).c_str());
-        }
+    std::vector<std::uint64_t> reactors;
+    std::uint64_t error = 0;
+    for (unsigned long i = 0; i < reactor_count && error == 0; ++i) {
+        std::uint64_t const id = Mgr()->New(&error);
+        if (id != kNoId) reactors.push_back(id);
+    }
+    for (std::uint64_t id : reactors) {
+        if (error == 0) error = Mgr()->StartThread(id, ZNRString("echo-" + std::to_string(id)), nullptr);
+    }
+    EchoAcceptor acceptor;
+    ZNRNetAddrInfo bound;
+    if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(argv[1]), reactors, &bound);
+    if (error == 0) {
+        std::printf("echo-server: listening on %s:%s\n", bound.GetAddrStr().ToStdCStr().c_str(),
+                    bound.GetPortStr().ToStdCStr().c_str());
+        std::printf("echo-server: %lu reactors, Ctrl-C to stop\n", reactor_count);
+        std::fflush(stdout);
+        int sig = 0;
+        sigwait(&signals, &sig);
+        code = 0;
+    } else {
+        std::fprintf(stderr, "echo-server: can not listen on %s:%s: %s\n", address, argv[1],
+                     ZNRGetErrorText(error).c_str());
     }
 
     // Stops and joins every reactor thread, then destroys the reactors with

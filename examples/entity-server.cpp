@@ -35,7 +35,6 @@ std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
 int const kRecvMax = 16 * 1024 * 1024 + 64;  // one whole frame of the largest size
 int const kRecvGrow = 16 * 1024;
 int const kSendMax = 32 * 1024 * 1024;  // a peer that never reads is closed here
-unsigned int const kNoTimeout = 0xFFFFFFFF;
 
 char const kDefaultConfig[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -52,8 +51,6 @@ char const kDefaultConfig[] =
 
 ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
 
-std::vector<std::uint64_t> g_reactors;  // filled before any reactor runs
-std::atomic<unsigned int> g_next{0};
 std::atomic<bool> g_failed{false};
 ZNREntityMap g_services;  // copied into every connection's handler
 
@@ -128,90 +125,22 @@ private:
 
 KvService g_kv;
 
-// Registers an accepted connection on the thread of its reactor.
-class AdoptTask : public ZNRReactorTask {
-public:
-    AdoptTask(std::uint64_t reactor, ZNRDevice* client) : reactor_(reactor), client_(client) {}
-
-    bool Run() override {
-        std::uint64_t error = 0;
-        ZNREntityDeviceHandler* const handler = new ZNREntityDeviceHandler(g_services, reactor_);
-        if (Mgr()->RegisterDevice(reactor_, client_, handler, &error, kRecvMax, kRecvGrow, kSendMax,
-                                  kNoTimeout) == kNoId) {
-            handler->Destroy();
-        } else {
-            client_ = nullptr;  // the reactor's now
-        }
-        return false;
-    }
-    void Cancel() override {}
-    // Also runs when the reactor stops before the task did.
-    void Destroy() override {
-        if (client_ != nullptr) client_->Destroy();
-        delete this;
-    }
-
-private:
-    std::uint64_t reactor_;
-    ZNRDevice* client_;
-};
-
-// The listener: told of each new connection with OnData(null, null).
-class AcceptHandler : public ZNRDeviceHandler {
-public:
-    bool OnData(ZNRByteBuffer const*, int*) override {
-        ZNRAsyncTcpDevice* const client = new ZNRAsyncTcpDevice();
-        if (!static_cast<ZNRAsyncTcpDevice*>(GetDevice())->Accept(client)) {
-            client->Destroy();
-            return true;  // keep listening
-        }
-        std::uint64_t const reactor = g_reactors[g_next++ % g_reactors.size()];
-        AdoptTask* const task = new AdoptTask(reactor, client);
-        if (Mgr()->RegisterTask(reactor, task) != 0) task->Destroy();
-        return true;
-    }
-};
-
 void Fail(std::uint64_t error) {
     std::fprintf(stderr, "plexa-entity-server: %s\n", ZNRGetErrorText(error).c_str());
     g_failed = true;
     kill(getpid(), SIGTERM);
 }
 
-// Registers the listener on the first reactor's thread, then accepts.
-class ListenTask : public ZNRReactorTask {
+// Gives each accepted connection an entity handler over the services.
+class EntityAcceptor : public ZNRTcpAcceptor {
 public:
-    ListenTask(ZNRAsyncTcpDevice* listener, std::string address)
-        : listener_(listener), address_(std::move(address)) {}
+    EntityAcceptor() : ZNRTcpAcceptor(kRecvMax, kRecvGrow, kSendMax) {}
 
-    bool Run() override {
-        std::uint64_t error = 0;
-        AcceptHandler* const handler = new AcceptHandler();
-        if (Mgr()->RegisterDevice(g_reactors[0], listener_, handler, &error, kRecvGrow, kRecvGrow,
-                                  kRecvGrow, kNoTimeout) == kNoId) {
-            handler->Destroy();
-            Fail(error);
-            return false;
-        }
-        ZNRAsyncTcpDevice* const listener = listener_;
-        listener_ = nullptr;  // the reactor's now
-        if (!listener->BeginAccept()) {
-            Fail(listener->GetError());
-            return false;
-        }
-        std::printf("plexa-entity-server: listening on %s\n", address_.c_str());
-        std::fflush(stdout);
-        return false;
+protected:
+    ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override {
+        return new ZNREntityDeviceHandler(g_services, reactor);
     }
-    void Cancel() override {}
-    void Destroy() override {
-        if (listener_ != nullptr) listener_->Destroy();
-        delete this;
-    }
-
-private:
-    ZNRAsyncTcpDevice* listener_;
-    std::string address_;
+    void OnListenFailed(std::uint64_t error) override { Fail(error); }
 };
 
 int Usage(std::FILE* out, int code) {
@@ -264,31 +193,6 @@ void StartLog(ZNRXmlConfig const& config) {
     ZNRSingleton<ZNRLogger>::Instance()->RegisterWriter(writer);
 }
 
-// Opens a listening device; null with a message on failure.
-ZNRAsyncTcpDevice* Listen(std::string const& address, std::string const& port, std::string* bound_text) {
-    ZNRNetAddrInfo local(ZNRNetAddrInfo::TYPE_IPV4);
-    std::uint64_t error = local.Open(ZNRString(port), ZNRString(address));
-    if (error == 0) {
-        ZNRTcpDeviceParam param;
-        param.local_addr = &local;
-        param.backlog = 128;
-        ZNRAsyncTcpDevice* const listener = new ZNRAsyncTcpDevice();
-        if (listener->Open(&param)) {
-            ZNRNetAddrInfo const* bound = listener->GetBindAddr(&error);
-            if (bound != nullptr) {
-                *bound_text = bound->GetAddrStr().ToStdCStr() + ":" + bound->GetPortStr().ToStdCStr();
-                return listener;
-            }
-        } else {
-            error = listener->GetError();
-        }
-        listener->Destroy();
-    }
-    std::fprintf(stderr, "plexa-entity-server: can not listen on %s:%s: %s\n", address.c_str(), port.c_str(),
-                 ZNRGetErrorText(error).c_str());
-    return nullptr;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -336,26 +240,29 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     int code = 1;
-    std::string bound;
-    if (ZNRAsyncTcpDevice* const listener = Listen(address, port, &bound)) {
-        ListenTask* const listen = new ListenTask(listener, bound);
-        std::uint64_t error = 0;
-        for (int i = 0; i < reactors && error == 0; ++i) {
-            std::uint64_t const id = Mgr()->New(&error);
-            if (id != kNoId) g_reactors.push_back(id);
-        }
-        for (std::uint64_t id : g_reactors) {
-            if (error == 0) error = Mgr()->StartThread(id, ZNRString("entity-" + std::to_string(id)), nullptr);
-        }
-        if (error == 0) error = Mgr()->RegisterTask(g_reactors[0], listen);
-        if (error == 0) {
-            int sig = 0;
-            sigwait(&signals, &sig);
-            code = g_failed ? 1 : 0;
-        } else {
-            listen->Destroy();
-            std::fprintf(stderr, "plexa-entity-server: %s\n", ZNRGetErrorText(error).c_str());
-        }
+    std::vector<std::uint64_t> ids;
+    std::uint64_t error = 0;
+    for (int i = 0; i < reactors && error == 0; ++i) {
+        std::uint64_t const id = Mgr()->New(&error);
+        if (id != kNoId) ids.push_back(id);
+    }
+    for (std::uint64_t id : ids) {
+        if (error == 0) error = Mgr()->StartThread(id, ZNRString("entity-" + std::to_string(id)), nullptr);
+    }
+    ZNRNetAddrInfo bound;
+    EntityAcceptor acceptor;
+    if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(port), ids, &bound);
+    if (error == 0) {
+        // The socket listens already: a client may connect from now on.
+        std::printf("plexa-entity-server: listening on %s:%s\n", bound.GetAddrStr().ToStdCStr().c_str(),
+                    bound.GetPortStr().ToStdCStr().c_str());
+        std::fflush(stdout);
+        int sig = 0;
+        sigwait(&signals, &sig);
+        code = g_failed ? 1 : 0;
+    } else {
+        std::fprintf(stderr, "plexa-entity-server: can not listen on %s:%s: %s\n", address.c_str(),
+                     port.c_str(), ZNRGetErrorText(error).c_str());
     }
 
     // Stops and joins every reactor thread, then destroys the reactors with
