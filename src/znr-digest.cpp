@@ -55,7 +55,8 @@ ZNRDigest::ZNRDigest(Algorithm_t algorithm)
 ZNRDigest::~ZNRDigest() { EVP_MD_CTX_free(Ctx(ctx_)); }
 
 unsigned int ZNRDigest::GetSize() const {
-    return algorithm_ == ALGORITHM_MD5 ? ZNRMd5::DIGEST_SIZE : ZNRSha1::DIGEST_SIZE;
+    return algorithm_ == ALGORITHM_MD5 ? static_cast<unsigned int>(ZNRMd5::DIGEST_SIZE)
+                                       : static_cast<unsigned int>(ZNRSha1::DIGEST_SIZE);
 }
 
 std::uint64_t ZNRDigest::Reset() {
