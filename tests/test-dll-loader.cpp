@@ -1,0 +1,103 @@
+#include <plexa/znr-dll-loader.h>
+#include <plexa/znr-error.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+namespace {
+
+std::uint64_t const kNotLoaded = 0x800000010000000BULL;
+std::uint64_t const kLoaderFailed = 0x8000000100000034ULL;
+char const kPlugin[] = PLEXA_TEST_PLUGIN;
+
+std::string Text(ZNRString const& s) { return s.ToStdCStr(); }
+
+// Whether the process still holds the library, without loading it.
+bool Resident(char const* path) {
+    void* const h = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+    if (h != nullptr) ::dlclose(h);
+    return h != nullptr;
+}
+
+class DllLoader : public ::testing::Test {};
+
+}  // namespace
+
+TEST_F(DllLoader, LoadLookUpUnload) {
+    ASSERT_FALSE(Resident(kPlugin));
+    ZNRDllLoader dll;
+    void* sym = nullptr;
+    EXPECT_EQ(kNotLoaded, dll.GetSymbol("plexa_test_plugin_add", &sym));
+    EXPECT_EQ(0u, dll.Unload());  // nothing to unload
+
+    ASSERT_EQ(0u, dll.Load(ZNRString(kPlugin))) << Text(dll.GetErrorText());
+    EXPECT_TRUE(dll.IsLoaded());
+    EXPECT_EQ(kPlugin, Text(dll.GetPath()));
+    EXPECT_TRUE(Resident(kPlugin));
+    EXPECT_EQ(ZNRSysError(EBUSY), dll.Load(ZNRString(kPlugin)));
+
+    ASSERT_EQ(0u, dll.GetSymbol("plexa_test_plugin_add", &sym));
+    EXPECT_EQ(42, reinterpret_cast<int (*)(int, int)>(sym)(40, 2));
+    ASSERT_EQ(0u, dll.GetSymbol("plexa_test_plugin_name", &sym));
+    EXPECT_STREQ("test plugin", static_cast<char const*>(sym));
+    EXPECT_EQ(ZNRSysError(EINVAL), dll.GetSymbol(nullptr, &sym));
+
+    // A failed lookup leaves the library loaded and says why.
+    EXPECT_EQ(kLoaderFailed, dll.GetSymbol("plexa_no_such_symbol", &sym));
+    EXPECT_NE(std::string::npos, Text(dll.GetErrorText()).find("undefined symbol: plexa_no_such_symbol"))
+        << Text(dll.GetErrorText());
+    ASSERT_EQ(0u, dll.GetSymbol("plexa_test_plugin_add", &sym));
+    EXPECT_EQ("", Text(dll.GetErrorText()));
+
+    EXPECT_EQ(0u, dll.Unload());
+    EXPECT_FALSE(dll.IsLoaded());
+    EXPECT_EQ("", Text(dll.GetPath()));
+    EXPECT_FALSE(Resident(kPlugin));
+    EXPECT_EQ(kNotLoaded, dll.GetSymbol("plexa_test_plugin_add", &sym));
+
+    // Reusable, and the destructor unloads.
+    {
+        ZNRDllLoader again;
+        ASSERT_EQ(0u, again.Load(ZNRString(kPlugin)));
+        EXPECT_TRUE(Resident(kPlugin));
+    }
+    EXPECT_FALSE(Resident(kPlugin));
+}
+
+TEST_F(DllLoader, FailuresCarryTheLoaderText) {
+    std::string const not_elf = ::testing::TempDir() + "plexa-not-a-library.so";
+    std::FILE* f = std::fopen(not_elf.c_str(), "w");
+    ASSERT_NE(nullptr, f);
+    std::fputs("plain text, not an object file\n", f);
+    std::fclose(f);
+
+    struct Row {
+        std::string path;
+        std::string text;  // expected inside the error text
+    };
+    std::vector<Row> const rows = {
+        {"/nonexistent/plexa-missing.so", "/nonexistent/plexa-missing.so: cannot open shared object file"},
+        {not_elf, not_elf + ": "},
+        {"", ""},  // not the program itself, as the loader would take it
+    };
+    for (Row const& row : rows) {
+        ZNRDllLoader dll;
+        std::uint64_t const err = dll.Load(ZNRString(row.path));
+        if (row.path.empty()) {
+            EXPECT_EQ(ZNRSysError(EINVAL), err);
+            continue;
+        }
+        EXPECT_EQ(kLoaderFailed, err) << row.path;
+        EXPECT_FALSE(dll.IsLoaded());
+        EXPECT_EQ(0u, Text(dll.GetErrorText()).find(row.text)) << Text(dll.GetErrorText());
+        EXPECT_EQ(0u, dll.Unload());
+    }
+    ::unlink(not_elf.c_str());
+}
