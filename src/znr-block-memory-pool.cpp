@@ -13,53 +13,99 @@ namespace {
 
 typedef unsigned char* Block;
 
-// std::less/greater give a total order even over unrelated allocations.
+// std::less gives a total order even over unrelated allocations.
 inline bool Below(Block a, Block b) { return std::less<Block>()(a, b); }
 
 }  // namespace
 
-// One class's free set and its count of used blocks; the used blocks
-// themselves are in the pool's address index.
+// One class's blocks, kept in address order: the free set is a bitmap
+// over those ranks, so the lowest free address is the first set bit and
+// taking or freeing a block moves nothing. Only making a block (rare:
+// blocks never leave before Clear) shifts the ranks above it. A class with
+// no free block has all its blocks in use, so it keeps no used count.
 struct ZNRBlockMemoryPool::BlockList {
-    explicit BlockList(std::uint32_t size)
-        : lowest(nullptr), block_size(size), used_count(0), block_count(0) {}
+    struct Owner {
+        char const* file;
+        unsigned int line;
+    };
 
-    // The lowest free address is kept apart from the heap so that freeing a
-    // block and taking it again, the common case, moves nothing.
-    Block TakeLowest() {
-        if (lowest != nullptr) {
-            Block const block = lowest;
-            lowest = nullptr;
-            return block;
-        }
-        if (others.empty()) return nullptr;
-        std::pop_heap(others.begin(), others.end(), std::greater<Block>());
-        Block const block = others.back();
-        others.pop_back();
-        return block;
+    explicit BlockList(std::uint32_t size) : block_size(size), first_word(0) {}
+
+    std::uint32_t Count() const { return static_cast<std::uint32_t>(blocks.size()); }
+
+    // So that Add cannot fail. Throws std::bad_alloc.
+    void Reserve(std::size_t n) {
+        blocks.reserve(n);
+        owners.reserve(n);
+        words.reserve((n + 63) / 64);
     }
 
-    // Never reallocates: others has room for every block of the class.
-    void PutFree(Block block) {
-        if (lowest == nullptr) {
-            if (others.empty() || Below(block, others.front())) {
-                lowest = block;
-                return;
-            }
-        } else if (Below(block, lowest)) {
-            std::swap(block, lowest);
-        }
-        others.push_back(block);
-        std::push_heap(others.begin(), others.end(), std::greater<Block>());
+    // Files a new block, free or used, and returns its rank.
+    std::uint32_t Add(Block block, bool free) {
+        std::uint32_t const rank = static_cast<std::uint32_t>(
+            std::lower_bound(blocks.begin(), blocks.end(), block, Below) - blocks.begin());
+        blocks.insert(blocks.begin() + rank, block);
+        owners.insert(owners.begin() + rank, Owner{nullptr, 0});
+        InsertBit(rank, free);
+        return rank;
     }
 
-    Block lowest;               // null, or below every address in others
-    std::vector<Block> others;  // min-heap by address
+    // The rank of the free block with the lowest address, now used; the
+    // count when none is free.
+    std::uint32_t TakeLowest() {
+        for (std::size_t w = first_word; w < words.size(); ++w) {
+            std::uint64_t const word = words[w];
+            if (word == 0) continue;
+            first_word = w;
+            words[w] = word & (word - 1);
+            return static_cast<std::uint32_t>(w * 64 + static_cast<std::size_t>(__builtin_ctzll(word)));
+        }
+        first_word = words.size();
+        return Count();
+    }
+
+    // False when the block is not in use. word is the rank's bitmap word.
+    bool PutFree(std::uint32_t rank, std::uint64_t& word) {
+        std::uint64_t const bit = std::uint64_t(1) << (rank % 64);
+        if ((word & bit) != 0) return false;
+        word |= bit;
+        if (rank / 64 < first_word) first_word = rank / 64;
+        return true;
+    }
+
+    bool IsUsed(std::uint32_t rank) const { return (words[rank / 64] >> (rank % 64) & 1) == 0; }
+
+    void Reset() {
+        blocks.clear();
+        owners.clear();
+        words.clear();
+        first_word = 0;
+    }
+
     std::uint32_t block_size;
-    std::uint32_t used_count;
-    std::uint32_t block_count;  // free and used, as taken from the heap
+    std::vector<Block> blocks;         // by rank
+    std::vector<Owner> owners;         // by rank, for used blocks
+    std::vector<std::uint64_t> words;  // bit r set: the block of rank r is free
+    std::size_t first_word;            // every word below it is zero
+
+private:
+    // Shifts the bits from rank up by one and sets rank's to free.
+    void InsertBit(std::uint32_t rank, bool free) {
+        if (words.size() * 64 < blocks.size()) words.push_back(0);
+        std::size_t const w = rank / 64;
+        for (std::size_t i = words.size() - 1; i > w; --i)
+            words[i] = words[i] << 1 | words[i - 1] >> 63;
+        std::uint64_t const below = (std::uint64_t(1) << (rank % 64)) - 1;
+        std::uint64_t const word = words[w];
+        words[w] = (word & below) | (word & ~below) << 1 |
+                   (free ? std::uint64_t(1) << (rank % 64) : 0);
+        if (free && w < first_word) first_word = w;
+    }
 };
 
+// The classes flattened in walk order, and an address index over every
+// block the pool holds. Entries go in when a block is made and leave only
+// in Clear, so the index needs no deletion.
 struct ZNRBlockMemoryPool::FastIndex {
     struct Class {
         std::uint32_t block_size;
@@ -67,14 +113,14 @@ struct ZNRBlockMemoryPool::FastIndex {
         BlockList* list;
     };
 
-    struct Used {
+    struct Entry {
         Block block;  // null marks an empty slot
         BlockList* list;
-        char const* file;
-        unsigned int line;
+        std::uint64_t* word;  // the list's bitmap word for rank
+        std::uint32_t rank;
     };
 
-    FastIndex() : mask(0), shift(64), count(0), blocks(0) {}
+    FastIndex() : mask(0), shift(64), count(0) {}
 
     std::size_t Home(Block block) const {
         // Fibonacci hashing: the high bits of the product mix every bit of
@@ -85,8 +131,7 @@ struct ZNRBlockMemoryPool::FastIndex {
             shift);
     }
 
-    // Room for n used blocks at a load of at most one half, so that inserts
-    // up to n never allocate.
+    // Room for n blocks at a load of at most one half. Throws std::bad_alloc.
     void Reserve(std::size_t n) {
         std::size_t want = 16;
         unsigned int bits = 4;
@@ -95,23 +140,23 @@ struct ZNRBlockMemoryPool::FastIndex {
             ++bits;
         }
         if (want <= slots.size()) return;
-        std::vector<Used> old(want, Used{nullptr, nullptr, nullptr, 0});
+        std::vector<Entry> old(want, Entry{nullptr, nullptr, nullptr, 0});
         old.swap(slots);
         mask = want - 1;
         shift = 64 - bits;
         count = 0;
-        for (Used const& used : old)
-            if (used.block != nullptr) Insert(used);
+        for (Entry const& entry : old)
+            if (entry.block != nullptr) Insert(entry);
     }
 
-    void Insert(Used const& used) {
-        std::size_t i = Home(used.block);
+    void Insert(Entry const& entry) {
+        std::size_t i = Home(entry.block);
         while (slots[i].block != nullptr) i = (i + 1) & mask;
-        slots[i] = used;
+        slots[i] = entry;
         ++count;
     }
 
-    Used* Find(Block block) {
+    Entry* Find(Block block) {
         if (block == nullptr || count == 0) return nullptr;
         for (std::size_t i = Home(block);; i = (i + 1) & mask) {
             if (slots[i].block == block) return &slots[i];
@@ -119,44 +164,34 @@ struct ZNRBlockMemoryPool::FastIndex {
         }
     }
 
-    // Backward-shift deletion keeps probe chains whole without tombstones.
-    void Erase(Used* used) {
-        std::size_t hole = static_cast<std::size_t>(used - slots.data());
-        for (std::size_t j = (hole + 1) & mask; slots[j].block != nullptr; j = (j + 1) & mask) {
-            std::size_t const home = Home(slots[j].block);
-            if (((j - home) & mask) >= ((j - hole) & mask)) {
-                slots[hole] = slots[j];
-                hole = j;
-            }
-        }
-        slots[hole].block = nullptr;
-        --count;
-    }
-
-    // Makes sure a new block of list can be indexed and freed without
-    // further allocation; false when memory for that is lacking.
-    bool MakeRoom(BlockList* list) {
+    // Makes a block for list and files it; null when memory is lacking.
+    Block Make(BlockList* list, bool free, std::uint32_t* rank) {
+        std::uint64_t const* const words = list->words.data();
         try {
-            Reserve(blocks + 1);
-            std::size_t const need = list->block_count + 1;
-            if (list->others.capacity() < need) {
-                std::size_t room = std::max<std::size_t>(16, 2 * list->others.capacity());
-                list->others.reserve(std::max(room, need));
-            }
+            Reserve(count + 1);
+            list->Reserve(list->Count() + 1);
         } catch (std::bad_alloc const&) {
-            return false;
+            return nullptr;
         }
-        ++blocks;
-        ++list->block_count;
-        return true;
+        Block const block = new (std::nothrow) unsigned char[list->block_size];
+        if (block == nullptr) return nullptr;
+        *rank = list->Add(block, free);
+        Insert(Entry{block, list, nullptr, *rank});
+        // Ranks above the new block moved up; all bitmap words moved when
+        // the bitmap grew.
+        for (std::uint32_t r = list->words.data() == words ? *rank : 0; r < list->Count(); ++r) {
+            Entry* const entry = Find(list->blocks[r]);
+            entry->rank = r;
+            entry->word = &list->words[r / 64];
+        }
+        return block;
     }
 
-    std::vector<Class> walk;  // the classes in multimap order
-    std::vector<Used> slots;  // open addressing, power-of-two size
+    std::vector<Class> walk;   // the classes in multimap order
+    std::vector<Entry> slots;  // open addressing, power-of-two size
     std::size_t mask;
     unsigned int shift;
     std::size_t count;
-    std::size_t blocks;  // blocks of all classes taken from the heap
 };
 
 ZNRMemoryPool::InitParamBase::~InitParamBase() {}
@@ -199,13 +234,11 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
         info.block_list = new BlockList(info.block_size);
         std::uint64_t result = 0;
         for (std::uint32_t i = 0; i < info.prealloc_count; ++i) {
-            Block block = new (std::nothrow) unsigned char[info.block_size];
-            if (block == nullptr || !index_->MakeRoom(info.block_list)) {
-                delete[] block;
+            std::uint32_t rank = 0;
+            if (index_->Make(info.block_list, true, &rank) == nullptr) {
                 result = ZNRUserError(44);
                 break;
             }
-            info.block_list->PutFree(block);
             current_size_ += info.block_size;
         }
         max_capacity_ += info.block_size * info.max_count;
@@ -219,25 +252,40 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
 void* ZNRBlockMemoryPool::Alloc(unsigned int size, char const* owner_file, unsigned int owner_line,
                                 std::uint64_t* error) {
     std::vector<FastIndex::Class> const& walk = index_->walk;
-    auto it = walk.begin();
-    while (it != walk.end() && it->block_size < size) ++it;
-    for (; it != walk.end(); ++it) {
-        BlockList* const list = it->list;
-        Block block = list->TakeLowest();
-        if (block == nullptr) {
-            if (list->used_count >= it->max_count) continue;
-            block = new (std::nothrow) unsigned char[it->block_size];
-            if (block == nullptr) break;
-            if (!index_->MakeRoom(list)) {
-                delete[] block;
-                break;
-            }
-            current_size_ += it->block_size;
+    std::size_t first = 0;
+    while (first < walk.size() && walk[first].block_size < size) ++first;
+    if (first < walk.size()) {
+        BlockList* const list = walk[first].list;
+        std::uint32_t const rank = list->TakeLowest();
+        if (rank < list->Count()) {
+            list->owners[rank] = BlockList::Owner{owner_file, owner_line};
+            used_size_ += list->block_size;
+            return list->blocks[rank];
         }
-        // Room was made when the block came from the heap.
-        index_->Insert(FastIndex::Used{block, list, owner_file, owner_line});
-        ++list->used_count;
-        used_size_ += it->block_size;
+    }
+    return AllocBeyondFree(first, owner_file, owner_line, error);
+}
+
+// Kept out of line so that taking a free block stays a short leaf.
+__attribute__((noinline)) void* ZNRBlockMemoryPool::AllocBeyondFree(std::size_t first,
+                                                                    char const* owner_file,
+                                                                    unsigned int owner_line,
+                                                                    std::uint64_t* error) {
+    std::vector<FastIndex::Class> const& walk = index_->walk;
+    for (std::size_t i = first; i < walk.size(); ++i) {
+        BlockList* const list = walk[i].list;
+        std::uint32_t rank = i == first ? list->Count() : list->TakeLowest();
+        Block block = nullptr;
+        if (rank < list->Count()) {
+            block = list->blocks[rank];
+        } else {
+            if (list->Count() >= walk[i].max_count) continue;
+            block = index_->Make(list, false, &rank);
+            if (block == nullptr) break;
+            current_size_ += list->block_size;
+        }
+        list->owners[rank] = BlockList::Owner{owner_file, owner_line};
+        used_size_ += list->block_size;
         return block;
     }
     if (error != nullptr) *error = ZNRUserError(44);
@@ -252,44 +300,29 @@ void* ZNRBlockMemoryPool::Alloc(unsigned int size, char fill, char const* owner_
 }
 
 std::uint64_t ZNRBlockMemoryPool::Free(void* p) {
-    // A live block has one address, so the index entry names the one class
-    // whose used blocks hold it.
-    FastIndex::Used* const used = index_->Find(static_cast<Block>(p));
-    if (used == nullptr) return ZNRUserError(46);
-    BlockList* const list = used->list;
-    index_->Erase(used);
-    --list->used_count;
-    list->PutFree(static_cast<Block>(p));
-    used_size_ -= list->block_size;
+    // A block has one address, so the index names the one class that can
+    // hold it as used.
+    FastIndex::Entry const* const entry = index_->Find(static_cast<Block>(p));
+    if (entry == nullptr || !entry->list->PutFree(entry->rank, *entry->word)) return ZNRUserError(46);
+    used_size_ -= entry->list->block_size;
     return 0;
 }
 
 std::uint64_t ZNRBlockMemoryPool::Clear() {
-    std::vector<FastIndex::Used> held;
     for (FastIndex::Class const& c : index_->walk) {
         BlockList* const list = c.list;
-        delete[] list->lowest;
-        list->lowest = nullptr;
-        for (Block block : list->others) delete[] block;
-        list->others.clear();
-
-        held.clear();
-        for (FastIndex::Used const& used : index_->slots)
-            if (used.block != nullptr && used.list == list) held.push_back(used);
-        std::sort(held.begin(), held.end(), [](FastIndex::Used const& a, FastIndex::Used const& b) {
-            return Below(a.block, b.block);
-        });
-        for (FastIndex::Used const& used : held) {
-            ZNR_LOG(WARNING, "Clear used memory block, size=%u, owner_info=%s:%u", c.block_size,
-                    used.file != nullptr ? used.file : "", used.line);
-            delete[] used.block;
+        for (std::uint32_t rank = 0; rank < list->Count(); ++rank) {
+            if (list->IsUsed(rank)) {
+                BlockList::Owner const& owner = list->owners[rank];
+                ZNR_LOG(WARNING, "Clear used memory block, size=%u, owner_info=%s:%u", c.block_size,
+                        owner.file != nullptr ? owner.file : "", owner.line);
+            }
+            delete[] list->blocks[rank];
         }
-        list->used_count = 0;
-        list->block_count = 0;
+        list->Reset();
     }
-    for (FastIndex::Used& used : index_->slots) used.block = nullptr;
+    for (FastIndex::Entry& entry : index_->slots) entry.block = nullptr;
     index_->count = 0;
-    index_->blocks = 0;
     return 0;
 }
 

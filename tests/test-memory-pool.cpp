@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <iterator>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -180,6 +182,54 @@ TEST_F(MemoryPoolTest, ClearLogsUsedBlocksAndKeepsClassesAndCounters) {
     log_.clear();
     pool.Clear();
     EXPECT_EQ(4u, Messages(ZNRLogger::LOGL_WARNING).size());
+}
+
+// Random takes and frees against a model of the free and used sets, across
+// growth (blocks made at any address) and Clear: every take must be the
+// lowest free address, every double free error 46.
+TEST_F(MemoryPoolTest, TakesTheLowestFreeAddressThroughGrowthAndClear) {
+    ZNRBlockMemoryPool::InitParam param = MakeParam({Info(48, 5, 200)});
+    ZNRBlockMemoryPool pool;
+    ASSERT_EQ(0u, pool.Init(&param));
+    std::set<void*> free_set, used;
+    std::vector<void*> freed;
+    unsigned int seed = 7;
+    auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
+    for (int round = 0; round < 2; ++round) {
+        unsigned int const base = pool.GetUsedSize();  // Clear keeps the counters
+        for (int step = 0; step < 4000; ++step) {
+            if (next() % 8 < 5 || used.empty()) {
+                void* p = pool.Alloc(1 + next() % 48, "m.cpp", step, &error_);
+                if (!free_set.empty()) {
+                    ASSERT_EQ(*free_set.begin(), p) << step;
+                    free_set.erase(free_set.begin());
+                } else if (free_set.size() + used.size() < 200) {
+                    ASSERT_TRUE(p != nullptr && used.count(p) == 0) << step;
+                } else {
+                    ASSERT_EQ(nullptr, p);
+                    continue;
+                }
+                used.insert(p);
+            } else {
+                auto it = used.begin();
+                std::advance(it, next() % used.size());
+                ASSERT_EQ(0u, pool.Free(*it));
+                freed.push_back(*it);
+                free_set.insert(*it);
+                used.erase(it);
+            }
+            if (step % 97 == 0 && !freed.empty() && free_set.count(freed.back())) {
+                ASSERT_EQ(kError46, pool.Free(freed.back()));
+            }
+            ASSERT_EQ(base + 48u * used.size(), pool.GetUsedSize()) << step;
+        }
+        log_.clear();
+        pool.Clear();
+        ASSERT_EQ(used.size(), Messages(ZNRLogger::LOGL_WARNING).size());
+        free_set.clear();
+        used.clear();
+        freed.clear();
+    }
 }
 
 TEST_F(MemoryPoolTest, PoolAllocatorGivesEachThreadItsOwnPool) {

@@ -89,6 +89,10 @@ private:
     struct FastIndex;
 
     void RebuildWalk();
+    // Alloc once the first class that fits has no free block: from
+    // class first on, a new block or a larger class's free one.
+    void* AllocBeyondFree(std::size_t first, char const* owner_file, unsigned int owner_line,
+                          std::uint64_t* error);
 
     std::uint32_t max_capacity_;
     std::uint32_t current_size_;

@@ -27,7 +27,8 @@
 template <class Pool, class Param>
 class ZNR_API ZNRPoolMemAllocator : public ZNRMemAllocator {
 public:
-    explicit ZNRPoolMemAllocator(Param const& param) : param_(param), shared_(new Shared(this)) {
+    explicit ZNRPoolMemAllocator(Param const& param)
+        : param_(param), shared_(new Shared(this)), id_(NextId()) {
         if (tls_.Open() == 0) tls_.Set(nullptr);
     }
 
@@ -42,7 +43,6 @@ public:
                             heap.second.owner_line);
                     delete[] heap.first;
                 }
-                delete record->pool;
                 delete record;
             }
             records_->clear();
@@ -57,7 +57,7 @@ public:
         PoolRecord* const record = CurrentRecord(true);
         if (record == nullptr) return nullptr;
         std::uint64_t error = 0;
-        void* const p = record->pool->Alloc(size, owner_file, owner_line, &error);
+        void* const p = record->pool.Pool::Alloc(size, owner_file, owner_line, &error);
         if (error == 0) return p;
 
         ZNR_LOG(DEBUG,
@@ -66,22 +66,29 @@ public:
                 size, owner_file != nullptr ? owner_file : "", owner_line,
                 ZNRGetErrorText(error).c_str());
         unsigned char* const heap = new (std::nothrow) unsigned char[size];
-        if (heap != nullptr) (*record->heap_blocks)[heap] = HeapBlock{size, owner_file, owner_line};
+        if (heap != nullptr) {
+            try {
+                (*record->heap_blocks)[heap] = HeapBlock{size, owner_file, owner_line};
+            } catch (std::bad_alloc const&) {
+                delete[] heap;
+                return nullptr;
+            }
+        }
         return heap;
     }
 
     std::uint64_t Free(void* p) override {
         PoolRecord* const record = CurrentRecord(false);
         if (record == nullptr) return ZNRUserError(46);
-        if (!record->heap_blocks->empty()) {
-            auto heap = record->heap_blocks->find(static_cast<unsigned char*>(p));
-            if (heap != record->heap_blocks->end()) {
-                delete[] heap->first;
-                record->heap_blocks->erase(heap);
-                return 0;
-            }
-        }
-        return record->pool->Free(p);
+        // Pool and heap blocks are distinct live allocations, so the order
+        // of the two looks does not matter; the pool is the common case.
+        std::uint64_t const result = record->pool.Pool::Free(p);
+        if (result == 0 || record->heap_blocks->empty()) return result;
+        auto heap = record->heap_blocks->find(static_cast<unsigned char*>(p));
+        if (heap == record->heap_blocks->end()) return result;
+        delete[] heap->first;
+        record->heap_blocks->erase(heap);
+        return 0;
     }
 
     // Pools held now: one for each live thread that has allocated, and one
@@ -99,8 +106,8 @@ private:
     };
 
     struct PoolRecord {
+        Pool pool;
         ZNRStlAdapter<std::map<unsigned char*, HeapBlock>> heap_blocks;
-        Pool* pool;
     };
 
     // The lock and the way to the allocator, kept apart from it because the
@@ -136,15 +143,38 @@ private:
         PoolRecord* const record_;
     };
 
+    // The record this thread used last, so that the common case reads one
+    // thread-local pair instead of asking the slot. Allocators are told
+    // apart by id, not address: a new one may take a dead one's address.
+    struct LastUsed {
+        std::uint64_t id;
+        PoolRecord* record;
+    };
+    static LastUsed& Last() {
+        static thread_local LastUsed last = {0, nullptr};
+        return last;
+    }
+    static std::uint64_t NextId() {
+        static std::atomic<std::uint64_t> next(1);
+        return next.fetch_add(1, std::memory_order_relaxed);
+    }
+
     // This thread's record; made (with its pool) on first use when create.
     PoolRecord* CurrentRecord(bool create) {
+        LastUsed& last = Last();
+        if (last.id == id_) return last.record;
+        PoolRecord* const record = LookUpRecord(create);
+        if (record != nullptr) last = LastUsed{id_, record};
+        return record;
+    }
+
+    PoolRecord* LookUpRecord(bool create) {
         void* slot = nullptr;
         if (tls_.Get(&slot) != 0) return nullptr;
         if (slot != nullptr || !create) return static_cast<PoolRecord*>(slot);
 
         PoolRecord* const record = new PoolRecord();
-        record->pool = new Pool();
-        record->pool->Init(&param_);
+        record->pool.Init(&param_);
         tls_.Set(record);
         {
             ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
@@ -158,17 +188,18 @@ private:
 
     // On the ending thread, under the lock.
     void DropIfIdle(PoolRecord* record) {
-        if (!record->heap_blocks->empty() || record->pool->GetUsedSize() != 0) return;
+        if (!record->heap_blocks->empty() || record->pool.GetUsedSize() != 0) return;
         records_->erase(record);
-        delete record->pool;
         delete record;
         tls_.Set(nullptr);
+        if (Last().id == id_) Last() = LastUsed{0, nullptr};
     }
 
     Param param_;
     ZNRTLS tls_;
     ZNRStlAdapter<std::set<PoolRecord*>> records_;
     Shared* const shared_;
+    std::uint64_t const id_;
 };
 
 // The process-wide pooled allocator for large message buffers: 2 MiB
