@@ -1,0 +1,177 @@
+#include <plexa/znr-error.h>
+#include <plexa/znr-getopt.h>
+
+#include <cctype>
+#include <cstring>
+
+namespace {
+
+std::uint64_t const kInvalidParam = ZNRUserError(1);
+std::uint64_t const kUnknownOption = ZNRUserError(53);
+std::uint64_t const kBadArgument = ZNRUserError(54);
+
+}  // namespace
+
+ZNRGetopt::ZNRGetopt() : permute_(true) {}
+
+ZNRGetopt::~ZNRGetopt() {}
+
+std::uint64_t ZNRGetopt::AddOption(int id, char short_name, char const* long_name,
+                                   Argument_t argument) {
+    std::string const name = long_name != nullptr ? long_name : "";
+    if (short_name == 0 && name.empty()) return kInvalidParam;
+    if (short_name != 0 &&
+        (!std::isgraph(static_cast<unsigned char>(short_name)) || short_name == '-'))
+        return kInvalidParam;
+    if (name.find('=') != std::string::npos || name[0] == '-') return kInvalidParam;
+    if (argument != ARGUMENT_NONE && argument != ARGUMENT_REQUIRED &&
+        argument != ARGUMENT_OPTIONAL)
+        return kInvalidParam;
+    for (Option const& o : *options_) {
+        if ((short_name != 0 && o.short_name == short_name) ||
+            (!name.empty() && o.long_name == name))
+            return kInvalidParam;
+    }
+    options_->push_back({id, short_name, name, argument});
+    return 0;
+}
+
+std::uint64_t ZNRGetopt::Parse(int argc, char const* const* argv) {
+    found_->clear();
+    operands_->clear();
+    error_text_->clear();
+    if (argc > 0 && argv == nullptr) return kInvalidParam;
+    bool options_ended = false;
+    for (int i = 1; i < argc && argv[i] != nullptr; ++i) {
+        char const* const arg = argv[i];
+        if (options_ended || arg[0] != '-' || arg[1] == '\0') {
+            operands_->push_back(arg);
+            if (!permute_) options_ended = true;
+            continue;
+        }
+        if (std::strcmp(arg, "--") == 0) {
+            options_ended = true;
+            continue;
+        }
+        std::uint64_t const rc = arg[1] == '-' ? ParseLong(arg, argc, argv, &i)
+                                               : ParseShort(arg, argc, argv, &i);
+        if (rc != 0) return rc;
+    }
+    return 0;
+}
+
+std::uint64_t ZNRGetopt::ParseLong(char const* arg, int argc, char const* const* argv,
+                                   int* index) {
+    char const* const body = arg + 2;
+    char const* const eq = std::strchr(body, '=');
+    std::string const name = eq != nullptr ? std::string(body, eq) : std::string(body);
+    Option const* option = nullptr;
+    std::uint64_t const rc = FindLong(name, &option);
+    if (rc != 0) return rc;
+    std::string const shown = "'--" + option->long_name + "'";
+    if (eq != nullptr) {
+        if (option->argument == ARGUMENT_NONE)
+            return Fail(kBadArgument, "option " + shown + " doesn't allow an argument");
+        Add(*option, eq + 1);
+    } else if (option->argument == ARGUMENT_REQUIRED) {
+        // Taken as it is, even when it looks like an option: "--name -x".
+        if (*index + 1 >= argc || argv[*index + 1] == nullptr)
+            return Fail(kBadArgument, "option " + shown + " needs an argument");
+        Add(*option, argv[++*index]);
+    } else {
+        Add(*option, nullptr);
+    }
+    return 0;
+}
+
+std::uint64_t ZNRGetopt::ParseShort(char const* arg, int argc, char const* const* argv,
+                                    int* index) {
+    for (char const* p = arg + 1; *p != '\0'; ++p) {
+        Option const* const option = FindShort(*p);
+        if (option == nullptr) return Fail(kUnknownOption, std::string("unknown option '-") + *p + "'");
+        if (option->argument == ARGUMENT_NONE) {
+            Add(*option, nullptr);
+            continue;
+        }
+        // The rest of the cluster is the argument, if there is a rest.
+        if (p[1] != '\0') {
+            Add(*option, p + 1);
+        } else if (option->argument == ARGUMENT_OPTIONAL) {
+            Add(*option, nullptr);
+        } else if (*index + 1 >= argc || argv[*index + 1] == nullptr) {
+            return Fail(kBadArgument, std::string("option '-") + *p + "' needs an argument");
+        } else {
+            Add(*option, argv[++*index]);
+        }
+        break;
+    }
+    return 0;
+}
+
+ZNRGetopt::Option const* ZNRGetopt::FindShort(char name) const {
+    for (Option const& o : *options_) {
+        if (o.short_name == name) return &o;
+    }
+    return nullptr;
+}
+
+std::uint64_t ZNRGetopt::FindLong(std::string const& name, Option const** out) {
+    Option const* prefixed = nullptr;
+    unsigned int prefix_count = 0;
+    for (Option const& o : *options_) {
+        if (o.long_name.empty()) continue;
+        if (o.long_name == name) {
+            *out = &o;
+            return 0;
+        }
+        if (!name.empty() && o.long_name.compare(0, name.size(), name) == 0) {
+            prefixed = &o;
+            ++prefix_count;
+        }
+    }
+    if (prefix_count == 1) {
+        *out = prefixed;
+        return 0;
+    }
+    if (prefix_count > 1) return Fail(kUnknownOption, "option '--" + name + "' is ambiguous");
+    return Fail(kUnknownOption, "unknown option '--" + name + "'");
+}
+
+std::uint64_t ZNRGetopt::Fail(std::uint64_t code, std::string const& text) {
+    *error_text_ = text;
+    return code;
+}
+
+void ZNRGetopt::Add(Option const& option, char const* argument) {
+    found_->push_back({option.id, argument != nullptr, argument != nullptr ? argument : ""});
+}
+
+unsigned int ZNRGetopt::GetOptionCount() const { return static_cast<unsigned int>(found_->size()); }
+
+int ZNRGetopt::GetOptionId(unsigned int index) const {
+    return index < found_->size() ? (*found_)[index].id : -1;
+}
+
+char const* ZNRGetopt::GetOptionArgument(unsigned int index) const {
+    if (index >= found_->size() || !(*found_)[index].has_argument) return nullptr;
+    return (*found_)[index].argument.c_str();
+}
+
+unsigned int ZNRGetopt::Find(int id) const {
+    for (std::size_t i = found_->size(); i-- > 0;) {
+        if ((*found_)[i].id == id) return static_cast<unsigned int>(i);
+    }
+    return npos;
+}
+
+char const* ZNRGetopt::GetArgument(int id) const { return GetOptionArgument(Find(id)); }
+
+unsigned int ZNRGetopt::GetOperandCount() const {
+    return static_cast<unsigned int>(operands_->size());
+}
+
+char const* ZNRGetopt::GetOperand(unsigned int index) const {
+    return index < operands_->size() ? (*operands_)[index].c_str() : nullptr;
+}
+
+char const* ZNRGetopt::GetErrorText() const { return error_text_->c_str(); }

@@ -1,0 +1,141 @@
+#include <plexa/znr-error.h>
+#include <plexa/znr-getopt.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+class GetoptTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0u, opt.AddOption('a', 'a', "all", ZNRGetopt::ARGUMENT_NONE));
+        ASSERT_EQ(0u, opt.AddOption('b', 'b', nullptr, ZNRGetopt::ARGUMENT_NONE));
+        ASSERT_EQ(0u, opt.AddOption('o', 'o', "output", ZNRGetopt::ARGUMENT_REQUIRED));
+        ASSERT_EQ(0u, opt.AddOption('c', 'c', "color", ZNRGetopt::ARGUMENT_OPTIONAL));
+        ASSERT_EQ(0u, opt.AddOption('V', 0, "verbose", ZNRGetopt::ARGUMENT_NONE));
+        ASSERT_EQ(0u, opt.AddOption('v', 0, "version", ZNRGetopt::ARGUMENT_NONE));
+    }
+
+    // Parses "prog" + args; renders options as id[=arg] and then "| operands".
+    std::string Run(std::vector<char const*> args, std::uint64_t* rc) {
+        args.insert(args.begin(), "prog");
+        *rc = opt.Parse(static_cast<int>(args.size()), args.data());
+        std::string out;
+        for (unsigned int i = 0; i < opt.GetOptionCount(); ++i) {
+            out += static_cast<char>(opt.GetOptionId(i));
+            if (opt.GetOptionArgument(i) != nullptr) out += std::string("=") + opt.GetOptionArgument(i);
+            out += ' ';
+        }
+        out += '|';
+        for (unsigned int i = 0; i < opt.GetOperandCount(); ++i) out += std::string(" ") + opt.GetOperand(i);
+        return out;
+    }
+
+    ZNRGetopt opt;
+};
+
+TEST_F(GetoptTest, ParsesCommandLines) {
+    struct Case {
+        std::vector<char const*> args;
+        std::string expected;
+    } const cases[] = {
+        {{}, "|"},
+        {{"-a", "-b"}, "a b |"},
+        {{"-ab", "-ba"}, "a b b a |"},
+        {{"-ovalue"}, "o=value |"},
+        {{"-o", "value"}, "o=value |"},
+        {{"-abofile", "x"}, "a b o=file | x"},
+        {{"-ab", "-o", "-a"}, "a b o=-a |"},  // a required argument is taken as it stands
+        {{"-o", ""}, "o= |"},
+        {{"-c", "x"}, "c | x"},                // optional: only attached
+        {{"-cred"}, "c=red |"},
+        {{"-acblue"}, "a c=blue |"},
+        {{"--all", "--output=f", "--output", "g"}, "a o=f o=g |"},
+        {{"--output="}, "o= |"},
+        {{"--output", "--all"}, "o=--all |"},
+        {{"--color", "x", "--color=", "--color=blue"}, "c c= c=blue | x"},
+        {{"--al", "--out=x", "--verb", "--vers"}, "a o=x V v |"},  // unique prefixes
+        {{"--version", "--verbose"}, "v V |"},
+        {{"x", "-a", "y", "--output", "z", "w"}, "a o=z | x y w"},  // permutation
+        {{"-a", "--", "-b", "--all", "--"}, "a | -b --all --"},
+        {{"-", "-a", "-"}, "a | - -"},
+        {{"--output=a=b"}, "o=a=b |"},
+    };
+    for (Case const& c : cases) {
+        std::uint64_t rc = 1;
+        EXPECT_EQ(c.expected, Run(c.args, &rc)) << c.expected;
+        EXPECT_EQ(0u, rc) << c.expected;
+        EXPECT_STREQ("", opt.GetErrorText());
+    }
+}
+
+TEST_F(GetoptTest, ReportsErrors) {
+    struct Case {
+        std::vector<char const*> args;
+        std::uint32_t number;
+        char const* text;
+        std::string kept;  // what was parsed before the error
+    } const cases[] = {
+        {{"-x"}, 53, "unknown option '-x'", "|"},
+        {{"-abx", "y"}, 53, "unknown option '-x'", "a b |"},
+        {{"--x"}, 53, "unknown option '--x'", "|"},
+        {{"--x=1"}, 53, "unknown option '--x'", "|"},
+        {{"--ver"}, 53, "option '--ver' is ambiguous", "|"},
+        {{"--alls"}, 53, "unknown option '--alls'", "|"},
+        {{"--="}, 53, "unknown option '--'", "|"},
+        {{"op", "-o"}, 54, "option '-o' needs an argument", "| op"},
+        {{"-ao"}, 54, "option '-o' needs an argument", "a |"},
+        {{"--output"}, 54, "option '--output' needs an argument", "|"},
+        {{"--out"}, 54, "option '--output' needs an argument", "|"},
+        {{"--all=yes"}, 54, "option '--all' doesn't allow an argument", "|"},
+    };
+    for (Case const& c : cases) {
+        std::uint64_t rc = 0;
+        EXPECT_EQ(c.kept, Run(c.args, &rc)) << c.text;
+        EXPECT_EQ(ZNRUserError(c.number), rc) << c.text;
+        EXPECT_STREQ(c.text, opt.GetErrorText());
+    }
+    // The next successful parse clears the error and the results.
+    std::uint64_t rc = 1;
+    EXPECT_EQ("a |", Run({"-a"}, &rc));
+    EXPECT_STREQ("", opt.GetErrorText());
+}
+
+TEST_F(GetoptTest, DefinitionsLookupsAndPosixOrder) {
+    std::uint64_t const bad = ZNRUserError(1);
+    EXPECT_EQ(bad, opt.AddOption(1, 0, nullptr, ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, 0, "", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, '-', "dash", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, ' ', "space", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, 0, "a=b", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, 0, "-x", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, 'a', "new", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, 'n', "all", ZNRGetopt::ARGUMENT_NONE));
+    EXPECT_EQ(bad, opt.AddOption(1, 'n', "new", static_cast<ZNRGetopt::Argument_t>(3)));
+    EXPECT_EQ(bad, opt.Parse(2, nullptr));
+
+    std::uint64_t rc = 1;
+    EXPECT_EQ("o=1 a o=2 |", Run({"-o1", "-a", "--output=2"}, &rc));
+    EXPECT_EQ(2u, opt.Find('o'));
+    EXPECT_STREQ("2", opt.GetArgument('o'));
+    EXPECT_TRUE(opt.IsSet('a'));
+    EXPECT_EQ(nullptr, opt.GetArgument('a'));
+    EXPECT_FALSE(opt.IsSet('b'));
+    EXPECT_EQ(ZNRGetopt::npos, opt.Find('b'));
+    EXPECT_EQ(-1, opt.GetOptionId(3));
+    EXPECT_EQ(nullptr, opt.GetOperand(0));
+
+    // Without permutation the first operand ends the options.
+    opt.SetPermute(false);
+    EXPECT_EQ("a | x -b --all", Run({"-a", "x", "-b", "--all"}, &rc));
+    EXPECT_EQ(0u, rc);
+    // A null entry ends the vector early.
+    char const* const argv[] = {"prog", "-a", nullptr, "-b"};
+    EXPECT_EQ(0u, opt.Parse(4, argv));
+    EXPECT_EQ(1u, opt.GetOptionCount());
+}
+
+}  // namespace
