@@ -38,7 +38,7 @@ void SetError(std::uint64_t* error, std::uint64_t code) {
 ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id,
                                                    ZNRDevice* device)
     : reactor_(reactor), id_(id), device_(device), io_(nullptr), timer_(nullptr), recv_buff_grow_size_(512),
-      recv_buff_max_size_(4096), send_buff_max_size_(4096), queued_send_bytes_(0),
+      recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr), queued_send_bytes_(0),
       sending_(false), connecting_(false) {
     if (device != nullptr) desc_ = device->GetDescInfo();
     // Looked up once: every completion asks for it.
@@ -52,6 +52,7 @@ ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
         timer_->Destroy();
     }
     for (ZNRByteBuffer* buffer : send_queue_) delete buffer;
+    delete spare_;
     if (device_ != nullptr) device_->Destroy();
 }
 
@@ -106,7 +107,29 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
 }
 
 bool ZNRReactorIOCPDeviceBase::Send(unsigned char const* data, int size, std::uint64_t* error) {
-    return Send(new ZNRByteBuffer(data, static_cast<unsigned int>(size)), error);
+    unsigned int const n = static_cast<unsigned int>(size);
+    ZNRByteBuffer* buffer = spare_;
+    if (buffer != nullptr && buffer->GetCapacity() >= n) {
+        spare_ = nullptr;
+        buffer->ResetDataCount(0);
+        buffer->AppendData(data, n);
+    } else {
+        buffer = new ZNRByteBuffer(data, n);
+    }
+    return Send(buffer, error);
+}
+
+// Keeps one written buffer for the next copied send, so that a steady
+// exchange allocates nothing; the larger one wins, up to a limit.
+void ZNRReactorIOCPDeviceBase::Recycle(ZNRByteBuffer* buffer) {
+    unsigned int const kSpareMax = 64 * 1024;
+    if (buffer->GetCapacity() > kSpareMax ||
+        (spare_ != nullptr && spare_->GetCapacity() >= buffer->GetCapacity())) {
+        delete buffer;
+        return;
+    }
+    delete spare_;
+    spare_ = buffer;
 }
 
 bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
@@ -153,8 +176,8 @@ bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
     if (static_cast<unsigned int>(bytes) < front->GetDataCount()) {
         front->CutData(static_cast<unsigned int>(bytes));  // the rest goes next
     } else {
-        delete front;
         send_queue_.pop_front();
+        Recycle(front);
     }
     queued_send_bytes_ -= bytes;
     return true;

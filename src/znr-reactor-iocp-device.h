@@ -53,6 +53,8 @@ protected:
     virtual ~ZNRReactorIOCPDeviceBase();
     // Posts a write of the oldest queued buffer.
     std::uint64_t PostSend();
+    // Takes a buffer that has been written.
+    void Recycle(ZNRByteBuffer* buffer);
 
     ZNRReactorIOCP* reactor_;
     std::uint32_t id_;
@@ -63,6 +65,7 @@ protected:
     int recv_buff_max_size_;
     int send_buff_max_size_;
     ZNRByteBuffer recv_buffer_;
+    ZNRByteBuffer* spare_;
     std::deque<ZNRByteBuffer*> send_queue_;
     int queued_send_bytes_;
     ZNRString desc_;

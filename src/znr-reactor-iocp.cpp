@@ -116,7 +116,8 @@ ZNRReactorIOCP::ZNRReactorIOCP(ZNRTimerMgr* timer_mgr)
     : ZNRReactor(timer_mgr), engine_(nullptr), loop_thread_(nullptr), stopped_(false),
       queued_count_(0), read_device_(nullptr), write_device_(nullptr),
       read_device_id_(kNoDeviceId), planned_wake_(kNoId), dispose_size_(100),
-      queue_max_(100000), wake_pending_(false), dispatching_(nullptr), dispatching_removed_(false), idle_wakeups_(0) {}
+      queue_max_(100000), wake_pending_(false), dispatching_(nullptr), dispatching_removed_(false),
+      next_wait_(-1), idle_wakeups_(0) {}
 
 ZNRReactorIOCP::~ZNRReactorIOCP() {
     stopped_ = true;
@@ -168,6 +169,7 @@ std::uint64_t ZNRReactorIOCP::Open() {
     if (engine_ == nullptr) return kNotReady;
     loop_thread_ = ZNRThreadMgr::Instance()->GetCurrent();
     std::uint64_t error = 0;
+    next_wait_ = RunTimers();
     while (Turn(&error)) {
     }
     stopped_ = true;
@@ -183,7 +185,7 @@ std::uint64_t ZNRReactorIOCP::Open() {
 
 bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
     ZNRCompletion completion{};
-    std::uint64_t const rc = engine_->Wait(PlanWait(), &completion);
+    std::uint64_t const rc = engine_->Wait(next_wait_, &completion);
     if (rc == kTimedOut) {
         idle_wakeups_.fetch_add(1, std::memory_order_relaxed);
     } else if (rc != 0) {
@@ -192,7 +194,7 @@ bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
     } else if (!Dispatch(completion, error)) {
         return false;
     }
-    RunTimers();
+    next_wait_ = RunTimers();
     return true;
 }
 
@@ -228,14 +230,27 @@ bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
     return true;
 }
 
-int ZNRReactorIOCP::PlanWait() {
+// Runs the due timers and plans the next wait in one hold of the lock.
+// The wheel fires only what is due, so a turn before the earliest expiry
+// skips it (and the clock).
+int ZNRReactorIOCP::RunTimers() {
     ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
-    std::uint64_t const next = GetTimerMgr()->GetNextExpiry();
+    ZNRTimerMgr* const timers = GetTimerMgr();
+    std::uint64_t next = timers->GetNextExpiry();
     if (next == kNoId) {
         planned_wake_ = kNoId;
         return -1;
     }
-    std::uint64_t const now = ZNRGetSysTick();
+    std::uint64_t now = ZNRGetSysTick();
+    if (next <= now && timers->ScheduleTimers(now) != 0) {
+        // Callbacks took time and may have added or ended timers.
+        next = timers->GetNextExpiry();
+        if (next == kNoId) {
+            planned_wake_ = kNoId;
+            return -1;
+        }
+        now = ZNRGetSysTick();
+    }
     if (next <= now + kNearTimerMs) {
         planned_wake_ = now + 1;
         return 1;
@@ -243,11 +258,6 @@ int ZNRReactorIOCP::PlanWait() {
     std::uint64_t const wait = std::min<std::uint64_t>(next - now - kNearTimerMs, INT_MAX);
     planned_wake_ = now + wait;
     return static_cast<int>(wait);
-}
-
-void ZNRReactorIOCP::RunTimers() {
-    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
-    GetTimerMgr()->ScheduleTimers(ZNRGetSysTick());
 }
 
 bool ZNRReactorIOCP::IsLoopThread() {
@@ -506,7 +516,9 @@ std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char co
         if (rc != 0) event->Destroy();
         return rc;
     }
-    ZNRReactorIOCPDeviceBase* const device = FindDevice(id);
+    // A handler answering on its own device, the common case, needs no lookup.
+    ZNRReactorIOCPDeviceBase* const device =
+        dispatching_ != nullptr && dispatching_->GetId() == id ? dispatching_ : FindDevice(id);
     if (device == nullptr) {
         ZNR_LOG(ERROR, "Can not send data to device which not found, id=%u", id);
         return kSendNotFound;

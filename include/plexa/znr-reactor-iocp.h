@@ -75,8 +75,8 @@ private:
     bool Turn(std::uint64_t* error);
     bool Dispatch(ZNRCompletion const& completion, std::uint64_t* error);
     bool DrainLoopEvents(std::uint64_t* error);
-    int PlanWait();
-    void RunTimers();
+    // Returns the wait before the next turn, in ms (-1: until an event).
+    int RunTimers();
     void WakeForTimer(std::uint64_t expiry);
     void NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies);
     void CloseAll();
@@ -107,6 +107,7 @@ private:
     // waits until its handler has returned.
     ZNRReactorIOCPDeviceBase* dispatching_;
     bool dispatching_removed_;
+    int next_wait_;  // loop thread only
     std::atomic<std::uint64_t> idle_wakeups_;
 };
 
