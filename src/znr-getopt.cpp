@@ -1,7 +1,6 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-getopt.h>
 
-#include <cctype>
 #include <cstring>
 
 namespace {
@@ -20,8 +19,8 @@ std::uint64_t ZNRGetopt::AddOption(int id, char short_name, char const* long_nam
                                    Argument_t argument) {
     std::string const name = long_name != nullptr ? long_name : "";
     if (short_name == 0 && name.empty()) return kInvalidParam;
-    if (short_name != 0 &&
-        (!std::isgraph(static_cast<unsigned char>(short_name)) || short_name == '-'))
+    // Printable ASCII by value: the C library's classes follow the global locale.
+    if (short_name != 0 && (short_name <= ' ' || short_name >= 0x7F || short_name == '-'))
         return kInvalidParam;
     if (name.find('=') != std::string::npos || name[0] == '-') return kInvalidParam;
     if (argument != ARGUMENT_NONE && argument != ARGUMENT_REQUIRED &&

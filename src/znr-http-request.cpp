@@ -330,7 +330,10 @@ std::uint64_t ZNRHttpRequest::SetHost(ZNRString const& host, unsigned short port
     std::uint64_t const rc = Utf8(host, &h);
     if (rc != 0) return rc;
     if (h.empty() || h.find_first_of(" \t/?#@") != std::string::npos) return kInvalidParam;
-    if (h.find(':') != std::string::npos && h[0] != '[') h = "[" + h + "]";
+    // Two colons or more make an IPv6 address; one would be a port, which has its own argument.
+    auto const colons = std::count(h.begin(), h.end(), ':');
+    if (colons == 1) return kInvalidParam;
+    if (colons > 1 && h[0] != '[') h = "[" + h + "]";
     *host_ = h;
     port_ = port;
     secure_ = secure;

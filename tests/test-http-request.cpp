@@ -151,6 +151,7 @@ TEST_F(HttpRequestTest, RefusesInjectionAndInvalidFields) {
         {[](ZNRHttpRequest& r) { return r.SetMethod("GE T"); }, kInvalid},
         {[](ZNRHttpRequest& r) { return r.SetHost(""); }, kInvalid},
         {[](ZNRHttpRequest& r) { return r.SetHost("a/b"); }, kInvalid},
+        {[](ZNRHttpRequest& r) { return r.SetHost("h:80"); }, kInvalid},
         {[](ZNRHttpRequest& r) { return r.SetPath("relative"); }, kInvalid},
         {[](ZNRHttpRequest& r) { return r.SetPath(""); }, kInvalid},
         {[](ZNRHttpRequest& r) { return r.AddQuery("", "v"); }, kInvalid},

@@ -22,10 +22,11 @@
 //   slot connected during an emit is first called by the next one; a slot
 //   disconnected during an emit (by itself or by anyone else) is not called
 //   afterwards by that emit, nor by any other.
-// - Once a disconnection returns (Disconnect, DisconnectAll, a destructor),
-//   no other thread is running the slots it removed and none will start.
-//   It waits for calls under way on other threads; the calling thread's own
-//   calls (a slot disconnecting itself) are not waited for.
+// - Once a disconnection returns (Disconnect, DisconnectHost, DisconnectAll,
+//   a destructor), no other thread is running the slots it removed and none
+//   will start: it stops them all from starting, then waits for the calls
+//   under way on other threads. The calling thread's own calls (a slot
+//   disconnecting itself) are not waited for.
 // - A host that may be destroyed while other threads emit must call
 //   DisconnectAll() first in its most-derived destructor: the base
 //   destructor runs after the derived members are gone.
