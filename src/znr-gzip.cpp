@@ -124,9 +124,13 @@ bool ZNRGzip::Decompress(unsigned char const* in, int size, ZNRByteBuffer* out, 
         inflate_->next_out = out->GetData() + out->GetDataCount();
         inflate_->avail_out = offered;
         int const result = inflate(inflate_, Z_NO_FLUSH);
-        if (result != Z_OK && result != Z_STREAM_END) return false;
+        // No progress with the input all taken is no fault: the piece ended
+        // just as the output space did (or was empty), and the stream waits
+        // for the next one.
+        bool const starved = result == Z_BUF_ERROR && inflate_->avail_in == 0;
+        if (result != Z_OK && result != Z_STREAM_END && !starved) return false;
         out->ResetDataCount(out->GetDataCount() + (offered - inflate_->avail_out));
-        if (result == Z_STREAM_END || inflate_->avail_out > 0) {
+        if (result == Z_STREAM_END || inflate_->avail_out > 0 || starved) {
             *finished = result == Z_STREAM_END;
             return true;
         }

@@ -259,6 +259,22 @@ TEST_F(TransMessageTest, GzipStreams) {
     EXPECT_TRUE(gzip.ResetDecompress());
     EXPECT_TRUE(gzip.Decompress(out.GetData(), size, &again, &finished) && finished);
     EXPECT_EQ(input, BytesOf(again));
+
+    // A piece that is empty, or ends just as the output space fills (cut 8
+    // of these 9 bytes), leaves the stream waiting for the next piece.
+    Bytes const text = Text(std::string(61, 'a') + "xyz"), raw = Deflate(text, -15);
+    ASSERT_EQ(9u, raw.size());
+    for (unsigned int cut = 0; cut <= raw.size(); ++cut) {
+        ZNRGzip pieces;
+        ZNRByteBuffer whole;
+        finished = true;
+        ASSERT_TRUE(pieces.Open(true));
+        EXPECT_TRUE(pieces.Decompress(raw.data(), static_cast<int>(cut), &whole, &finished)) << cut;
+        EXPECT_EQ(cut == raw.size(), finished) << cut;
+        EXPECT_TRUE(pieces.Decompress(raw.data() + cut, static_cast<int>(raw.size() - cut), &whole, &finished) &&
+                    finished) << cut;
+        EXPECT_EQ(text, BytesOf(whole)) << cut;
+    }
 }
 
 // Hostile frames: only the documented results, no reads past the input.
