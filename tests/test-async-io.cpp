@@ -207,6 +207,21 @@ TEST_F(AsyncIO, ReadsWaitingImmediateOncePerSideAndPeerClose) {
     EXPECT_FALSE(c.failed);
     EXPECT_EQ(0, c.bytes);
     ::close(fds.second);
+
+    // Last bytes and the close in one edge: the short read that takes the
+    // bytes must not leave the end waiting for an edge that never comes.
+    auto const late = StreamPair();
+    ASSERT_EQ(4, ::write(late.second, "last", 4));
+    ::close(late.second);
+    auto t = Adopt(late.first, 6);
+    EXPECT_EQ(0, t->Recv(buf, 64, &err));
+    c = Next();
+    EXPECT_EQ(4, c.bytes);
+    ASSERT_EQ(0u, t->GetReadIOCB()->Reset());
+    EXPECT_EQ(0, t->Recv(buf, 64, &err));
+    c = Next();
+    EXPECT_EQ(6u, c.key);
+    EXPECT_EQ(0, c.bytes);
 }
 
 TEST_F(AsyncIO, LargeWritesArePartialAndArriveWhole) {

@@ -52,6 +52,9 @@ private:
         std::uint32_t generation = 0;
         ZNRAsyncIOCB* cb[2] = {nullptr, nullptr};
         bool ready[2] = {false, false};
+        // The peer has closed or the descriptor failed: no edge will come
+        // again, so a short transfer must not make a side wait for one.
+        bool hung_up = false;
     };
 
     std::uint64_t Watch(std::uint32_t slot, int op);
@@ -92,7 +95,7 @@ ZNREpollEngine::~ZNREpollEngine() {
 
 std::uint64_t ZNREpollEngine::Watch(std::uint32_t slot, int op) {
     epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLOUT | EPOLLET;
+    ev.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
     ev.data.u64 = slot | static_cast<std::uint64_t>(handles_[slot].generation) << 32;
     if (::epoll_ctl(epfd_, op, handles_[slot].fd, &ev) != 0) return ZNRSysError(errno);
     return 0;
@@ -124,6 +127,7 @@ std::uint64_t ZNREpollEngine::Associate(int fd, std::uint32_t key, ZNRAsyncIO* i
     handle.cb[kWrite] = write_cb;
     // Readiness is learnt from the first edge, which registration reports.
     handle.ready[kRead] = handle.ready[kWrite] = false;
+    handle.hung_up = false;
     for (ZNRAsyncIOCB* cb : handle.cb) {
         cb->fd = fd;
         cb->engine = this;
@@ -154,6 +158,7 @@ std::uint64_t ZNREpollEngine::Rebind(ZNRAsyncIOCB* cb, int fd) {
     handle.fd = fd;
     ++handle.generation;
     handle.ready[kRead] = handle.ready[kWrite] = false;
+    handle.hung_up = false;
     return Watch(slot, EPOLL_CTL_ADD);
 }
 
@@ -164,7 +169,10 @@ void ZNREpollEngine::Start(ZNRAsyncIOCB* cb) {
 }
 
 void ZNREpollEngine::Perform(Handle& handle, Side side) {
-    if (ZNRAsyncPerform(handle.cb[side], true) != ZNR_PERFORM_DONE) handle.ready[side] = false;
+    ZNRPerformResult const result = ZNRAsyncPerform(handle.cb[side], true);
+    if (result == ZNR_PERFORM_AGAIN || (result == ZNR_PERFORM_DRAINED && !handle.hung_up)) {
+        handle.ready[side] = false;
+    }
 }
 
 void ZNREpollEngine::Enqueue(ZNRAsyncIOCB* cb) {
@@ -236,7 +244,8 @@ std::uint64_t ZNREpollEngine::Poll(int timeout_ms) {
         std::uint32_t const generation = static_cast<std::uint32_t>(data >> 32);
         std::uint32_t const events = events_[i].events;
         if (handles_[slot].generation != generation) continue;
-        if ((events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) Ready(slot, kRead);
+        if ((events & (EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) handles_[slot].hung_up = true;
+        if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) Ready(slot, kRead);
         // A read may have replaced the descriptor: the rest of the event was its predecessor's.
         if (handles_[slot].generation != generation) continue;
         if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) Ready(slot, kWrite);
