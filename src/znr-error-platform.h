@@ -14,6 +14,10 @@ std::string ZNRPlatformErrorText(int err);
 // The C runtime's text for an errno value, in the process's narrow encoding.
 std::string ZNRCrtErrorText(int err);
 
+// True for an operating-system error code that says the process or the
+// system ran out of descriptors or buffers: worth trying again later.
+bool ZNRPlatformIsShortage(std::uint64_t code);
+
 // Stops in an attached debugger; does nothing when none is attached.
 void ZNRPlatformDebugBreak();
 

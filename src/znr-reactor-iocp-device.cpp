@@ -6,6 +6,7 @@
 #include <plexa/znr-reactor-iocp.h>
 
 #include "znr-reactor-iocp-device.h"
+#include "znr-error-platform.h"
 #include "znr-wakeup.h"
 
 #include <cerrno>
@@ -46,11 +47,7 @@ ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std:
 }
 
 ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
-    if (timer_ != nullptr) {
-        ZNRGuardSpinLock guard(&reactor_->timer_lock_, __FILE__, __LINE__);
-        reactor_->GetTimerMgr()->RemoveTimer(timer_->GetId());
-        timer_->Destroy();
-    }
+    DropTimer(timer_);
     for (ZNRByteBuffer* buffer : send_queue_) delete buffer;
     delete spare_;
     if (device_ != nullptr) device_->Destroy();
@@ -72,8 +69,19 @@ void ZNRReactorIOCPDeviceBase::SetRecvBuffMaxSize(int size) {
 void ZNRReactorIOCPDeviceBase::SetTimeout(unsigned int timeout) {
     if (timeout == 0xFFFFFFFFu) return;
     timer_ = new ZNRReactorIOCPDeviceTimer(timeout, this);
+    AddTimer(timer_);
+}
+
+void ZNRReactorIOCPDeviceBase::AddTimer(ZNRTimer* timer) {
     ZNRGuardSpinLock guard(&reactor_->timer_lock_, __FILE__, __LINE__);
-    reactor_->GetTimerMgr()->AddTimer(timer_);
+    reactor_->GetTimerMgr()->AddTimer(timer);
+}
+
+void ZNRReactorIOCPDeviceBase::DropTimer(ZNRTimer* timer) {
+    if (timer == nullptr) return;
+    ZNRGuardSpinLock guard(&reactor_->timer_lock_, __FILE__, __LINE__);
+    reactor_->GetTimerMgr()->RemoveTimer(timer->GetId());
+    timer->Destroy();
 }
 
 ZNRAsyncIO* ZNRReactorIOCPDeviceBase::GetAsyncIO() { return io_; }
@@ -185,6 +193,8 @@ bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
 
 void ZNRReactorIOCPDeviceBase::OnErrorEvent(std::uint64_t const&) {}
 
+bool ZNRReactorIOCPDeviceBase::RetryLater(std::uint64_t) { return false; }
+
 bool ZNRReactorIOCPDeviceBase::OnTimeoutEvent(std::uint64_t) { return true; }
 
 // ---------------------------------------------------------------- normal
@@ -267,12 +277,53 @@ bool ZNRReactorIOCPNormalDevice::OnTimeoutEvent(std::uint64_t now) { return hand
 bool ZNRReactorIOCPTcpServerDevice::OnRecvEvent(int, std::uint64_t* error) {
     ZNRAsyncIO* const io = GetAsyncIO();
     if (io->GetReadIOCB()->operation != ZNRAsyncIOCB::OP_ACCEPT) return true;
+    if (starved_) {
+        ZNR_LOG(INFO, "Tcp server device accepts clients again, desc_info=\"%s\"", Narrow(desc_).c_str());
+        starved_ = false;
+    }
     if (!handler_->OnData(nullptr, nullptr)) return false;
     std::uint64_t const rc = io->ResetReadIOStatus();
     if (rc != 0) return Fail(rc, error);
     auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
     if (listener == nullptr) return Fail(ZNRSysError(EINVAL), error);
     return listener->BeginAccept() || Fail(device_->GetError(), error);
+}
+
+ZNRReactorIOCPTcpServerDevice::~ZNRReactorIOCPTcpServerDevice() { DropTimer(retry_timer_); }
+
+bool ZNRReactorIOCPTcpServerDevice::RetryLater(std::uint64_t error) {
+    if (GetAsyncIO()->GetReadIOCB()->operation != ZNRAsyncIOCB::OP_ACCEPT ||
+        !ZNRPlatformIsShortage(error)) {
+        return false;
+    }
+    if (!starved_) {
+        ZNR_LOG(WARNING,
+                "Can not accept tcp client, out of resources, retry every %ums, error=\"%s\" "
+                "desc_info=\"%s\"",
+                ZNRReactorIOCPAcceptRetryTimer::kRetryMs, ZNRGetErrorText(error).c_str(),
+                Narrow(desc_).c_str());
+        starved_ = true;
+    }
+    ArmRetry();
+    return true;
+}
+
+void ZNRReactorIOCPTcpServerDevice::ArmRetry() {
+    retry_timer_ = new ZNRReactorIOCPAcceptRetryTimer(this);
+    AddTimer(retry_timer_);
+}
+
+bool ZNRReactorIOCPTcpServerDevice::RetryAccept() {
+    retry_timer_ = nullptr;  // it ends when this returns
+    auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
+    std::uint64_t rc = GetAsyncIO()->ResetReadIOStatus();
+    if (rc == 0 && listener != nullptr && listener->BeginAccept()) return true;
+    if (rc == 0) rc = listener != nullptr ? device_->GetError() : ZNRSysError(EINVAL);
+    if (ZNRPlatformIsShortage(rc)) {
+        ArmRetry();
+        return true;
+    }
+    return Fail(rc, nullptr);
 }
 
 ZNRReactorIOCPTcpClientDevice::ZNRReactorIOCPTcpClientDevice(ZNRReactorIOCP* reactor,
@@ -407,6 +458,11 @@ std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Signal(std::uint64_t count) {
 ZNRReactorIOCPDeviceTimer::ZNRReactorIOCPDeviceTimer(unsigned int period,
                                                      ZNRReactorIOCPDeviceBase* device)
     : ZNRTimer(period, ZNRTimer::REPEAT_FOREVER, nullptr), device_(device) {}
+
+bool ZNRReactorIOCPAcceptRetryTimer::OnExpires(std::uint64_t) {
+    if (!device_->RetryAccept()) device_->GetReactor()->DelIOCPDevice(device_->GetId());
+    return false;
+}
 
 bool ZNRReactorIOCPDeviceTimer::OnExpires(std::uint64_t now) {
     if (device_->OnTimeoutEvent(now)) return true;

@@ -35,6 +35,9 @@ public:
     virtual bool OnRecvEvent(int bytes, std::uint64_t* error);
     virtual bool OnSendEvent(int bytes, std::uint64_t* error);
     virtual void OnErrorEvent(std::uint64_t const& error);
+    // A failed read the device will try again by itself: it stays, and
+    // its handler hears nothing.
+    virtual bool RetryLater(std::uint64_t error);
     virtual bool OnTimeoutEvent(std::uint64_t now);
 
     std::uint32_t GetId() const { return id_; }
@@ -55,6 +58,9 @@ protected:
     std::uint64_t PostSend();
     // Takes a buffer that has been written.
     void Recycle(ZNRByteBuffer* buffer);
+    // The reactor's timers, under its lock; DropTimer removes and destroys.
+    void AddTimer(ZNRTimer* timer);
+    void DropTimer(ZNRTimer* timer);
 
     ZNRReactorIOCP* reactor_;
     std::uint32_t id_;
@@ -103,10 +109,25 @@ protected:
 
 // A listener: a completed accept is offered to the handler as
 // OnData(null, null), then the next accept is started.
+// A listener out of descriptors leaves its pending connections in the
+// backlog and tries again on a timer, so it neither spins nor ends; it logs
+// once when that starts and once when it accepts again.
 class ZNRReactorIOCPTcpServerDevice : public ZNRReactorIOCPNormalDevice {
 public:
     using ZNRReactorIOCPNormalDevice::ZNRReactorIOCPNormalDevice;
     bool OnRecvEvent(int bytes, std::uint64_t* error) override;
+    bool RetryLater(std::uint64_t error) override;
+    // From the retry timer, which ends with it; false: the device ends.
+    bool RetryAccept();
+
+protected:
+    ~ZNRReactorIOCPTcpServerDevice() override;
+
+private:
+    void ArmRetry();
+
+    ZNRTimer* retry_timer_ = nullptr;
+    bool starved_ = false;
 };
 
 // A client whose connect completes on the write side with OnWriten(0).
@@ -186,6 +207,23 @@ private:
 };
 
 // The repeating timeout check of one device.
+// Runs one more accept of a listener that ran out of descriptors.
+class ZNRReactorIOCPAcceptRetryTimer : public ZNRTimer {
+public:
+    static unsigned int const kRetryMs = 20;
+
+    explicit ZNRReactorIOCPAcceptRetryTimer(ZNRReactorIOCPTcpServerDevice* device)
+        : ZNRTimer(kRetryMs, ZNRTimer::REPEAT_FOREVER, nullptr), device_(device) {}
+
+    bool OnExpires(std::uint64_t) override;
+    void OnReset() override {}
+    void OnClose() override {}
+    void Destroy() override { delete this; }
+
+private:
+    ZNRReactorIOCPTcpServerDevice* device_;
+};
+
 class ZNRReactorIOCPDeviceTimer : public ZNRTimer {
 public:
     ZNRReactorIOCPDeviceTimer(unsigned int period, ZNRReactorIOCPDeviceBase* device);

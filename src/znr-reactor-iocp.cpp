@@ -217,7 +217,11 @@ bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
     std::uint64_t err = 0;
     ZNRAsyncIO* const io = device->GetAsyncIO();
     if (c.failed) {
-        device->OnErrorEvent(c.error);
+        if (io != nullptr && c.iocb == io->GetReadIOCB() && device->RetryLater(c.error)) {
+            keep = true;
+        } else {
+            device->OnErrorEvent(c.error);
+        }
     } else if (io != nullptr && c.iocb == io->GetReadIOCB()) {
         keep = device->OnRecvEvent(c.bytes, &err);
     } else if (io != nullptr && c.iocb == io->GetWriteIOCB()) {

@@ -3,6 +3,10 @@
 
 #include <cerrno>
 
+#include <sys/resource.h>
+
+#include "log-capture.h"
+
 using namespace nettest;
 using namespace reactortest;
 
@@ -73,4 +77,46 @@ TEST(TcpAcceptor, SpreadsConnectionsRoundRobinOnTheirReactorsThreads) {
     EXPECT_EQ((std::vector<std::string>{first, second, first, second}), journal.Get());
     mgr->RemoveAll();
     for (int fd : clients) ::close(fd);
+}
+
+// Out of descriptors, the listener keeps the connection in the backlog and
+// tries again on a timer: it stays, logs once for the whole episode, and
+// serves the connection as soon as descriptors are free.
+TEST(TcpAcceptor, ListenerOutOfDescriptorsWaitsAndServesAgain) {
+    ZNRReactorMgr* const mgr = ZNRSingleton<ZNRReactorMgr>::Instance();
+    std::uint64_t err = 0;
+    std::vector<std::uint64_t> reactors{mgr->New(&err)};
+    ASSERT_EQ(0u, mgr->StartThread(reactors[0], ZNRString("acceptor-test"), nullptr));
+    LogCapture log;
+    Journal journal;
+    Acceptor acceptor(&journal);
+    ZNRNetAddrInfo bound;
+    ASSERT_EQ(0u, acceptor.Start(ZNRString("127.0.0.1"), ZNRString("0"), reactors, &bound));
+    int const client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+
+    rlimit const saved = [] { rlimit r{}; ::getrlimit(RLIMIT_NOFILE, &r); return r; }();
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &low));
+    std::vector<int> hogs;
+    for (int fd; (fd = ::dup(client)) >= 0;) hogs.push_back(fd);
+    ASSERT_EQ(EMFILE, errno);
+    ASSERT_EQ(0, ::connect(client, bound.GetAddr(), bound.GetAddrLen()));
+    ASSERT_EQ(1, ::write(client, "x", 1));
+    pollfd p{client, POLLIN, 0};
+    EXPECT_EQ(0, ::poll(&p, 1, 150));  // several retries, nothing served
+
+    for (int fd : hogs) ::close(fd);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &saved));
+    char c = 0;
+    ASSERT_TRUE(WaitFor(client));
+    EXPECT_EQ(1, ::read(client, &c, 1));
+    mgr->RemoveAll();
+    ::close(client);
+    std::string const desc = "desc_info=\"tcp listen , listen ip=127.0.0.1 listen port=0\"";
+    EXPECT_EQ((std::vector<std::string>{"Can not accept tcp client, out of resources, retry every 20ms, "
+                                        "error=\"Too many open files\" " + desc}),
+              log.Messages(ZNRLogger::LOGL_WARNING));
+    std::vector<std::string> const info = log.Messages(ZNRLogger::LOGL_INFO);
+    EXPECT_EQ(1, std::count(info.begin(), info.end(), "Tcp server device accepts clients again, " + desc));
 }

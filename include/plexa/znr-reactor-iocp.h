@@ -63,6 +63,7 @@ private:
     friend class ZNRReactorIOCPDeviceBase;
     friend class ZNRReactorIOCPLoopEventReadDevice;
     friend class ZNRReactorIOCPDeviceTimer;
+    friend class ZNRReactorIOCPAcceptRetryTimer;
     friend class ZNRReactorIOCPSendDataLoopEvent;
 
     typedef std::map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;

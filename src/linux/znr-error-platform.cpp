@@ -1,5 +1,6 @@
 #include "znr-error-platform.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -35,6 +36,12 @@ std::string ZNRCrtErrorText(int err) {
     char buffer[256];
     buffer[0] = '\0';
     return PickText(strerror_r(err, buffer, sizeof(buffer)), buffer);
+}
+
+bool ZNRPlatformIsShortage(std::uint64_t code) {
+    if ((code >> 32) != 0x40000001u) return false;
+    int const err = static_cast<int>(code & 0xFFFFFFFFu);
+    return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
 }
 
 void ZNRPlatformDebugBreak() {
