@@ -43,5 +43,11 @@
 #include <plexa/znr-data-sender.h>
 #include <plexa/znr-entity-device-handler.h>
 #include <plexa/znr-reply-sender.h>
+#include <plexa/znr-signal.h>
+#include <plexa/znr-getopt.h>
+#include <plexa/znr-http-request.h>
+#include <plexa/znr-digest.h>
+#include <plexa/znr-dll-loader.h>
+#include <plexa/znr-process.h>
 
 #endif
