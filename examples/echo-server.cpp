@@ -23,8 +23,8 @@
 namespace {
 
 std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
-int const kRecvMax = 64 * 1024;
-int const kRecvGrow = 16 * 1024;
+int const kRecvMax = 256 * 1024;
+int const kRecvGrow = 64 * 1024;  // as much per read as the peers in bench/peers
 int const kSendMax = 4 * 1024 * 1024;  // a peer that never reads is closed here
 
 ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }

@@ -114,17 +114,43 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
     return 0;
 }
 
+// With nothing queued the write starts straight from the caller's bytes;
+// only what the system has not taken when this returns is copied. A write
+// still waiting reads its request only when it runs, so it is pointed at
+// the copy.
 bool ZNRReactorIOCPDeviceBase::Send(unsigned char const* data, int size, std::uint64_t* error) {
+    ZNRAsyncIO* const io = GetAsyncIO();
+    if (io == nullptr || sending_ || connecting_ || !send_queue_.empty() || size <= 0 ||
+        size > send_buff_max_size_ || io->ResetWriteIOStatus() != 0 ||
+        device_->Write(const_cast<unsigned char*>(data), size) < 0) {
+        // Queued behind others, or refused: the usual path, failures included.
+        return Send(Copy(data, size), error);
+    }
+    sending_ = true;
+    queued_send_bytes_ += size;
+    ZNRAsyncIOCB* const cb = io->GetWriteIOCB();
+    if (cb->status != ZNRAsyncIOCB::STATUS_DONE) {
+        ZNRByteBuffer* const copy = Copy(data, size);
+        cb->buf = copy->GetData();
+        send_queue_.push_back(copy);
+        return true;
+    }
+    send_queue_.push_back(nullptr);  // written, its completion on the way
+    int const taken = cb->error == 0 ? cb->transferred : size;
+    if (taken < size) send_queue_.push_back(Copy(data + taken, size - taken));
+    return true;
+}
+
+ZNRByteBuffer* ZNRReactorIOCPDeviceBase::Copy(unsigned char const* data, int size) {
     unsigned int const n = static_cast<unsigned int>(size);
     ZNRByteBuffer* buffer = spare_;
     if (buffer != nullptr && buffer->GetCapacity() >= n) {
         spare_ = nullptr;
         buffer->ResetDataCount(0);
         buffer->AppendData(data, n);
-    } else {
-        buffer = new ZNRByteBuffer(data, n);
+        return buffer;
     }
-    return Send(buffer, error);
+    return new ZNRByteBuffer(data, n);
 }
 
 // Keeps one written buffer for the next copied send, so that a steady
@@ -181,7 +207,9 @@ bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
     sending_ = false;
     if (send_queue_.empty()) return true;
     ZNRByteBuffer* const front = send_queue_.front();
-    if (static_cast<unsigned int>(bytes) < front->GetDataCount()) {
+    if (front == nullptr) {
+        send_queue_.pop_front();  // a write from the sender's own bytes
+    } else if (static_cast<unsigned int>(bytes) < front->GetDataCount()) {
         front->CutData(static_cast<unsigned int>(bytes));  // the rest goes next
     } else {
         send_queue_.pop_front();

@@ -56,6 +56,8 @@ protected:
     virtual ~ZNRReactorIOCPDeviceBase();
     // Posts a write of the oldest queued buffer.
     std::uint64_t PostSend();
+    // The bytes in a buffer of their own, the spare one when it fits.
+    ZNRByteBuffer* Copy(unsigned char const* data, int size);
     // Takes a buffer that has been written.
     void Recycle(ZNRByteBuffer* buffer);
     // The reactor's timers, under its lock; DropTimer removes and destroys.
@@ -72,7 +74,7 @@ protected:
     int send_buff_max_size_;
     ZNRByteBuffer recv_buffer_;
     ZNRByteBuffer* spare_;
-    std::deque<ZNRByteBuffer*> send_queue_;
+    std::deque<ZNRByteBuffer*> send_queue_;  // null: a write from the sender's bytes
     int queued_send_bytes_;
     ZNRString desc_;
     // A write is posted; or the connection is not up yet, so sends queue.

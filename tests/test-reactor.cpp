@@ -2,6 +2,7 @@
 #include "reactor-test-util.h"
 #include "net-test-util.h"
 
+#include <fcntl.h>
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -282,6 +283,44 @@ TEST_F(Reactor, EchoOfMegabytesInOddPieces) {
     std::vector<std::string> const j = journal_.Get();
     EXPECT_EQ("echo open", j.at(0));
     EXPECT_EQ("echo error 4", j.at(j.size() - 3));  // the peer's orderly close
+}
+
+// A send on the loop thread starts from the caller's bytes; whatever the
+// system has not taken when SendData returns must be the reactor's own
+// copy: a write that waits for room, one taken in part, one taken whole.
+TEST_F(Reactor, LoopThreadSendsKeepNothingOfTheCallersBytes) {
+    Start();
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    std::string expected;
+    char chunk[4096] = {};
+    for (ssize_t n; (n = ::write(fds[0], chunk, sizeof chunk)) > 0;) expected.append(chunk, static_cast<std::size_t>(n));
+    auto* device = new ZNRAsyncUnknownDevice();
+    ZNRUnknownDeviceParam param;
+    param.fd = fds[0];
+    ASSERT_TRUE(device->Open(&param));
+    std::uint64_t const id = Register(device, Recorder("pair"), 8 << 20);
+    auto send = [&](std::size_t size, char seed) {
+        std::string bytes(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + i * 13 + i / 509);
+        expected += bytes;
+        OnLoop([&] {
+            EXPECT_EQ(0u, reactor_->SendData(id, reinterpret_cast<unsigned char*>(&bytes[0]), static_cast<int>(size)));
+            bytes.assign(size, 'X');
+        });
+    };
+    send(300000, 1);  // no room yet: waits
+    send(10, 2);      // queued behind it
+    EXPECT_TRUE(ReadN(fds[1], expected.size()) == expected);
+    expected.clear();
+    send(3 << 20, 3);  // taken in part
+    EXPECT_TRUE(ReadN(fds[1], expected.size()) == expected);
+    expected.clear();
+    send(100, 4);  // taken whole
+    EXPECT_TRUE(ReadN(fds[1], expected.size()) == expected);
+    ::close(fds[1]);
+    EXPECT_TRUE(journal_.WaitFor("pair destroy"));
 }
 
 TEST_F(Reactor, ConsumedOffsetContract) {
