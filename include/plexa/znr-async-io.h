@@ -43,7 +43,9 @@ public:
     // the descriptor is known to be ready, else when it becomes ready. The
     // result arrives through the engine that watches the descriptor, or
     // through CheckIOStatus when none does. A side runs one operation at a
-    // time: a second start before the first was reset gives EBUSY.
+    // time: a second start before the first was reset gives EBUSY. A
+    // pending operation reads its request fields only when it runs, so
+    // its owner may point it at another buffer until then.
     std::uint64_t Begin(int op, Method_t how, unsigned char* data, int size);
     // Marks the operation done; the engine, if any, queues its completion.
     void Complete(int bytes, std::uint64_t err);
