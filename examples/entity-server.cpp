@@ -8,7 +8,7 @@
 // SIGTERM ends it with exit code 0.
 //
 //   plexa-entity-server --port 7000
-#include "entity-protocol.h"
+#include "entity-services.h"
 
 #include <plexa/plexa.h>
 
@@ -18,8 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,14 +25,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
-using namespace entity_protocol;
+using namespace entity_services;
 
 namespace {
 
 std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
-int const kRecvMax = 16 * 1024 * 1024 + 64;  // one whole frame of the largest size
-int const kRecvGrow = 16 * 1024;
-int const kSendMax = 32 * 1024 * 1024;  // a peer that never reads is closed here
 
 char const kDefaultConfig[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -53,76 +48,6 @@ ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
 
 std::atomic<bool> g_failed{false};
 ZNREntityMap g_services;  // copied into every connection's handler
-
-// Opaque bytes after the uri, for the echo service.
-struct RawBody : public ZNRMarshallable {
-    unsigned char const* data = nullptr;
-    int size = 0;
-    std::uint64_t Marshal(ZNRPack* pack) const override {
-        return pack->Concatenate(data, static_cast<unsigned int>(size));
-    }
-    std::uint64_t Unmarshal(ZNRUnpack*) override { return 0; }
-};
-
-class EchoProxy : public ZNREntityTargetProxyBase {
-public:
-    bool Dispatch(unsigned char const* body, int length, bool, void* context) override {
-        ZNREntityRequest const* const request = static_cast<ZNREntityRequest*>(context);
-        RawBody raw;
-        raw.data = body;
-        raw.size = length;
-        return ZNRReplySender(*request).SendEntity(kEchoUri, raw, request->compress_flag) == 0;
-    }
-    void Destroy() override { delete this; }
-};
-
-// One map for all connections, whichever reactor they are on.
-class KvService {
-public:
-    bool Put(KvPutRequest const& request, void* context) {
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            ZNRByteBuffer const& v = request.value;
-            store_[request.key].assign(reinterpret_cast<char const*>(v.GetData()), v.GetDataCount());
-        }
-        KvReply reply;
-        return Answer(kKvPutUri, &reply, context);
-    }
-    bool Get(KvKeyRequest const& request, void* context) {
-        KvReply reply;
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            auto const found = store_.find(request.key);
-            if (found == store_.end()) {
-                reply.status = STATUS_NOT_FOUND;
-            } else {
-                std::string const& v = found->second;
-                reply.value.SetCapacity(static_cast<unsigned int>(v.size()));
-                reply.value.AppendData(reinterpret_cast<unsigned char const*>(v.data()),
-                                       static_cast<unsigned int>(v.size()));
-            }
-        }
-        return Answer(kKvGetUri, &reply, context);
-    }
-    bool Delete(KvKeyRequest const& request, void* context) {
-        KvReply reply;
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            if (store_.erase(request.key) == 0) reply.status = STATUS_NOT_FOUND;
-        }
-        return Answer(kKvDeleteUri, &reply, context);
-    }
-
-private:
-    static bool Answer(unsigned int uri, KvReply* reply, void* context) {
-        ZNREntityRequest const* const request = static_cast<ZNREntityRequest*>(context);
-        return ZNRReplySender(*request).SendEntity(uri, *reply, request->compress_flag) == 0;
-    }
-
-    std::mutex mutex_;
-    std::map<std::string, std::string> store_;
-};
-
 KvService g_kv;
 
 void Fail(std::uint64_t error) {
@@ -131,15 +56,12 @@ void Fail(std::uint64_t error) {
     kill(getpid(), SIGTERM);
 }
 
-// Gives each accepted connection an entity handler over the services.
-class EntityAcceptor : public ZNRTcpAcceptor {
+// The services' acceptor; a listener that fails ends the server.
+class ServerAcceptor : public EntityAcceptor {
 public:
-    EntityAcceptor() : ZNRTcpAcceptor(kRecvMax, kRecvGrow, kSendMax) {}
+    ServerAcceptor() : EntityAcceptor(&g_services) {}
 
 protected:
-    ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override {
-        return new ZNREntityDeviceHandler(g_services, reactor);
-    }
     void OnListenFailed(std::uint64_t error) override { Fail(error); }
 };
 
@@ -227,10 +149,7 @@ int main(int argc, char** argv) {
     int reactors = Number(config, "reactors", 0);
     if (reactors <= 0) reactors = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
 
-    g_services.AddEntityMap(kEchoUri, new EchoProxy());
-    g_services.AddEntityTarget(kKvPutUri, &g_kv, &KvService::Put);
-    g_services.AddEntityTarget(kKvGetUri, &g_kv, &KvService::Get);
-    g_services.AddEntityTarget(kKvDeleteUri, &g_kv, &KvService::Delete);
+    AddServices(&g_services, &g_kv);
 
     // Blocked here, so in every thread started later: main takes them with sigwait.
     sigset_t signals;
@@ -250,7 +169,7 @@ int main(int argc, char** argv) {
         if (error == 0) error = Mgr()->StartThread(id, ZNRString("entity-" + std::to_string(id)), nullptr);
     }
     ZNRNetAddrInfo bound;
-    EntityAcceptor acceptor;
+    ServerAcceptor acceptor;
     if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(port), ids, &bound);
     if (error == 0) {
         // The socket listens already: a client may connect from now on.
