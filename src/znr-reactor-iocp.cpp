@@ -13,6 +13,7 @@
 #include "znr-wakeup.h"
 
 #include <algorithm>
+#include <vector>
 #include <cerrno>
 #include <climits>
 
@@ -544,7 +545,14 @@ std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char co
 // wake-up channel, the engine, the timers, end-stop notifies.
 void ZNRReactorIOCP::CloseAll() {
     NotifyStop(begin_stop_notifies_);
-    while (!devices_->empty()) DelIOCPDevice(devices_->begin()->first);
+    // In id order; a handler may still add or end devices meanwhile.
+    while (!devices_->empty()) {
+        std::vector<std::uint32_t> ids;
+        ids.reserve(devices_->size());
+        for (auto const& entry : *devices_) ids.push_back(entry.first);
+        std::sort(ids.begin(), ids.end());
+        for (std::uint32_t id : ids) DelIOCPDevice(id);
+    }
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
         for (ZNRReactorLoopEvent* event : *loop_events_) {

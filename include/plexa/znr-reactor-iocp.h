@@ -10,7 +10,7 @@
 #include <atomic>
 #include <deque>
 #include <list>
-#include <map>
+#include <unordered_map>
 
 class ZNRCompletionEngine;
 struct ZNRCompletion;
@@ -66,7 +66,8 @@ private:
     friend class ZNRReactorIOCPAcceptRetryTimer;
     friend class ZNRReactorIOCPSendDataLoopEvent;
 
-    typedef std::map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
+    // Looked up on every completion; ordered only at shutdown.
+    typedef std::unordered_map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
 
     bool IsLoopThread();
     std::uint64_t AddIOCPEvent(ZNRDevice* device, std::uint32_t key);
