@@ -196,16 +196,18 @@ TEST_F(Reactor, LoopEventsStopAndNotifies) {
     ASSERT_EQ(0u, reactor_->Stop());
     ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, "late")));
     ASSERT_EQ(0u, reactor_->RegisterTask(new Task([] { ADD_FAILURE() << "ran after stop"; }, [this] { journal_.Add("~task"); })));
-    auto* fake = new ZNRFakeDevice();
     std::uint64_t err = 0;
-    ASSERT_NE(kNoId, reactor_->RegisterDevice(fake, new Handler(&journal_, "fake"), &err, 100, 10, 100, 0xFFFFFFFF));
+    for (char const* name : {"fake1", "fake2", "fake3", "fake4", "fake5"})
+        ASSERT_NE(kNoId, reactor_->RegisterDevice(new ZNRFakeDevice(), new Handler(&journal_, name), &err, 100, 10, 100, 0xFFFFFFFF));
     Start();
     loop_.join();
     EXPECT_EQ(0u, result_);
     EXPECT_TRUE(reactor_->IsStopped());
     // The repeating event is queued again behind the stop and never reruns;
-    // what came after the stop is destroyed unrun; handlers only get Destroy.
-    EXPECT_EQ((std::vector<std::string>{"a", "~a", "b", "~b", "again", "begin1", "begin2", "fake destroy",
+    // what came after the stop is destroyed unrun; handlers only get
+    // Destroy, in device id order.
+    EXPECT_EQ((std::vector<std::string>{"a", "~a", "b", "~b", "again", "begin1", "begin2", "fake1 destroy",
+                                        "fake2 destroy", "fake3 destroy", "fake4 destroy", "fake5 destroy",
                                         "~late", "~task", "~again", "end"}),
               journal_.Get());
     // After the channel is gone every cross-thread call is refused.
