@@ -106,30 +106,38 @@ private:
 // The classes flattened in walk order, and an address index over every
 // block the pool holds. Entries go in when a block is made and leave only
 // in Clear, so the index needs no deletion.
-struct ZNRBlockMemoryPool::FastIndex {
-    struct Class {
-        std::uint32_t block_size;
-        std::uint32_t max_count;
-        BlockList* list;
-    };
+struct ZNRBlockMemoryPool::IndexClass {
+    std::uint32_t block_size;
+    std::uint32_t max_count;
+    BlockList* list;
+};
 
-    struct Entry {
-        Block block;  // null marks an empty slot
-        BlockList* list;
-        std::uint64_t* word;  // the list's bitmap word for rank
-        std::uint32_t rank;
-    };
+struct ZNRBlockMemoryPool::IndexSlot {
+    Block block;  // null marks an empty slot
+    BlockList* list;
+    std::uint64_t* word;  // the list's bitmap word for rank
+    std::uint32_t rank;
+};
+
+namespace {
+
+// Fibonacci hashing: the high bits of the product mix every bit of the
+// (aligned) address.
+inline std::size_t Home(Block block, unsigned int shift) {
+    return static_cast<std::size_t>(
+        (static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(block)) * 0x9E3779B97F4A7C15ULL) >>
+        shift);
+}
+
+}  // namespace
+
+struct ZNRBlockMemoryPool::FastIndex {
+    typedef IndexClass Class;
+    typedef IndexSlot Entry;
 
     FastIndex() : mask(0), shift(64), count(0) {}
 
-    std::size_t Home(Block block) const {
-        // Fibonacci hashing: the high bits of the product mix every bit of
-        // the (aligned) address.
-        return static_cast<std::size_t>(
-            (static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(block)) *
-             0x9E3779B97F4A7C15ULL) >>
-            shift);
-    }
+    std::size_t Home(Block block) const { return ::Home(block, shift); }
 
     // Room for n blocks at a load of at most one half. Throws std::bad_alloc.
     void Reserve(std::size_t n) {
@@ -203,7 +211,16 @@ void ZNRMemoryPool::Dump() {}
 ZNRBlockMemoryPool::InitParam::~InitParam() {}
 
 ZNRBlockMemoryPool::ZNRBlockMemoryPool()
-    : max_capacity_(0), current_size_(0), used_size_(0), index_(new FastIndex()) {}
+    : max_capacity_(0), current_size_(0), used_size_(0), index_(new FastIndex()), walk_(nullptr),
+      walk_size_(0), slots_(nullptr), slot_mask_(0), slot_shift_(64) {}
+
+void ZNRBlockMemoryPool::CopyHotFields() {
+    walk_ = index_->walk.data();
+    walk_size_ = index_->walk.size();
+    slots_ = index_->slots.empty() ? nullptr : index_->slots.data();
+    slot_mask_ = index_->mask;
+    slot_shift_ = index_->shift;
+}
 
 ZNRBlockMemoryPool::~ZNRBlockMemoryPool() {
     Clear();
@@ -216,6 +233,7 @@ void ZNRBlockMemoryPool::RebuildWalk() {
     for (auto const& entry : *classes_)
         index_->walk.push_back(FastIndex::Class{entry.second.block_size, entry.second.max_count,
                                                 entry.second.block_list});
+    CopyHotFields();
 }
 
 std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
@@ -235,7 +253,9 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
         std::uint64_t result = 0;
         for (std::uint32_t i = 0; i < info.prealloc_count; ++i) {
             std::uint32_t rank = 0;
-            if (index_->Make(info.block_list, true, &rank) == nullptr) {
+            Block const made = index_->Make(info.block_list, true, &rank);
+            CopyHotFields();
+            if (made == nullptr) {
                 result = ZNRUserError(44);
                 break;
             }
@@ -251,11 +271,10 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
 
 void* ZNRBlockMemoryPool::Alloc(unsigned int size, char const* owner_file, unsigned int owner_line,
                                 std::uint64_t* error) {
-    std::vector<FastIndex::Class> const& walk = index_->walk;
     std::size_t first = 0;
-    while (first < walk.size() && walk[first].block_size < size) ++first;
-    if (first < walk.size()) {
-        BlockList* const list = walk[first].list;
+    while (first < walk_size_ && walk_[first].block_size < size) ++first;
+    if (first < walk_size_) {
+        BlockList* const list = walk_[first].list;
         std::uint32_t const rank = list->TakeLowest();
         if (rank < list->Count()) {
             list->owners[rank] = BlockList::Owner{owner_file, owner_line};
@@ -281,6 +300,7 @@ __attribute__((noinline)) void* ZNRBlockMemoryPool::AllocBeyondFree(std::size_t 
         } else {
             if (list->Count() >= walk[i].max_count) continue;
             block = index_->Make(list, false, &rank);
+            CopyHotFields();
             if (block == nullptr) break;
             current_size_ += list->block_size;
         }
@@ -302,10 +322,16 @@ void* ZNRBlockMemoryPool::Alloc(unsigned int size, char fill, char const* owner_
 std::uint64_t ZNRBlockMemoryPool::Free(void* p) {
     // A block has one address, so the index names the one class that can
     // hold it as used.
-    FastIndex::Entry const* const entry = index_->Find(static_cast<Block>(p));
-    if (entry == nullptr || !entry->list->PutFree(entry->rank, *entry->word)) return ZNRUserError(46);
-    used_size_ -= entry->list->block_size;
-    return 0;
+    Block const block = static_cast<Block>(p);
+    if (block == nullptr || slots_ == nullptr) return ZNRUserError(46);
+    for (std::size_t i = Home(block, slot_shift_);; i = (i + 1) & slot_mask_) {
+        IndexSlot const& slot = slots_[i];
+        if (slot.block == nullptr) return ZNRUserError(46);
+        if (slot.block != block) continue;
+        if (!slot.list->PutFree(slot.rank, *slot.word)) return ZNRUserError(46);
+        used_size_ -= slot.list->block_size;
+        return 0;
+    }
 }
 
 std::uint64_t ZNRBlockMemoryPool::Clear() {

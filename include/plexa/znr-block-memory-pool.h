@@ -87,8 +87,11 @@ private:
     // The classes flattened in walk order and an address index of the used
     // blocks of all classes, so that Alloc and Free search no tree.
     struct FastIndex;
+    struct IndexClass;  // one class, in walk order
+    struct IndexSlot;   // one block in the address index
 
     void RebuildWalk();
+    void CopyHotFields();
     // Alloc once the first class that fits has no free block: from
     // class first on, a new block or a larger class's free one.
     void* AllocBeyondFree(std::size_t first, char const* owner_file, unsigned int owner_line,
@@ -99,6 +102,13 @@ private:
     std::uint32_t used_size_;
     ZNRStlAdapter<std::multimap<std::uint32_t, BlockPoolInfo>> classes_;
     FastIndex* index_;
+    // Where Alloc and Free start, copied out of the index whenever it
+    // changes, so that they reach it one step sooner.
+    IndexClass const* walk_;
+    std::size_t walk_size_;
+    IndexSlot* slots_;
+    std::size_t slot_mask_;
+    unsigned int slot_shift_;
 };
 
 #endif

@@ -53,7 +53,7 @@ public:
     ZNRPoolMemAllocator(ZNRPoolMemAllocator const&) = delete;
     ZNRPoolMemAllocator& operator=(ZNRPoolMemAllocator const&) = delete;
 
-    void* Alloc(unsigned int size, char const* owner_file, unsigned int owner_line) override {
+    void* Alloc(unsigned int size, char const* owner_file, unsigned int owner_line) final {
         PoolRecord* const record = CurrentRecord(true);
         if (record == nullptr) return nullptr;
         std::uint64_t error = 0;
@@ -77,7 +77,7 @@ public:
         return heap;
     }
 
-    std::uint64_t Free(void* p) override {
+    std::uint64_t Free(void* p) final {
         PoolRecord* const record = CurrentRecord(false);
         if (record == nullptr) return ZNRUserError(46);
         // Pool and heap blocks are distinct live allocations, so the order
