@@ -184,13 +184,6 @@ int main(int argc, char** argv) {
                      port.c_str(), ZNRGetErrorText(error).c_str());
     }
 
-    // Stops and joins every reactor thread, then destroys the reactors with
-    // their devices and handlers.
-    Mgr()->RemoveAll();
-    ZNRSingleton<ZNRReactorMgr>::Destroy();
-    g_services.RemoveAllEntityMap();
-    ZNRSingleton<ZNRLogger>::Instance()->UnregisterAllWriters();
-    ZNRSingleton<ZNRLogger>::Destroy();
-    ZNRThreadMgr::Destroy();
+    StopServer(&g_services);
     return code;
 }

@@ -98,6 +98,18 @@ inline void AddServices(ZNREntityMap* map, KvService* kv) {
     map->AddEntityTarget(kKvDeleteUri, kv, &KvService::Delete);
 }
 
+// Ends what a server made: the reactors with their connections (before
+// the map their handlers copied), the map's targets, the logger and the
+// thread manager.
+inline void StopServer(ZNREntityMap* map) {
+    ZNRSingleton<ZNRReactorMgr>::Instance()->RemoveAll();
+    ZNRSingleton<ZNRReactorMgr>::Destroy();
+    map->RemoveAllEntityMap();
+    ZNRSingleton<ZNRLogger>::Instance()->UnregisterAllWriters();
+    ZNRSingleton<ZNRLogger>::Destroy();
+    ZNRThreadMgr::Destroy();
+}
+
 // Gives each accepted connection an entity handler over map, which must
 // outlive the reactors.
 class EntityAcceptor : public ZNRTcpAcceptor {

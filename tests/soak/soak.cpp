@@ -897,12 +897,7 @@ int main(int argc, char** argv) {
     } else {
         Soak(seconds, clients);
     }
-    Mgr()->RemoveAll();
-    ZNRSingleton<ZNRReactorMgr>::Destroy();
-    g_services.RemoveAllEntityMap();
-    ZNRSingleton<ZNRLogger>::Instance()->UnregisterAllWriters();
-    ZNRSingleton<ZNRLogger>::Destroy();
-    ZNRThreadMgr::Destroy();
+    StopServer(&g_services);
     std::printf("soak: peak_rss_kib=%s failures=%d\n", Status("VmHWM:").c_str(), g_failures.load());
     return g_failures == 0 ? 0 : 1;
 }
