@@ -83,6 +83,11 @@ TEST(TcpAcceptor, SpreadsConnectionsRoundRobinOnTheirReactorsThreads) {
 // tries again on a timer: it stays, logs once for the whole episode, and
 // serves the connection as soon as descriptors are free.
 TEST(TcpAcceptor, ListenerOutOfDescriptorsWaitsAndServesAgain) {
+#ifdef __SANITIZE_ADDRESS__
+    // UBSan's vptr check probes memory through a pipe the first time it
+    // meets a type: with no descriptor left it reports sound objects.
+    GTEST_SKIP() << "needs descriptors the sanitizers take";
+#endif
     ZNRReactorMgr* const mgr = ZNRSingleton<ZNRReactorMgr>::Instance();
     std::uint64_t err = 0;
     std::vector<std::uint64_t> reactors{mgr->New(&err)};
