@@ -132,8 +132,6 @@ inline std::size_t Home(Block block, unsigned int shift) {
 }  // namespace
 
 struct ZNRBlockMemoryPool::FastIndex {
-    typedef IndexClass Class;
-    typedef IndexSlot Entry;
 
     FastIndex() : mask(0), shift(64), count(0) {}
 
@@ -148,23 +146,23 @@ struct ZNRBlockMemoryPool::FastIndex {
             ++bits;
         }
         if (want <= slots.size()) return;
-        std::vector<Entry> old(want, Entry{nullptr, nullptr, nullptr, 0});
+        std::vector<IndexSlot> old(want, IndexSlot{nullptr, nullptr, nullptr, 0});
         old.swap(slots);
         mask = want - 1;
         shift = 64 - bits;
         count = 0;
-        for (Entry const& entry : old)
+        for (IndexSlot const& entry : old)
             if (entry.block != nullptr) Insert(entry);
     }
 
-    void Insert(Entry const& entry) {
+    void Insert(IndexSlot const& entry) {
         std::size_t i = Home(entry.block);
         while (slots[i].block != nullptr) i = (i + 1) & mask;
         slots[i] = entry;
         ++count;
     }
 
-    Entry* Find(Block block) {
+    IndexSlot* Find(Block block) {
         if (block == nullptr || count == 0) return nullptr;
         for (std::size_t i = Home(block);; i = (i + 1) & mask) {
             if (slots[i].block == block) return &slots[i];
@@ -184,19 +182,19 @@ struct ZNRBlockMemoryPool::FastIndex {
         Block const block = new (std::nothrow) unsigned char[list->block_size];
         if (block == nullptr) return nullptr;
         *rank = list->Add(block, free);
-        Insert(Entry{block, list, nullptr, *rank});
+        Insert(IndexSlot{block, list, nullptr, *rank});
         // Ranks above the new block moved up; all bitmap words moved when
         // the bitmap grew.
         for (std::uint32_t r = list->words.data() == words ? *rank : 0; r < list->Count(); ++r) {
-            Entry* const entry = Find(list->blocks[r]);
+            IndexSlot* const entry = Find(list->blocks[r]);
             entry->rank = r;
             entry->word = &list->words[r / 64];
         }
         return block;
     }
 
-    std::vector<Class> walk;   // the classes in multimap order
-    std::vector<Entry> slots;  // open addressing, power-of-two size
+    std::vector<IndexClass> walk;   // the classes in multimap order
+    std::vector<IndexSlot> slots;  // open addressing, power-of-two size
     std::size_t mask;
     unsigned int shift;
     std::size_t count;
@@ -231,7 +229,7 @@ ZNRBlockMemoryPool::~ZNRBlockMemoryPool() {
 void ZNRBlockMemoryPool::RebuildWalk() {
     index_->walk.clear();
     for (auto const& entry : *classes_)
-        index_->walk.push_back(FastIndex::Class{entry.second.block_size, entry.second.max_count,
+        index_->walk.push_back(IndexClass{entry.second.block_size, entry.second.max_count,
                                                 entry.second.block_list});
     CopyHotFields();
 }
@@ -290,7 +288,7 @@ __attribute__((noinline)) void* ZNRBlockMemoryPool::AllocBeyondFree(std::size_t 
                                                                     char const* owner_file,
                                                                     unsigned int owner_line,
                                                                     std::uint64_t* error) {
-    std::vector<FastIndex::Class> const& walk = index_->walk;
+    std::vector<IndexClass> const& walk = index_->walk;
     for (std::size_t i = first; i < walk.size(); ++i) {
         BlockList* const list = walk[i].list;
         std::uint32_t rank = i == first ? list->Count() : list->TakeLowest();
@@ -335,7 +333,7 @@ std::uint64_t ZNRBlockMemoryPool::Free(void* p) {
 }
 
 std::uint64_t ZNRBlockMemoryPool::Clear() {
-    for (FastIndex::Class const& c : index_->walk) {
+    for (IndexClass const& c : index_->walk) {
         BlockList* const list = c.list;
         for (std::uint32_t rank = 0; rank < list->Count(); ++rank) {
             if (list->IsUsed(rank)) {
@@ -347,7 +345,7 @@ std::uint64_t ZNRBlockMemoryPool::Clear() {
         }
         list->Reset();
     }
-    for (FastIndex::Entry& entry : index_->slots) entry.block = nullptr;
+    for (IndexSlot& entry : index_->slots) entry.block = nullptr;
     index_->count = 0;
     return 0;
 }

@@ -33,8 +33,23 @@ ZNRByteBuffer::ZNRByteBuffer(unsigned char const* data, unsigned int size, ZNRMe
 }
 
 ZNRByteBuffer::ZNRByteBuffer(ZNRByteBuffer const& other)
-    : capacity_(other.capacity_), count_(other.count_), data_(nullptr), allocator_(other.allocator_),
-      block_size_(0) {
+    : capacity_(0), count_(0), data_(nullptr), allocator_(other.allocator_), block_size_(0) {
+    CopyBytesOf(other);
+}
+
+ZNRByteBuffer& ZNRByteBuffer::operator=(ZNRByteBuffer const& other) {
+    if (this == &other) return *this;
+    if (data_ != nullptr) allocator_->Free(data_);
+    CopyBytesOf(other);
+    return *this;
+}
+
+// A block of other's capacity from this buffer's allocator, other's bytes in it.
+void ZNRByteBuffer::CopyBytesOf(ZNRByteBuffer const& other) {
+    data_ = nullptr;
+    block_size_ = 0;
+    capacity_ = other.capacity_;
+    count_ = other.count_;
     if (capacity_ > 0) data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
     // A count over no block would send later cuts through a null pointer.
     if (data_ == nullptr) {
@@ -43,23 +58,6 @@ ZNRByteBuffer::ZNRByteBuffer(ZNRByteBuffer const& other)
         block_size_ = capacity_;
     }
     if (count_ > 0) std::memcpy(data_, other.data_, count_);
-}
-
-ZNRByteBuffer& ZNRByteBuffer::operator=(ZNRByteBuffer const& other) {
-    if (this == &other) return *this;
-    if (data_ != nullptr) allocator_->Free(data_);
-    data_ = nullptr;
-    block_size_ = 0;
-    capacity_ = other.capacity_;
-    count_ = other.count_;
-    if (capacity_ > 0) data_ = static_cast<unsigned char*>(allocator_->Alloc(capacity_, __FILE__, __LINE__));
-    if (data_ == nullptr) {
-        count_ = 0;
-    } else {
-        block_size_ = capacity_;
-    }
-    if (count_ > 0) std::memcpy(data_, other.data_, count_);
-    return *this;
 }
 
 ZNRByteBuffer::~ZNRByteBuffer() {

@@ -242,19 +242,15 @@ int ZNRReactorIOCP::RunTimers() {
     ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
     ZNRTimerMgr* const timers = GetTimerMgr();
     std::uint64_t next = timers->GetNextExpiry();
-    if (next == kNoId) {
-        planned_wake_ = kNoId;
-        return -1;
-    }
-    std::uint64_t now = ZNRGetSysTick();
+    std::uint64_t now = next != kNoId ? ZNRGetSysTick() : 0;
     if (next <= now && timers->ScheduleTimers(now) != 0) {
         // Callbacks took time and may have added or ended timers.
         next = timers->GetNextExpiry();
-        if (next == kNoId) {
-            planned_wake_ = kNoId;
-            return -1;
-        }
         now = ZNRGetSysTick();
+    }
+    if (next == kNoId) {
+        planned_wake_ = kNoId;
+        return -1;
     }
     if (next <= now + kNearTimerMs) {
         planned_wake_ = now + 1;

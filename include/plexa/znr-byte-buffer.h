@@ -48,6 +48,7 @@ public:
 
 private:
     std::uint64_t Reallocate(unsigned int capacity, unsigned int block_size);
+    void CopyBytesOf(ZNRByteBuffer const& other);
 
     unsigned int capacity_;
     unsigned int count_;
