@@ -1,7 +1,6 @@
 #include "net-test-util.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 
 using namespace nettest;
@@ -16,10 +15,7 @@ DevicePtr<ZNRTcpDevice> OpenTcp(ZNRNetAddrInfo const* local, ZNRNetAddrInfo cons
                                 unsigned int recv_timeout = 0, bool non_block = false) {
     auto dev = MakeDevice<ZNRTcpDevice>();
     ZNRTcpDeviceParam p;
-    p.local_addr = local;
-    p.remote_addr = remote;
-    p.ipv6 = v6;
-    p.recv_timeout = recv_timeout;
+    p.local_addr = local, p.remote_addr = remote, p.ipv6 = v6, p.recv_timeout = recv_timeout;
     p.non_block = non_block;
     EXPECT_TRUE(dev->Open(&p)) << std::hex << dev->GetError();
     return dev;
@@ -39,8 +35,7 @@ std::string State(ZNRDevice* d) {
            (d->IsEof() ? " eof" : "") + (d->GetFd() < 0 ? " nofd '" : " fd '") + Str(d->GetDescInfo()) + "'";
 }
 
-// Non-blocking listener and client, with local addresses, through a whole
-// connection life.
+// Non-blocking listener and client with local addresses, through a whole connection life.
 void StreamDevices(bool v6) {
     ZNRNetAddrInfo const local = v6 ? V6Loopback() : V4("127.0.0.1", "0");
     std::string const ip = v6 ? "::1" : "127.0.0.1";
@@ -76,12 +71,10 @@ void StreamDevices(bool v6) {
               State(accepted.get()));
     EXPECT_EQ(3000u, RecvTimeout(accepted.get()));
     EXPECT_EQ(v6 ? ZNRSocket::TYPE_TCP_V6 : ZNRSocket::TYPE_TCP_V4, accepted->GetSocket()->GetType());
-    // Accepted sockets take on the listener's non-blocking mode, and stay
-    // out of child processes.
+    // Non-blocking like the listener, and close-on-exec.
     EXPECT_NE(0, ::fcntl(accepted->GetFd(), F_GETFL) & O_NONBLOCK);
     EXPECT_NE(0, ::fcntl(accepted->GetFd(), F_GETFD) & FD_CLOEXEC);
-    // Nothing more pending: the error stays on the listener, the other
-    // device is left closed.
+    // Nothing pending: the error stays on the listener; the target stays closed.
     auto none = MakeDevice<ZNRTcpDevice>();
     EXPECT_FALSE(listener->Accept(none.get()));
     EXPECT_EQ(ZNRSysError(EAGAIN), listener->GetError());
@@ -99,8 +92,7 @@ void StreamDevices(bool v6) {
     ASSERT_EQ(6, accepted->Read(got, sizeof(got)));
     EXPECT_EQ(msg, Bytes(got, 6));
 
-    // Half-close by the client: end of stream on the other side, which may
-    // still answer.
+    // Client half-close: end of stream on the other side, which may still answer.
     ASSERT_TRUE(client->CloseWrite());
     ASSERT_TRUE(WaitFor(accepted->GetFd()));
     EXPECT_EQ(-1, accepted->Read(got, sizeof(got)));
@@ -110,8 +102,7 @@ void StreamDevices(bool v6) {
     ASSERT_TRUE(WaitFor(client->GetFd()));
     ASSERT_EQ(1, client->Read(got, sizeof(got)));
 
-    // The accepted side closes: the client reads the end of the stream;
-    // writing then fails without SIGPIPE, and is no eof.
+    // Accepted side closes: the client reads eof; writing then fails (no SIGPIPE), no eof.
     EXPECT_TRUE(accepted->Close());
     ASSERT_TRUE(WaitFor(client->GetFd()));
     EXPECT_EQ(-1, client->Read(got, sizeof(got)));
@@ -126,7 +117,7 @@ void StreamDevices(bool v6) {
     EXPECT_TRUE(listener->Close());
     EXPECT_EQ("type=closed closed eof nofd ''", State(listener.get()));
     EXPECT_EQ(nullptr, listener->GetSocket());
-    EXPECT_TRUE(listener->Close());
+    EXPECT_TRUE(listener->Close());  // twice is fine
 }
 
 }  // namespace
@@ -181,7 +172,7 @@ TEST(TcpDevice, OpenConnectAndAcceptFailures) {
     EXPECT_EQ(ZNRSysError(EINVAL), listener->GetError());
 
     // A blocking connect to a port without a listener is refused.
-    ZNRSocket bound_only;
+    ZNRSocket bound_only;  // bound, never listening
     ZNRNetAddrInfo dead;
     ASSERT_EQ(0u, bound_only.Open(ZNRSocket::TYPE_TCP_V4));
     ASSERT_EQ(0u, bound_only.Bind(&local));
@@ -198,24 +189,20 @@ TEST(UdpDevice, DescriptionsDatagramsAndPeers) {
     EXPECT_EQ("type=udp closed eof nofd ''", State(a.get()));
     ZNRNetAddrInfo const local = V4("127.0.0.1", "0");
     ZNRUdpDeviceParam pa, pb;
-    pa.non_block = true;
-    pb.local_addr = &local;
-    pb.recv_timeout = 5000;
+    pa.non_block = true, pb.local_addr = &local, pb.recv_timeout = 5000;
     ASSERT_TRUE(a->Open(&pa));
     ASSERT_TRUE(b->Open(&pb));
     EXPECT_EQ("type=udp open fd 'udp '", State(a.get()));
     EXPECT_EQ("udp  , local ip=127.0.0.1 local port=0", Str(b->GetDescInfo()));
 
-    // Any destination call prepares the receive peer; without a
-    // destination nothing is sent.
+    // Any destination call prepares the receive peer; without a destination nothing is sent.
     std::string const msg("dg\0m", 4);
     EXPECT_EQ(nullptr, a->GetLastRecvPeerAddr());
     a->SetNextSendPeerAddr(nullptr);
     EXPECT_NE(nullptr, a->GetLastRecvPeerAddr());
     EXPECT_EQ(-1, a->Write(U(msg), 4));
     EXPECT_EQ(kNoDestination, a->GetError());
-    // Read always gives -1 and leaves the receive's result in the error
-    // slot: -1 sign-extended on failure, 0 for an empty queue.
+    // Read always gives -1, the receive's result in the error slot: -1 sign-extended, 0 when empty.
     unsigned char got[16] = {};
     EXPECT_EQ(-1, a->Read(got, -5));
     EXPECT_EQ(0xFFFFFFFFFFFFFFFFULL, a->GetError());
@@ -257,8 +244,7 @@ TEST(UnknownDevice, AdoptsADescriptor) {
     auto writer = MakeDevice<ZNRUnknownDevice>();
     EXPECT_EQ("type=unknown closed eof nofd 'Unknown device'", State(reader.get()));
     ZNRUnknownDeviceParam rp, wp;
-    rp.fd = fds[0];
-    wp.fd = fds[1];
+    rp.fd = fds[0], wp.fd = fds[1];
     ASSERT_TRUE(reader->Open(&rp));
     ASSERT_TRUE(writer->Open(&wp));
     EXPECT_EQ(fds[0], reader->GetFd());
@@ -275,7 +261,7 @@ TEST(UnknownDevice, AdoptsADescriptor) {
     EXPECT_TRUE(writer->Close());
     EXPECT_EQ("type=unknown closed eof nofd 'Unknown device'", State(writer.get()));
     EXPECT_EQ(-1, ::fcntl(fds[1], F_GETFD));
-    EXPECT_TRUE(writer->Close());
+    EXPECT_TRUE(writer->Close());  // twice is fine
     EXPECT_EQ(-1, reader->Read(got, sizeof(got)));
     EXPECT_EQ(kEndOfStream, reader->GetError());
     EXPECT_TRUE(reader->IsEof());
@@ -296,8 +282,7 @@ TEST(FakeDevice, ZeroReadsDiscardedWritesNeverClosed) {
     auto fake = MakeDevice<ZNRFakeDevice>();
     ZNRFakeDeviceParam param;
     EXPECT_TRUE(fake->Open(&param));
-    unsigned char buf[8];
-    std::memset(buf, 0xAA, sizeof(buf));
+    unsigned char buf[8] = {0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA};
     EXPECT_EQ(5, fake->Read(buf, 5));
     EXPECT_EQ(std::string("\0\0\0\0\0\xAA", 6), Bytes(buf, 6));
     EXPECT_EQ(7, fake->Write(buf, 7));
@@ -328,8 +313,7 @@ TEST(Pipe, PairTransfersAndEnds) {
     EXPECT_EQ(-1, pipe.Read(got, sizeof(got), &err));
     EXPECT_EQ(kEndOfStream, err);
 
-    // Adopted ends; a write without reader fails with the bare EPIPE and
-    // the destructor closes what is left.
+    // Adopted ends: a write without reader fails with bare EPIPE; the destructor closes the rest.
     int fds[2];
     ASSERT_EQ(0, ::pipe(fds));
     {
