@@ -83,9 +83,8 @@ TEST_F(XmlConfigTest, QueriesValuesAttributesAndTrees) {
     EXPECT_EQ("x", (*tree.children).at(0)->value.ToStdCStr());
 
     int v = 7;
-    EXPECT_TRUE(config_.GetInt(ZNRString("s/n"), &v) && v == -42);
-    EXPECT_TRUE(config_.GetInt(ZNRString("s/h"), &v) && v == 31);
-    EXPECT_TRUE(config_.GetInt(ZNRString("s/o"), &v) && v == 8);
+    for (auto row : {std::make_pair("s/n", -42), std::make_pair("s/h", 31), std::make_pair("s/o", 8)})
+        EXPECT_TRUE(config_.GetInt(ZNRString(row.first), &v) && v == row.second) << row.first;
     EXPECT_TRUE(Errors().empty());
     // Failed reads leave the outputs alone and log why.
     for (char const* bad : {"s/bad", "s/e", "s/big", "s/i"}) EXPECT_FALSE(config_.GetInt(ZNRString(bad), &v)) << bad;
@@ -160,8 +159,7 @@ TEST_F(XmlConfigTest, IncludePathsDirectoriesAndCase) {
     Write("Upper/Mixed.xml", "<mixed>2</mixed>");
     Write("m.xml", "<r>\n<#INCLUDE   Conf/Extra.XML  >\n<#Include Upper/Mixed.xml>\n</r>");
     char cwd[4096];
-    ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
-    ASSERT_EQ(0, chdir(dir_.c_str()));
+    ASSERT_TRUE(getcwd(cwd, sizeof cwd) && chdir(dir_.c_str()) == 0);
     bool const loaded = Load("m.xml");
     ASSERT_EQ(0, chdir(cwd));
     ASSERT_TRUE(loaded);
@@ -217,8 +215,7 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
 }
 
 TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
-    std::string const self = dir_ + "/self.xml";
-    std::string const a = dir_ + "/a.xml";
+    std::string const self = dir_ + "/self.xml", a = dir_ + "/a.xml";
     std::string const b = Write("b.xml", "<b>\n\n" + Include(dir_ + "/./a.xml") + "</b>");
     Write("self.xml", "<r>\n" + Include(self) + "\n</r>");
     Write("a.xml", "<a>" + Include(b) + "</a>");
@@ -237,8 +234,7 @@ TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
         }
         return dir_ + "/chain/0.xml";
     };
-    EXPECT_TRUE(Load(chain(33)));
-    EXPECT_FALSE(Load(chain(34)));
+    EXPECT_TRUE(Load(chain(33)) && !Load(chain(34)));
 
     // Each file includes the next twice: three files make 1 + 2 + 4 reads.
     std::string const twice1 = dir_ + "/twice/1.xml", twice2 = dir_ + "/twice/2.xml";
