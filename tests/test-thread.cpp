@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <pthread.h>
@@ -40,13 +41,11 @@ public:
     std::atomic<bool>* gate = nullptr;
     long exit_code = 0;
     ZNRThread* got = nullptr;
-    bool is_current = false;
+    bool is_current = false, destroyed_on_run_thread = false;
     std::string name;
-    int nice = 0;
+    int nice = 0, destroys = 0;
     pthread_t run_tid{};
-    bool destroyed_on_run_thread = false;
     std::atomic<int> runs{0};
-    int destroys = 0;
 };
 
 class LoopHandler : public ZNRMessageHandler {
@@ -67,8 +66,7 @@ TEST(ThreadMgr, AdoptsTheMainThreadOnceAndJoinErrors) {
     ZNRThread* current = ZNRThreadMgr::Instance()->GetCurrent();
     ASSERT_NE(current, nullptr);
     EXPECT_EQ(current->GetName().ToStdCStr(), "default");
-    EXPECT_EQ(ZNRThreadMgr::Instance()->GetCurrent(), current);
-    EXPECT_TRUE(current->IsCurrent());
+    EXPECT_TRUE(ZNRThreadMgr::Instance()->GetCurrent() == current && current->IsCurrent());
     // A thread cannot wait for itself: an error, and it stays started.
     long code = -1;
     EXPECT_EQ(current->Join(&code), ZNRSysError(EDEADLK));
@@ -118,12 +116,10 @@ TEST(Thread, RunableBodyNameAndExitCode) {
     ASSERT_EQ(t.Start(&probe), 0u);
     long code = -1;
     ASSERT_EQ(t.Join(&code), 0u);
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(probe.runs, 1);
-    EXPECT_EQ(probe.destroys, 1);
-    EXPECT_EQ(probe.got, &t);
+    // The name is cut to 15 bytes.
+    EXPECT_EQ(std::make_tuple(0L, 1, 1, &t, "plexa-worker-na"),
+              std::make_tuple(code, probe.runs.load(), probe.destroys, probe.got, probe.name));
     EXPECT_TRUE(probe.is_current && probe.destroyed_on_run_thread);
-    EXPECT_EQ(probe.name, "plexa-worker-na");  // cut to 15 bytes
 
     // Exit ends the thread with its code; Destroy is not reached.
     t.SetName(ZNRString("short"));
@@ -131,9 +127,7 @@ TEST(Thread, RunableBodyNameAndExitCode) {
     leaving.exit_code = 7;
     ASSERT_EQ(t.Start(&leaving), 0u);
     ASSERT_EQ(t.Join(&code), 0u);
-    EXPECT_EQ(code, 7);
-    EXPECT_EQ(leaving.name, "short");
-    EXPECT_EQ(leaving.destroys, 0);
+    EXPECT_EQ(std::make_tuple(7L, "short", 0), std::make_tuple(code, leaving.name, leaving.destroys));
 }
 
 TEST(Thread, PriorityIsAppliedBeforeTheBodyOrReported) {
@@ -170,16 +164,11 @@ TEST(ThreadMgr, WaitAllJoinsEveryStartedThread) {
         probes[i].gate = &go;
         ASSERT_EQ(threads[i].Start(&probes[i]), 0u);
     }
-    std::thread opener([&go] {
-        ZNRSleep(20);
-        go = true;
-    });
+    std::thread opener([&go] { ZNRSleep(20), go = true; });
     ZNRThreadMgr::Instance()->WaitAll();
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(probes[i].runs, 1);
-        EXPECT_FALSE(threads[i].Started());
-        EXPECT_EQ(threads[i].Join(nullptr), ZNRSysError(ESRCH));
-    }
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(probes[i].runs == 1 && !threads[i].Started() && threads[i].Join(nullptr) == ZNRSysError(ESRCH))
+            << i;
     EXPECT_TRUE(main_thread->Started());
     opener.join();
 }
@@ -201,10 +190,7 @@ TEST(ThreadMgr, ForeignThreadsAreAdoptedUntilTheyEnd) {
     EXPECT_TRUE(seen.load()->Started());  // adopted threads count as started
     EXPECT_EQ(registered + 1, mgr->GetThreadCount());
     // Its object lives until it ends, so WaitAll can wait for it meanwhile.
-    std::thread opener([&release] {
-        ZNRSleep(20);
-        release = true;
-    });
+    std::thread opener([&release] { ZNRSleep(20), release = true; });
     mgr->WaitAll();
     EXPECT_TRUE(release);
     foreign.join();
@@ -220,8 +206,7 @@ TEST(ThreadMgr, ForeignThreadsAreAdoptedUntilTheyEnd) {
     // and so does a fresh manager, also for a thread that outlives the old one.
     delete main_thread;
     ZNRThread* again = mgr->GetCurrent();
-    EXPECT_TRUE(again != nullptr && again->IsCurrent());
-    EXPECT_EQ(mgr->GetCurrent(), again);
+    EXPECT_TRUE(again != nullptr && again->IsCurrent() && mgr->GetCurrent() == again);
     seen = nullptr;
     release = false;
     std::thread outliving([&] {
