@@ -114,8 +114,7 @@ TEST(ThreadRWMutex, ReadersShareWritersExcludeAndGuardsRelease) {
 TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
     ZNRThreadRWMutex rw;
     Holder reader1(rw, false), reader2(rw, false);
-    reader1.WaitTaken();
-    reader2.WaitTaken();
+    reader1.WaitTaken(), reader2.WaitTaken();
     Holder writer(rw, true);
     EXPECT_FALSE(writer.IsTaken());
     EXPECT_EQ(kReadOnly, Others(rw));  // a waiting writer does not hold readers back
@@ -128,8 +127,7 @@ TEST(ThreadRWMutex, WriterWaitsForEveryReaderWhileReadersStillEnter) {
     Holder late_reader(rw, false);
     EXPECT_FALSE(late_reader.IsTaken());
     writer.Release();
-    late_reader.WaitTaken();
-    late_reader.Release();
+    late_reader.WaitTaken(), late_reader.Release();
     EXPECT_EQ(kBoth, Others(rw));
 }
 
@@ -151,8 +149,7 @@ TEST(ThreadRWMutex, WriterPastTheEventStillWaitsForAReaderThatSlipsIn) {
     EXPECT_EQ(&in == &reader ? kReadOnly : kNone, Others(rw));
     if (both) out.Release();  // so that the failure does not hang
     in.Release();
-    out.WaitTaken();
-    out.Release();
+    out.WaitTaken(), out.Release();
     EXPECT_EQ(kBoth, Others(rw));
 }
 
@@ -190,16 +187,14 @@ TEST(ThreadCond, TimeoutAndConditionAlreadyTrue) {
     EXPECT_EQ(std::make_tuple(1, static_cast<void*>(&check_arg), 0, static_cast<void*>(&cond), 0ull),
               std::make_tuple(cond.checks.load(), cond.last_check_arg, cond.handled, result, error));
 
-    // A pending signal with a false condition: woken once, checked again,
-    // then the second zero-length wait times out.
+    // A pending signal, condition false: woken once, checked again, then the zero wait times out.
     ASSERT_EQ(0u, cond.Signal());
     cond.checks = 0;
     EXPECT_EQ(0, cond.Wait(0, &check_arg, &fetch_arg, &result, &error));
     EXPECT_EQ(2, cond.checks.load());
 
     // Already true: no wait at all, even with a zero time-out.
-    cond.ready = true;
-    cond.checks = 0;
+    cond.ready = true, cond.checks = 0;
     EXPECT_EQ(1, cond.Wait(0, &check_arg, &fetch_arg, &result, nullptr));
     EXPECT_EQ(std::make_tuple(static_cast<void*>(&fetch_arg), 1, 1),
               std::make_tuple(result, cond.checks.load(), cond.handled));
@@ -237,8 +232,7 @@ TEST(ThreadCond, SignalFromAnotherThreadWakesWaiter) {
 
 TEST(TLS, UnsetIsNullAndValuesArePerThreadAndPerSlot) {
     ZNRTLS tls, second;
-    ASSERT_EQ(0u, tls.Open());
-    ASSERT_EQ(0u, second.Open());
+    ASSERT_EQ(0u, tls.Open() | second.Open());
     // Get() returning {rc, value}, starting from a non-null value.
     auto get = [](ZNRTLS& t) {
         void* out = &out;
