@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <sys/un.h>
+#include <vector>
 
 using namespace nettest;
 
@@ -27,10 +28,9 @@ std::string Raw(ZNRNetAddrInfo const& a, int from, int n) {
 
 TEST(NetAddrInfo, LayoutCopiesAndTextOpen) {
     ZNRNetAddrInfo const empty4, empty6(ZNRNetAddrInfo::TYPE_IPV6);
-    EXPECT_EQ("v4/16  ", Desc(empty4));
-    EXPECT_EQ("v6/28  ", Desc(empty6));
-    EXPECT_EQ(AF_INET, empty4.GetAddr()->sa_family);
-    EXPECT_EQ(AF_INET6, empty6.GetAddr()->sa_family);
+    EXPECT_EQ("v4/16  |v6/28  ", Desc(empty4) + "|" + Desc(empty6));
+    EXPECT_EQ(std::make_pair(AF_INET, AF_INET6),
+              std::make_pair(+empty4.GetAddr()->sa_family, +empty6.GetAddr()->sa_family));
     // Port first; family, port in network order, address, then zeros.
     ZNRNetAddrInfo a = V4("192.168.0.1", "8080");
     EXPECT_EQ("v4/16 192.168.0.1 8080", Desc(a));
@@ -85,10 +85,10 @@ TEST(NetAddrInfo, BinaryOpenAndConversions) {
 
     // Text Open shows the handling of texts that are no address.
     unsigned int addr = 0;
-    EXPECT_EQ(0u, ZNRNetAddrInfo::StrAddrToNet(ZNRString("127.0.0.1"), &addr));
-    EXPECT_EQ(htonl(0x7F000001u), addr);
     ZNRString text("old");
-    ASSERT_EQ(0u, ZNRNetAddrInfo::NetAddrToStr(htonl(0xC0A80001u), &text));
+    ASSERT_EQ(0u, ZNRNetAddrInfo::StrAddrToNet(ZNRString("127.0.0.1"), &addr) |
+                      ZNRNetAddrInfo::NetAddrToStr(htonl(0xC0A80001u), &text));
+    EXPECT_EQ(htonl(0x7F000001u), addr);
     EXPECT_EQ("192.168.0.1", Str(text));
 
     // Interfaces are keyed by name; an existing entry is overwritten,
@@ -114,12 +114,11 @@ TEST(HostInfo, LookupsPassiveAndFailures) {
 
     // An empty host asks for the wildcard addresses.
     ZNRHostInfo passive;
-    ASSERT_EQ(0u, passive.Open(ZNRString(""), ZNRString("8080"), false));
-    ASSERT_EQ(1u, passive.GetAddrInfos().size());
-    EXPECT_EQ("0.0.0.0 8080", Text(*passive.GetAddrInfos()[0]));
-    ASSERT_EQ(0u, passive.Open(ZNRString(""), ZNRString("9"), true));
-    ASSERT_EQ(1u, passive.GetAddrInfos().size());
-    EXPECT_EQ("v6/28 :: 9", Desc(*passive.GetAddrInfos()[0]));
+    for (bool v6 : {false, true}) {
+        ASSERT_EQ(0u, passive.Open(ZNRString(""), ZNRString(v6 ? "9" : "8080"), v6));
+        ASSERT_EQ(1u, passive.GetAddrInfos().size());
+        EXPECT_EQ(v6 ? "v6/28 :: 9" : "v4/16 0.0.0.0 8080", Desc(*passive.GetAddrInfos()[0]));
+    }
     EXPECT_EQ("", Str(passive.GetHost()));
 
     // A failed lookup empties the list and keeps the previous names.
@@ -136,17 +135,15 @@ TEST(HostInfo, LookupsPassiveAndFailures) {
 TEST(Socket, OpenOptionsAndErrors) {
     // Unknown types and unopened sockets fail before any system call.
     ZNRSocket none;
-    EXPECT_EQ(kUnsupported, none.Open(static_cast<ZNRSocket::Type_t>(5)));
-    EXPECT_EQ(kUnsupported, none.Open(ZNRSocket::TYPE_NONE));
-    EXPECT_EQ(ZNRSocket::TYPE_NONE, none.GetType());
-    EXPECT_EQ(-1, none.GetFd());
     ZNRNetAddrInfo addr;
-    EXPECT_EQ(kUnsupported, none.GetLocalInfo(&addr));
     unsigned char buf[4];
     std::uint64_t err = 0;
+    EXPECT_EQ((std::vector<std::uint64_t>{kUnsupported, kUnsupported, kUnsupported, ZNRSysError(EBADF)}),
+              (std::vector<std::uint64_t>{none.Open(static_cast<ZNRSocket::Type_t>(5)), none.Open(ZNRSocket::TYPE_NONE),
+                                          none.GetLocalInfo(&addr), none.Close()}));
+    EXPECT_TRUE(none.GetType() == ZNRSocket::TYPE_NONE && none.GetFd() == -1);
     EXPECT_EQ(-1, none.RecvFrom(buf, 4, &err, &addr));
     EXPECT_EQ(kUnsupported, err);
-    EXPECT_EQ(ZNRSysError(EBADF), none.Close());
 
     ZNRSocket s;
     ASSERT_EQ(0u, s.Open(ZNRSocket::TYPE_TCP_V4));
@@ -161,13 +158,10 @@ TEST(Socket, OpenOptionsAndErrors) {
         EXPECT_EQ(on, (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0);
     }
     // The two time-outs are kept apart, with milliseconds intact.
-    unsigned int ms = 1;
-    ASSERT_EQ(0u, s.SetRecvTimeout(1000));
-    ASSERT_EQ(0u, s.SetSendTimeout(2500));
-    ASSERT_EQ(0u, s.GetSendTimeout(&ms));
-    EXPECT_EQ(2500u, ms);
-    ASSERT_EQ(0u, s.GetRecvTimeout(&ms));
-    EXPECT_EQ(1000u, ms);
+    unsigned int send_ms = 1, recv_ms = 1;
+    ASSERT_EQ(0u, s.SetRecvTimeout(1000) | s.SetSendTimeout(2500) | s.GetSendTimeout(&send_ms) |
+                      s.GetRecvTimeout(&recv_ms));
+    EXPECT_EQ(std::make_pair(2500u, 1000u), std::make_pair(send_ms, recv_ms));
 
     // Bad arguments never reach the system; failures of the system calls
     // come back as operating-system codes.
@@ -178,10 +172,8 @@ TEST(Socket, OpenOptionsAndErrors) {
     EXPECT_EQ(ZNRSysError(EINVAL), s.Bind(nullptr));
     EXPECT_EQ(0x40000001u, s.Bind(&six) >> 32);
     EXPECT_EQ(0u, s.Close());
-    EXPECT_EQ(-1, s.GetFd());
-    EXPECT_EQ(-1, ::fcntl(fd, F_GETFD));
-    EXPECT_EQ(ZNRSysError(EBADF), s.Listen(1));
-    EXPECT_EQ(ZNRSysError(EBADF), s.Close());
+    EXPECT_TRUE(s.GetFd() == -1 && ::fcntl(fd, F_GETFD) == -1);
+    EXPECT_EQ(std::make_pair(ZNRSysError(EBADF), ZNRSysError(EBADF)), std::make_pair(s.Listen(1), s.Close()));
 }
 
 // Streams are exercised end to end through the TCP devices.
