@@ -134,7 +134,8 @@ TEST_F(PackTest, ReplaceRewindAndCopies) {
 
     // Rewinding empties the pack, keeps its memory and sets the byte order.
     pack.Rewind(true);
-    EXPECT_EQ(std::make_pair(0u, 6u), std::make_pair(pack.GetBuffer()->GetDataCount(), pack.GetBuffer()->GetCapacity()));
+    EXPECT_EQ(std::make_pair(0u, 6u),
+              std::make_pair(pack.GetBuffer()->GetDataCount(), pack.GetBuffer()->GetCapacity()));
     EXPECT_EQ((Errors{ZNRUserError(20), 0, 0}),
               (Errors{pack.Replace(0, 0x0102), pack.Push(static_cast<unsigned short>(0x0102)),
                       pack.Replace(0, static_cast<unsigned short>(0x0A0B))}));

@@ -18,7 +18,9 @@ class RecTimer : public ZNRTimer {
 public:
     RecTimer(char const* name, Log* log, std::set<RecTimer*>* alive, unsigned int interval, unsigned int limit,
              bool keep)
-        : ZNRTimer(interval, limit, nullptr), name_(name), log_(log), alive_(alive), keep_(keep) { alive->insert(this); }
+        : ZNRTimer(interval, limit, nullptr), name_(name), log_(log), alive_(alive), keep_(keep) {
+        alive->insert(this);
+    }
     ~RecTimer() override { alive_->erase(this); }
 
     std::function<void()> on_expires;
