@@ -12,12 +12,7 @@ namespace {
 typedef std::vector<unsigned char> Bytes;
 
 struct ProxyCall {
-    int id;
-    Bytes body;
-    unsigned char const* where;
-    unsigned short res_code;
-    bool bigendian;
-    void* context;
+    int id; Bytes body; unsigned char const* where; unsigned short res_code; bool bigendian; void* context;
 };
 std::vector<ProxyCall> calls;
 std::vector<int> ended;
@@ -69,10 +64,9 @@ protected:
 
 TEST_F(EntityMapTest, DispatchFoundNotFoundAndShort) {
     ZNREntityMap map;
-    ASSERT_TRUE(map.AddEntityMap(0x00010002, new Probe(1)));
-    ASSERT_TRUE(map.AddEntityMap(0x00010003, new Probe(2, false)));
     ZNRCompatEntityMap compat;
-    ASSERT_TRUE(compat.AddCompatEntityMap(0x00000503, new Probe(3)));
+    ASSERT_TRUE(map.AddEntityMap(0x00010002, new Probe(1)) && map.AddEntityMap(0x00010003, new Probe(2, false)) &&
+                compat.AddCompatEntityMap(0x00000503, new Probe(3)));
     EXPECT_FALSE(compat.AddCompatEntityMap(0x00000503, nullptr));
 
     // Entity: 16-bit command then service, little-endian whatever the packet's order.
@@ -131,14 +125,16 @@ TEST_F(EntityMapTest, DispatchFoundNotFoundAndShort) {
     EXPECT_TRUE(map.DispatchEntity(e_refused.data(), 6, false, nullptr, nullptr));
     EXPECT_EQ(2u, calls.size());
 
-    unsigned int uri = 0;
-    EXPECT_EQ(0u, map.PeekUri(e_refused.data(), 6, true, &uri));
-    EXPECT_EQ(0x00010003u, uri);
-    EXPECT_EQ(ZNRUserError(22), map.PeekUri(e_refused.data(), 3, false, &uri));
-    EXPECT_EQ(0u, compat.PeekUri(c_packet.data(), 8, false, &uri));
-    EXPECT_EQ(0x503u, uri);
-    EXPECT_EQ(ZNRUserError(22), compat.PeekUri(c_packet.data(), 7, false, &uri));
-    EXPECT_EQ(ZNRUserError(22), compat.PeekUri(c_packet.data(), 2, false, &uri));
+    // Peeking is silent; a failed peek keeps the last uri.
+    unsigned int uri = 0, compat_uri = 0;
+    std::uint64_t const short_data = ZNRUserError(22);
+    EXPECT_EQ((std::vector<std::uint64_t>{0, short_data, 0, short_data, short_data}),
+              (std::vector<std::uint64_t>{map.PeekUri(e_refused.data(), 6, true, &uri),
+                                          map.PeekUri(e_refused.data(), 3, false, &uri),
+                                          compat.PeekUri(c_packet.data(), 8, false, &compat_uri),
+                                          compat.PeekUri(c_packet.data(), 7, false, &compat_uri),
+                                          compat.PeekUri(c_packet.data(), 2, false, &compat_uri)}));
+    EXPECT_EQ(std::make_pair(0x00010003u, 0x503u), std::make_pair(uri, compat_uri));
     EXPECT_TRUE(log.lines().empty());
 
     compat.RemoveCompatEntityMap(0x503);
@@ -149,6 +145,7 @@ TEST_F(EntityMapTest, RegistrationOwnsAndEndsProxies) {
     {
         ZNREntityMap map;
         for (int id : {3, 1, 2}) ASSERT_TRUE(map.AddEntityMap(10u * id, new Probe(id)));
+        // A refused proxy stays the caller's.
         Probe* duplicate = new Probe(9);
         EXPECT_FALSE(map.AddEntityMap(20, duplicate));
         EXPECT_TRUE(ended.empty());
@@ -184,15 +181,14 @@ TEST(EntityMap, TypedTargetsUnpackAndCall) {
     PointService service;
     char context[] = "ctx";
     ZNREntityMap map;
-    unsigned int const uri = ZNRMakeEntityUri(7, 1);
-    EXPECT_EQ(0x00070001u, uri);
-    ASSERT_TRUE(map.AddEntityTarget(uri, &service, &PointService::OnPoint));
-    EXPECT_FALSE(map.AddEntityTarget(uri, &service, &PointService::OnPoint));
     ZNRCompatEntityMap compat;
-    unsigned int const compat_uri = ZNRMakeCompatEntityUri(2, 3);
-    EXPECT_EQ(0x302u, compat_uri);
-    ASSERT_TRUE(compat.AddCompatEntityTarget(compat_uri, &service, &PointService::OnCompatPoint));
-    EXPECT_FALSE(compat.AddCompatEntityTarget(compat_uri, &service, &PointService::OnCompatPoint));
+    unsigned int const uri = ZNRMakeEntityUri(7, 1), compat_uri = ZNRMakeCompatEntityUri(2, 3);
+    EXPECT_EQ(std::make_pair(0x00070001u, 0x302u), std::make_pair(uri, compat_uri));
+    // A uri takes one target.
+    for (bool first : {true, false}) {
+        EXPECT_EQ(first, map.AddEntityTarget(uri, &service, &PointService::OnPoint));
+        EXPECT_EQ(first, compat.AddCompatEntityTarget(compat_uri, &service, &PointService::OnCompatPoint));
+    }
 
     Bytes const good = {0x01, 0x00, 0x07, 0x00, 0xFE, 0xFF, 0xFF, 0xFF, 0x34, 0x12, 0xEE};
     Bytes const packet = {16, 0, 0, 0, 0x02, 0x03, 0, 0, 0x09, 0x00, 5, 0, 0, 0, 6, 0};
