@@ -11,6 +11,7 @@
 namespace {
 
 typedef std::vector<unsigned char> Bytes;
+typedef std::vector<std::uint64_t> Errors;  // a braced list evaluates in order
 
 Bytes Output(ZNRDataSender const& sender) {
     ZNRByteBuffer const* b = sender.GetBuffer();
@@ -30,17 +31,9 @@ struct Word : public ZNRMarshallable {
 
 // The first error of a sequence of pushes or pops.
 template <class... T>
-std::uint64_t PushAll(ZNRPack* p, T const&... v) {
-    std::uint64_t e = 0;
-    ((e = e != 0 ? e : p->Push(v)), ...);
-    return e;
-}
+std::uint64_t PushAll(ZNRPack* p, T const&... v) { std::uint64_t e = 0; return ((e = e ? e : p->Push(v)), ...); }
 template <class... T>
-std::uint64_t PopAll(ZNRUnpack* u, T*... v) {
-    std::uint64_t e = 0;
-    ((e = e != 0 ? e : u->Pop(v)), ...);
-    return e;
-}
+std::uint64_t PopAll(ZNRUnpack* u, T*... v) { std::uint64_t e = 0; return ((e = e ? e : u->Pop(v)), ...); }
 
 // One field of every kind the pack encoding has, nested entity included.
 struct Everything : public ZNRMarshallable {
@@ -119,9 +112,10 @@ TEST(DataSender, TransMessageFramesAndLimits) {
     ASSERT_EQ(0u, sender.CreateByTransMessageProtocol(kData, 3, 0));
     EXPECT_EQ(Bytes({0x00, 0x00, 0x03, 0x00, 0x00, 'a', 'b', 'c'}), Output(sender));
     // Frames are appended; failures leave the output alone.
-    ASSERT_EQ(0u, sender.CreateByTransMessageProtocol(kData, 0, 0));
-    EXPECT_EQ(ZNRUserError(25), sender.CreateByTransMessageProtocol(kData, 3, 2));
-    EXPECT_EQ(ZNRUserError(26), sender.CreateByTransMessageProtocol(kData, -1, 0));
+    EXPECT_EQ((Errors{0, ZNRUserError(25), ZNRUserError(26)}),
+              (Errors{sender.CreateByTransMessageProtocol(kData, 0, 0),
+                      sender.CreateByTransMessageProtocol(kData, 3, 2),
+                      sender.CreateByTransMessageProtocol(kData, -1, 0)}));
     EXPECT_EQ(13u, sender.GetBuffer()->GetDataCount());
 
     // A frame past the limit is dropped and success still reported.
@@ -144,8 +138,7 @@ TEST(DataSender, TransMessageFramesAndLimits) {
     // The copy keeps bytes and byte order under a limit of its own.
     ZNRDataSender copy(deflating);
     EXPECT_EQ(frame, Output(copy));
-    EXPECT_TRUE(copy.GetPack()->Bigendian());
-    EXPECT_EQ(65535u, copy.GetPack()->GetMaxCapacity());
+    EXPECT_TRUE(copy.GetPack()->Bigendian() && copy.GetPack()->GetMaxCapacity() == 65535u);
     ZNRDataSender assigned(false, 100);
     assigned = sender;
     EXPECT_EQ(Output(sender), Output(assigned));
@@ -163,10 +156,10 @@ TEST(DataSender, EntityAndCompatFrames) {
 
     // The body pack has the output's limit: a too-large entity fails there.
     ZNRDataSender tight(false, 7);
-    EXPECT_EQ(ZNRUserError(19), tight.CreateByEntityProtocol(1, word, 0));
-    EXPECT_EQ(0u, tight.GetBuffer()->GetDataCount());
-    EXPECT_EQ(ZNRUserError(25), little.CreateByEntityProtocol(1, word, 3));
-    EXPECT_EQ(13u, little.GetBuffer()->GetDataCount());
+    EXPECT_EQ(std::make_pair(ZNRUserError(19), ZNRUserError(25)),
+              std::make_pair(tight.CreateByEntityProtocol(1, word, 0), little.CreateByEntityProtocol(1, word, 3)));
+    EXPECT_EQ(std::make_pair(0u, 13u),
+              std::make_pair(tight.GetBuffer()->GetDataCount(), little.GetBuffer()->GetDataCount()));
 
     // Compat packets count the whole output in their length field.
     ZNRDataSender compat;
@@ -191,17 +184,18 @@ TEST(DataSender, EntityAndCompatFrames) {
 
 TEST(DataSender, LineProtocols) {
     ZNRDataSender sender, tight(false, 3);
-    ASSERT_EQ(0u, sender.CreateByDoslineProtocol(ZNRString(u"ab")));
-    ASSERT_EQ(0u, sender.CreateByUnixlineProtocol(ZNRString(u"\u4e2d")));
-    ASSERT_EQ(0u, sender.CreateByUnixlineProtocol(ZNRString()));
+    ASSERT_EQ(Errors(3), (Errors{sender.CreateByDoslineProtocol(ZNRString(u"ab")),
+                                 sender.CreateByUnixlineProtocol(ZNRString(u"\u4e2d")),
+                                 sender.CreateByUnixlineProtocol(ZNRString())}));
     EXPECT_EQ(Bytes({'a', 'b', '\r', '\n', 0xE4, 0xB8, 0xAD, '\n', '\n'}), Output(sender));
     EXPECT_EQ(0u, tight.CreateByDoslineProtocol(ZNRString(u"ab")));  // dropped past the limit
     EXPECT_EQ(0u, tight.GetBuffer()->GetDataCount());
 
     // A lone surrogate has no UTF-8 form.
     unsigned short const broken[] = {'x', 0xD800, 0};
-    EXPECT_EQ(ZNRUserError(33), sender.CreateByUnixlineProtocol(ZNRString(broken)));
-    EXPECT_EQ(ZNRUserError(33), sender.CreateByDoslineProtocol(ZNRString(broken)));
+    EXPECT_EQ(std::make_pair(ZNRUserError(33), ZNRUserError(33)),
+              std::make_pair(sender.CreateByUnixlineProtocol(ZNRString(broken)),
+                             sender.CreateByDoslineProtocol(ZNRString(broken))));
     EXPECT_EQ(9u, sender.GetBuffer()->GetDataCount());
 }
 
@@ -215,8 +209,8 @@ TEST(DataSender, RoundTripThroughDispatcherAndMaps) {
 
     // Plain and compressed entity frames.
     ZNRDataSender sender;
-    ASSERT_EQ(0u, sender.CreateByEntityProtocol(uri, sample, 0));
-    ASSERT_EQ(0u, sender.CreateByEntityProtocol(uri, sample, 1));
+    ASSERT_EQ(Errors(2),
+              (Errors{sender.CreateByEntityProtocol(uri, sample, 0), sender.CreateByEntityProtocol(uri, sample, 1)}));
     Bytes const frames = Output(sender);
     int consumed = 0;
     ASSERT_TRUE(router.DispatchData(frames.data(), static_cast<int>(frames.size()), &consumed,
