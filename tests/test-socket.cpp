@@ -159,8 +159,9 @@ TEST(Socket, OpenOptionsAndErrors) {
     }
     // The two time-outs are kept apart, with milliseconds intact.
     unsigned int send_ms = 1, recv_ms = 1;
-    ASSERT_EQ(0u, s.SetRecvTimeout(1000) | s.SetSendTimeout(2500) | s.GetSendTimeout(&send_ms) |
-                      s.GetRecvTimeout(&recv_ms));
+    ASSERT_EQ(std::vector<std::uint64_t>(4), (std::vector<std::uint64_t>{s.SetRecvTimeout(1000), s.SetSendTimeout(2500),
+                                                                         s.GetSendTimeout(&send_ms),
+                                                                         s.GetRecvTimeout(&recv_ms)}));
     EXPECT_EQ(std::make_pair(2500u, 1000u), std::make_pair(send_ms, recv_ms));
 
     // Bad arguments never reach the system; failures of the system calls
