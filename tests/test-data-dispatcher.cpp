@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -72,8 +73,7 @@ Bytes CompressedFrame(Bytes const& body) {
     ZNRDataSender sender(false, 1 << 30);
     EXPECT_EQ(0u, sender.CreateByTransMessageProtocol(body.data(), static_cast<int>(body.size()),
                                                       ZNRTransMessage::COMPRESS_FLAG_GZIP));
-    ZNRByteBuffer const* out = sender.GetBuffer();
-    return Bytes(out->GetData(), out->GetData() + out->GetDataCount());
+    return Bytes(sender.GetBuffer()->GetData(), sender.GetBuffer()->GetData() + sender.GetBuffer()->GetDataCount());
 }
 
 std::string const kUserError = "A user error was occured, domain=1 errnum=";
@@ -106,9 +106,8 @@ void Check(std::vector<Case> const& cases) {
         }
         ASSERT_EQ(c.log.empty() ? 0u : 1u, log.lines().size());
         if (c.log.empty()) continue;
-        EXPECT_EQ(c.log, log.lines()[0].message);
-        EXPECT_EQ(ZNRLogger::LOGL_WARNING, log.lines()[0].level);
-        EXPECT_EQ("ZNRDataDispatcher::DispatchData", log.lines()[0].function);
+        EXPECT_EQ(std::make_tuple(c.log, ZNRLogger::LOGL_WARNING, std::string("ZNRDataDispatcher::DispatchData")),
+                  std::make_tuple(log.lines()[0].message, log.lines()[0].level, log.lines()[0].function));
     }
 }
 
@@ -133,10 +132,10 @@ TEST(DataDispatcher, TransFramesWaitUntilComplete) {
     EXPECT_TRUE(r.DispatchData(nullptr, 0, &consumed, D::MODE_ENTITY));
     EXPECT_EQ(0, consumed);
     ASSERT_TRUE(r.Run(stream, D::MODE_ENTITY, &consumed, two_frames));
-    ASSERT_EQ(2u, r.calls.size());
     // Uncompressed bodies are handed over where they lie.
-    EXPECT_EQ(stream.data() + 5, r.calls[0].where);
-    EXPECT_EQ(stream.data() + one.size() + 5, r.calls[1].where);
+    ASSERT_EQ(2u, r.calls.size());
+    EXPECT_EQ(std::make_pair(stream.data() + 5, stream.data() + one.size() + 5),
+              std::make_pair(r.calls[0].where, r.calls[1].where));
 }
 
 TEST(DataDispatcher, FrameSplitAtEveryByte) {
@@ -168,11 +167,10 @@ TEST(DataDispatcher, FrameSplitAtEveryByte) {
     int offset = 3;
     ASSERT_TRUE(r.DispatchData(&twice, &offset, D::MODE_ENTITY));
     EXPECT_EQ(static_cast<int>(stream.size() + 3), offset);
-    offset = static_cast<int>(twice.GetDataCount()) + 1;
-    EXPECT_FALSE(r.DispatchData(&twice, &offset, D::MODE_ENTITY));
-    EXPECT_EQ(static_cast<int>(twice.GetDataCount()) + 1, offset);
-    offset = -1;
-    EXPECT_FALSE(r.DispatchData(&twice, &offset, D::MODE_ENTITY));
+    for (int const start : {static_cast<int>(twice.GetDataCount()) + 1, -1}) {
+        EXPECT_FALSE(r.DispatchData(&twice, &(offset = start), D::MODE_ENTITY));
+        EXPECT_EQ(start, offset);
+    }
 }
 
 TEST(DataDispatcher, TransFramingErrorsStopTheStream) {
