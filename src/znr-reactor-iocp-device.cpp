@@ -40,7 +40,7 @@ ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std:
                                                    ZNRDevice* device)
     : reactor_(reactor), id_(id), device_(device), io_(nullptr), timer_(nullptr), recv_buff_grow_size_(512),
       recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr), queued_send_bytes_(0),
-      sending_(false), connecting_(false) {
+      unreported_written_(0), sending_(false), connecting_(false), closing_(false) {
     if (device != nullptr) desc_ = device->GetDescInfo();
     // Looked up once: every completion asks for it.
     io_ = dynamic_cast<ZNRAsyncIO*>(device);
@@ -52,6 +52,10 @@ ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
     delete spare_;
     if (device_ != nullptr) device_->Destroy();
 }
+
+// Its completions find it no more and nothing new is posted; what the
+// system still holds for it goes when the device does.
+void ZNRReactorIOCPDeviceBase::BeginClose() { closing_ = true; }
 
 int ZNRReactorIOCPDeviceBase::GetType() const {
     return device_ != nullptr ? device_->GetType() : ZNRDevice::TYPE_UNKNOWN;
@@ -105,7 +109,19 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
     }
     unsigned int const grow = static_cast<unsigned int>(recv_buff_grow_size_);
     if (recv_buffer_.GetFreeCapacity() < grow) {
-        rc = recv_buffer_.ExtendCapacity(grow - recv_buffer_.GetFreeCapacity());
+        // The block doubles (up to the maximum) while the capacity the
+        // handler sees grows by the step: a large frame costs a few copies,
+        // not one per read.
+        unsigned int const need = count + grow;
+        if (need > recv_buffer_.GetBlockSize()) {
+            unsigned long long block = 2ULL * recv_buffer_.GetBlockSize();
+            if (block > static_cast<unsigned long long>(recv_buff_max_size_)) {
+                block = static_cast<unsigned long long>(recv_buff_max_size_);
+            }
+            rc = recv_buffer_.Reserve(block > need ? static_cast<unsigned int>(block) : need);
+            if (rc != 0) return rc;
+        }
+        rc = recv_buffer_.ExtendCapacity(need - recv_buffer_.GetCapacity());
         if (rc != 0) return rc;
     }
     if (device_->Read(recv_buffer_.GetData() + count, recv_buff_grow_size_) < 0) {
@@ -114,12 +130,22 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
     return 0;
 }
 
+// Memory goes back once the held data is under a quarter of the block,
+// down to what the next read needs.
+void ZNRReactorIOCPDeviceBase::ShrinkRecvBuffer() {
+    unsigned int const count = recv_buffer_.GetDataCount();
+    unsigned int const block = recv_buffer_.GetBlockSize();
+    unsigned int const need = count + static_cast<unsigned int>(recv_buff_grow_size_);
+    if (count < block / 4 && need < block / 2) recv_buffer_.SetCapacity(need);
+}
+
 // With nothing queued the write starts straight from the caller's bytes;
 // only what the system has not taken when this returns is copied. A write
 // still waiting reads its request only when it runs, so it is pointed at
 // the copy.
 bool ZNRReactorIOCPDeviceBase::Send(unsigned char const* data, int size, std::uint64_t* error) {
     ZNRAsyncIO* const io = GetAsyncIO();
+    TakeFinishedWrite();
     if (io == nullptr || sending_ || connecting_ || !send_queue_.empty() || size <= 0 ||
         size > send_buff_max_size_ || io->ResetWriteIOStatus() != 0 ||
         device_->Write(const_cast<unsigned char*>(data), size) < 0) {
@@ -168,6 +194,7 @@ void ZNRReactorIOCPDeviceBase::Recycle(ZNRByteBuffer* buffer) {
 
 bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
     int const size = static_cast<int>(buffer->GetDataCount());
+    TakeFinishedWrite();
     if (static_cast<long long>(queued_send_bytes_) + size > send_buff_max_size_) {
         ZNR_LOG(ERROR,
                 "Can not send data to iocp device, send buffer is overflow, current_size=%d "
@@ -203,9 +230,28 @@ void ZNRReactorIOCPDeviceBase::Destroy() { delete this; }
 
 bool ZNRReactorIOCPDeviceBase::OnRecvEvent(int, std::uint64_t*) { return true; }
 
+// Only a write that took all that was queued: a partial one goes on
+// through its completion.
+void ZNRReactorIOCPDeviceBase::TakeFinishedWrite() {
+    if (!sending_ || io_ == nullptr || send_queue_.size() != 1) return;
+    ZNRAsyncIOCB* const cb = io_->GetWriteIOCB();
+    if (cb->status != ZNRAsyncIOCB::STATUS_DONE || cb->error != 0) return;
+    ZNRByteBuffer const* const front = send_queue_.front();
+    int const bytes = cb->transferred;
+    if (front != nullptr && static_cast<unsigned int>(bytes) != front->GetDataCount()) return;
+    if (cb->Reset() != 0) return;
+    Written(bytes);
+    unreported_written_ += bytes;
+}
+
 bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
+    Written(bytes);
+    return true;
+}
+
+void ZNRReactorIOCPDeviceBase::Written(int bytes) {
     sending_ = false;
-    if (send_queue_.empty()) return true;
+    if (send_queue_.empty()) return;
     ZNRByteBuffer* const front = send_queue_.front();
     if (front == nullptr) {
         send_queue_.pop_front();  // a write from the sender's own bytes
@@ -216,7 +262,6 @@ bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
         Recycle(front);
     }
     queued_send_bytes_ -= bytes;
-    return true;
 }
 
 void ZNRReactorIOCPDeviceBase::OnErrorEvent(std::uint64_t const&) {}
@@ -237,7 +282,7 @@ void ZNRReactorIOCPNormalDevice::Destroy() { delete this; }
 
 bool ZNRReactorIOCPNormalDevice::Fail(std::uint64_t err, std::uint64_t* error) {
     device_->SetError(err);
-    handler_->OnError();
+    if (!closing_) handler_->OnError();
     SetError(error, err);
     return false;
 }
@@ -264,6 +309,7 @@ bool ZNRReactorIOCPNormalDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
 bool ZNRReactorIOCPNormalDevice::Deliver(std::uint64_t* error) {
     int offset = 0;
     if (!handler_->OnData(&recv_buffer_, &offset)) return false;
+    if (closing_) return true;
     unsigned int const count = recv_buffer_.GetDataCount();
     if (offset < 0 || static_cast<unsigned int>(offset) > count) {
         ZNR_LOG(ERROR,
@@ -274,6 +320,7 @@ bool ZNRReactorIOCPNormalDevice::Deliver(std::uint64_t* error) {
         return false;
     }
     recv_buffer_.CutData(static_cast<unsigned int>(offset));
+    ShrinkRecvBuffer();
     std::uint64_t const rc = Recv();
     return rc == 0 || Fail(rc, error);
 }
@@ -287,15 +334,17 @@ bool ZNRReactorIOCPNormalDevice::Connected(std::uint64_t* error) {
 
 bool ZNRReactorIOCPNormalDevice::OnSendEvent(int bytes, std::uint64_t* error) {
     ZNRReactorIOCPDeviceBase::OnSendEvent(bytes, error);
-    if (!handler_->OnWriten(bytes)) return false;
-    if (sending_ || send_queue_.empty()) return true;
+    int const written = bytes + unreported_written_;
+    unreported_written_ = 0;
+    if (!handler_->OnWriten(written)) return false;
+    if (closing_ || sending_ || send_queue_.empty()) return true;
     std::uint64_t const rc = PostSend();
     return rc == 0 || Fail(rc, error);
 }
 
 void ZNRReactorIOCPNormalDevice::OnErrorEvent(std::uint64_t const& error) {
     device_->SetError(error);
-    handler_->OnError();
+    if (!closing_) handler_->OnError();
 }
 
 bool ZNRReactorIOCPNormalDevice::OnTimeoutEvent(std::uint64_t now) { return handler_->OnTimeout(now); }
@@ -310,6 +359,7 @@ bool ZNRReactorIOCPTcpServerDevice::OnRecvEvent(int, std::uint64_t* error) {
         starved_ = false;
     }
     if (!handler_->OnData(nullptr, nullptr)) return false;
+    if (closing_) return true;
     std::uint64_t const rc = io->ResetReadIOStatus();
     if (rc != 0) return Fail(rc, error);
     auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
@@ -343,6 +393,7 @@ void ZNRReactorIOCPTcpServerDevice::ArmRetry() {
 
 bool ZNRReactorIOCPTcpServerDevice::RetryAccept() {
     retry_timer_ = nullptr;  // it ends when this returns
+    if (closing_) return true;
     auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
     std::uint64_t rc = GetAsyncIO()->ResetReadIOStatus();
     if (rc == 0 && listener != nullptr && listener->BeginAccept()) return true;
@@ -364,7 +415,7 @@ ZNRReactorIOCPTcpClientDevice::ZNRReactorIOCPTcpClientDevice(ZNRReactorIOCP* rea
 bool ZNRReactorIOCPTcpClientDevice::OnSendEvent(int bytes, std::uint64_t* error) {
     if (!connecting_) return ZNRReactorIOCPNormalDevice::OnSendEvent(bytes, error);
     if (!handler_->OnWriten(0)) return false;
-    return Connected(error);
+    return closing_ || Connected(error);
 }
 
 bool ZNRReactorIOCPUdpDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
@@ -386,7 +437,7 @@ ZNRReactorIOCPPipeAcceptClientDevice::ZNRReactorIOCPPipeAcceptClientDevice(
 bool ZNRReactorIOCPPipeAcceptClientDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
     if (!connecting_) return ZNRReactorIOCPNormalDevice::OnRecvEvent(bytes, error);
     if (!handler_->OnOpen()) return false;
-    return Connected(error);
+    return closing_ || Connected(error);
 }
 
 // ---------------------------------------------------------------- fake
@@ -487,13 +538,15 @@ ZNRReactorIOCPDeviceTimer::ZNRReactorIOCPDeviceTimer(unsigned int period,
                                                      ZNRReactorIOCPDeviceBase* device)
     : ZNRTimer(period, ZNRTimer::REPEAT_FOREVER, nullptr), device_(device) {}
 
+// Devices are destroyed outside the timer walk, so the device is alive
+// here even when its handler has just ended it.
 bool ZNRReactorIOCPAcceptRetryTimer::OnExpires(std::uint64_t) {
     if (!device_->RetryAccept()) device_->GetReactor()->DelIOCPDevice(device_->GetId());
     return false;
 }
 
 bool ZNRReactorIOCPDeviceTimer::OnExpires(std::uint64_t now) {
-    if (device_->OnTimeoutEvent(now)) return true;
+    if (!device_->IsClosing() && device_->OnTimeoutEvent(now) && !device_->IsClosing()) return true;
     device_->ClearTimer();
     device_->GetReactor()->DelIOCPDevice(device_->GetId());
     return false;

@@ -40,6 +40,10 @@ public:
     virtual bool RetryLater(std::uint64_t error);
     virtual bool OnTimeoutEvent(std::uint64_t now);
 
+    // Closing: the reactor has taken it out of its table and destroys it at
+    // the end of the turn; its I/O stops and its handler hears no more.
+    void BeginClose();
+    bool IsClosing() const { return closing_; }
     std::uint32_t GetId() const { return id_; }
     int GetType() const;
     ZNRDevice* GetDevice() const { return device_; }
@@ -47,6 +51,8 @@ public:
     // The maximum counts on top of one grow step, never below it.
     void SetRecvBuffMaxSize(int size);
     void SetSendBuffMaxSize(int size) { send_buff_max_size_ = size; }
+    int GetSendBuffMaxSize() const { return send_buff_max_size_; }
+    ZNRString const& GetDescInfo() const { return desc_; }
     void SetTimeout(unsigned int timeout);
     // The device timer has ended: nothing of it is left to remove.
     void ClearTimer() { timer_ = nullptr; }
@@ -56,6 +62,13 @@ protected:
     virtual ~ZNRReactorIOCPDeviceBase();
     // Posts a write of the oldest queued buffer.
     std::uint64_t PostSend();
+    // A write the system has finished whose completion is still on its way
+    // is taken now, so that a send behind it can go out at once instead of
+    // waiting in the queue; its bytes are reported with the next one.
+    void TakeFinishedWrite();
+    // Drops what a write gave from the front of the queue.
+    void Written(int bytes);
+    void ShrinkRecvBuffer();
     // The bytes in a buffer of their own, the spare one when it fits.
     ZNRByteBuffer* Copy(unsigned char const* data, int size);
     // Takes a buffer that has been written.
@@ -76,10 +89,12 @@ protected:
     ZNRByteBuffer* spare_;
     std::deque<ZNRByteBuffer*> send_queue_;  // null: a write from the sender's bytes
     int queued_send_bytes_;
+    int unreported_written_;
     ZNRString desc_;
     // A write is posted; or the connection is not up yet, so sends queue.
     bool sending_;
     bool connecting_;
+    bool closing_;
 };
 
 // Stream and datagram devices with a handler: the full receive and send paths.

@@ -20,6 +20,7 @@
 namespace {
 
 std::uint64_t const kNoId = ZNR_ERROR_FAILED_ID;
+std::uint64_t const kSendOverflow = ZNRUserError(8);
 std::uint64_t const kNotReady = ZNRUserError(11);
 std::uint64_t const kNoDevice = ZNRUserError(12);
 std::uint64_t const kTimedOut = ZNRUserError(17);
@@ -74,12 +75,14 @@ public:
 
     bool OnLoopEvent(ZNRReactor* reactor) override {
         auto* const r = static_cast<ZNRReactorIOCP*>(reactor);
+        int const size = static_cast<int>(buffer_->GetDataCount());
+        if (size > 0) r->ReleaseSendBudget(device_id_, size);
         ZNRReactorIOCPDeviceBase* const device = r->FindDevice(device_id_);
         if (device == nullptr) {
             ZNR_LOG(ERROR, "Can not send data to iocp device, not found!, device_id=%u", device_id_);
             return false;
         }
-        if (buffer_->GetDataCount() == 0) {
+        if (size == 0) {
             r->DelIOCPDevice(device_id_);
             return false;
         }
@@ -117,8 +120,8 @@ ZNRReactorIOCP::ZNRReactorIOCP(ZNRTimerMgr* timer_mgr)
     : ZNRReactor(timer_mgr), engine_(nullptr), loop_thread_(nullptr), stopped_(false),
       queued_count_(0), read_device_(nullptr), write_device_(nullptr),
       read_device_id_(kNoDeviceId), planned_wake_(kNoId), dispose_size_(100),
-      queue_max_(100000), wake_pending_(false), dispatching_(nullptr), dispatching_removed_(false),
-      next_wait_(-1), idle_wakeups_(0) {}
+      queue_max_(100000), wake_pending_(false), stop_requested_(false), events_before_stop_(0),
+      dispatching_(nullptr), next_wait_(-1), idle_wakeups_(0) {}
 
 ZNRReactorIOCP::~ZNRReactorIOCP() {
     stopped_ = true;
@@ -163,16 +166,20 @@ std::uint64_t ZNRReactorIOCP::Init() {
     return 0;
 }
 
-// The loop: plan the wait from the timers, wait for one completion, hand
-// it to its device, run the due timers; until a stop request or a failure
-// of the engine.
+// The loop, until a stop request or a failure of the engine; one turn:
+// wait for a completion (as long as PlanWait said), hand it to its
+// device, run the due timers, destroy what was closed, plan the next wait.
 std::uint64_t ZNRReactorIOCP::Open() {
     if (engine_ == nullptr) return kNotReady;
     loop_thread_ = ZNRThreadMgr::Instance()->GetCurrent();
     std::uint64_t error = 0;
-    next_wait_ = RunTimers();
+    RunTimers();
+    DestroyClosed();
+    next_wait_ = PlanWait();
     while (Turn(&error)) {
     }
+    // Closed while the loop ran: their handlers hear OnClose.
+    DestroyClosed();
     stopped_ = true;
     if (error != 0) {
         ZNR_LOG(ERROR, "IOCP reactor main loop was stopped, error=\"%s\"",
@@ -195,7 +202,9 @@ bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
     } else if (!Dispatch(completion, error)) {
         return false;
     }
-    next_wait_ = RunTimers();
+    RunTimers();
+    DestroyClosed();
+    next_wait_ = PlanWait();
     return true;
 }
 
@@ -213,7 +222,6 @@ bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
     ZNRReactorIOCPDeviceBase* const device = FindDevice(c.key);
     if (device == nullptr) return true;  // closed earlier in this turn
     dispatching_ = device;
-    dispatching_removed_ = false;
     bool keep = false;
     std::uint64_t err = 0;
     ZNRAsyncIO* const io = device->GetAsyncIO();
@@ -231,23 +239,25 @@ bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
         keep = true;
     }
     dispatching_ = nullptr;
-    if (!keep || dispatching_removed_) DelIOCPDevice(c.key);
+    if (!keep) DelIOCPDevice(c.key);
     return true;
 }
 
-// Runs the due timers and plans the next wait in one hold of the lock.
 // The wheel fires only what is due, so a turn before the earliest expiry
 // skips it (and the clock).
-int ZNRReactorIOCP::RunTimers() {
+void ZNRReactorIOCP::RunTimers() {
     ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
     ZNRTimerMgr* const timers = GetTimerMgr();
-    std::uint64_t next = timers->GetNextExpiry();
-    std::uint64_t now = next != kNoId ? ZNRGetSysTick() : 0;
-    if (next <= now && timers->ScheduleTimers(now) != 0) {
-        // Callbacks took time and may have added or ended timers.
-        next = timers->GetNextExpiry();
-        now = ZNRGetSysTick();
-    }
+    std::uint64_t const next = timers->GetNextExpiry();
+    if (next == kNoId) return;
+    std::uint64_t const now = ZNRGetSysTick();
+    if (next <= now) timers->ScheduleTimers(now);
+}
+
+int ZNRReactorIOCP::PlanWait() {
+    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+    std::uint64_t const next = GetTimerMgr()->GetNextExpiry();
+    std::uint64_t const now = next != kNoId ? ZNRGetSysTick() : 0;
     if (next == kNoId) {
         planned_wake_ = kNoId;
         return -1;
@@ -268,7 +278,23 @@ bool ZNRReactorIOCP::IsLoopThread() {
 
 // ---------------------------------------------------------------- loop events
 
-std::uint64_t ZNRReactorIOCP::Stop() { return RegisterLoopEvent(nullptr); }
+// A flag beside the queue, so that a full queue cannot refuse it.
+std::uint64_t ZNRReactorIOCP::Stop() {
+    ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    if (write_device_ == nullptr) {
+        ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
+        return kNotReady;
+    }
+    if (stop_requested_) return 0;
+    if (!wake_pending_) {
+        std::uint64_t const rc = write_device_->Signal(1);
+        if (rc != 0) return rc;
+        wake_pending_ = true;
+    }
+    stop_requested_ = true;
+    events_before_stop_ = queued_count_;
+    return 0;
+}
 
 std::uint64_t ZNRReactorIOCP::RegisterTask(ZNRReactorTask* task) {
     if (task == nullptr) return Stop();
@@ -282,15 +308,20 @@ std::uint64_t ZNRReactorIOCP::RegisterTask(ZNRReactorTask* task) {
 }
 
 std::uint64_t ZNRReactorIOCP::RegisterLoopEvent(ZNRReactorLoopEvent* event) {
+    if (event == nullptr) return Stop();
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
     if (write_device_ == nullptr) {
         ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
         return kNotReady;
     }
     if (queued_count_ >= queue_max_) return kQueueFull;
-    // A wake-up is owed only while none is pending: until the loop finds
-    // the queue empty (under this lock) it takes whatever is queued, and
-    // signals itself while events are left. One system call per burst.
+    return QueueLocked(event);
+}
+
+// A wake-up is owed only while none is pending: until the loop finds the
+// queue empty (under the lock) it takes whatever is queued, and signals
+// itself while events are left. One system call per burst.
+std::uint64_t ZNRReactorIOCP::QueueLocked(ZNRReactorLoopEvent* event) {
     if (!wake_pending_) {
         std::uint64_t const rc = write_device_->Signal(1);
         if (rc != 0) return rc;
@@ -301,38 +332,81 @@ std::uint64_t ZNRReactorIOCP::RegisterLoopEvent(ZNRReactorLoopEvent* event) {
     return 0;
 }
 
+std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* data, int size) {
+    auto* const event = new ZNRReactorIOCPSendDataLoopEvent(id, data, size);
+    std::string overflow;
+    int queued = 0;
+    int max = 0;
+    std::uint64_t rc = 0;
+    {
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        SendBudgetMap::iterator const budget = send_budgets_->find(id);
+        if (write_device_ == nullptr) {
+            ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
+            rc = kNotReady;
+        } else if (queued_count_ >= queue_max_) {
+            rc = kQueueFull;
+        } else if (budget != send_budgets_->end() &&
+                   static_cast<long long>(budget->second.queued) + size > budget->second.max) {
+            queued = budget->second.queued;
+            max = budget->second.max;
+            overflow = Narrow(*budget->second.desc);
+            rc = kSendOverflow;
+        } else {
+            rc = QueueLocked(event);
+            if (rc == 0 && budget != send_budgets_->end()) budget->second.queued += size;
+        }
+    }
+    if (rc == kSendOverflow) {
+        ZNR_LOG(ERROR,
+                "Can not send data to iocp device, send buffer is overflow, current_size=%d "
+                "max_size=%d desc_info=\"%s\"",
+                queued, max, overflow.c_str());
+    }
+    if (rc != 0) event->Destroy();
+    return rc;
+}
+
+void ZNRReactorIOCP::ReleaseSendBudget(std::uint32_t id, int size) {
+    ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    SendBudgetMap::iterator const budget = send_budgets_->find(id);
+    if (budget != send_budgets_->end()) budget->second.queued -= size;
+}
+
+// Runs what was queued when the drain began, at most the dispose size, so
+// that device completions queued meanwhile get their turn before the rest
+// and an event queued again runs on a later turn.
 bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t* error) {
-    // At most the dispose size per wake-up, so device completions queued
-    // meanwhile get their turn before the rest.
-    for (int i = 0; i < dispose_size_; ++i) {
+    int budget = dispose_size_;
+    {
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        budget = std::min(budget, queued_count_);
+    }
+    for (int i = 0; i <= budget; ++i) {
         ZNRReactorLoopEvent* event = nullptr;
         {
             ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-            if (loop_events_->empty()) {
-                wake_pending_ = false;
-                return true;
+            if (stop_requested_ && events_before_stop_ == 0) {
+                *error = 0;  // what follows the stop stays queued
+                return false;
             }
+            if (i == budget) break;
             event = loop_events_->front();
             loop_events_->pop_front();
             --queued_count_;
-        }
-        if (event == nullptr) {
-            *error = 0;  // a stop request: what follows it stays queued
-            return false;
+            if (stop_requested_) --events_before_stop_;
         }
         if (!event->OnLoopEvent(this)) {
             event->Destroy();
             continue;
         }
-        std::uint64_t const rc = RegisterLoopEvent(event);
-        if (rc != 0) {
-            event->Destroy();
-            *error = rc;
-            return false;
-        }
+        // Past the queue's bound if need be: only new events are refused.
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        loop_events_->push_back(event);
+        ++queued_count_;
     }
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-    if (loop_events_->empty()) {
+    if (loop_events_->empty() && !stop_requested_) {
         wake_pending_ = false;
         return true;
     }
@@ -444,14 +518,19 @@ std::uint64_t ZNRReactorIOCP::RegisterDevice(ZNRDevice* device, ZNRDeviceHandler
     iocp_device->SetSendBuffMaxSize(send_buff_max_size);
     iocp_device->SetTimeout(timeout);
     (*devices_)[id] = iocp_device;
+    {
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        (*send_budgets_)[id] = SendBudget{iocp_device->GetSendBuffMaxSize(), 0, &iocp_device->GetDescInfo()};
+    }
 
     // Accepted connections are announced with OnOpen, connections made as
     // a client with OnWriten(0); datagram and plain descriptors start
     // reading at once; listeners and connects hear from their completion.
+    // A handler may end its device in any of these calls.
     bool ok = handler->OnCreated();
-    if (ok && type == ZNRDevice::TYPE_TCP_ACCEPTED) ok = handler->OnOpen();
-    if (ok && type == ZNRDevice::TYPE_PIPE_CLIENT) ok = handler->OnWriten(0);
-    if (ok && (type == ZNRDevice::TYPE_TCP_ACCEPTED || type == ZNRDevice::TYPE_PIPE_CLIENT ||
+    if (ok && !iocp_device->IsClosing() && type == ZNRDevice::TYPE_TCP_ACCEPTED) ok = handler->OnOpen();
+    if (ok && !iocp_device->IsClosing() && type == ZNRDevice::TYPE_PIPE_CLIENT) ok = handler->OnWriten(0);
+    if (ok && !iocp_device->IsClosing() && (type == ZNRDevice::TYPE_TCP_ACCEPTED || type == ZNRDevice::TYPE_PIPE_CLIENT ||
                type == ZNRDevice::TYPE_UDP || type == ZNRDevice::TYPE_UNKNOWN)) {
         std::uint64_t const rc = iocp_device->Recv();
         if (rc != 0) {
@@ -476,13 +555,12 @@ bool ZNRReactorIOCP::IsDeviceExist(std::uint64_t device_id) {
 }
 
 std::uint64_t ZNRReactorIOCP::UnregisterDevice(std::uint64_t device_id) {
-    if (!IsDeviceExist(device_id)) return kNoDevice;
-    std::uint32_t const id = static_cast<std::uint32_t>(device_id);
-    if (dispatching_ != nullptr && dispatching_->GetId() == id) {
-        dispatching_removed_ = true;  // its handler is still on the stack
-        return 0;
+    if ((device_id >> 32) != 0) return kNoDevice;
+    if (!IsLoopThread() && loop_thread_.load() != nullptr) {
+        return SendData(device_id, nullptr, 0);
     }
-    DelIOCPDevice(id);
+    if (!IsDeviceExist(device_id)) return kNoDevice;
+    DelIOCPDevice(static_cast<std::uint32_t>(device_id));
     return 0;
 }
 
@@ -495,28 +573,27 @@ void ZNRReactorIOCP::DelIOCPDevice(std::uint32_t id) {
     DeviceMap::iterator const it = devices_->find(id);
     if (it == devices_->end()) return;
     ZNRReactorIOCPDeviceBase* const device = it->second;
-    // Out of the table first: its handler's OnClose may call back in.
     devices_->erase(it);
-    device->Destroy();
+    {
+        ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+        send_budgets_->erase(id);
+    }
+    if (dispatching_ == device) dispatching_ = nullptr;
+    device->BeginClose();
+    closed_->push_back(device);
 }
 
-std::uint64_t ZNRReactorIOCP::DelayCloseDevice(ZNRReactorIOCPDeviceBase* device) {
-    auto* const event = new ZNRReactorIOCPSendDataLoopEvent(device->GetId(), nullptr, 0);
-    std::uint64_t const rc = RegisterLoopEvent(event);
-    if (rc != 0) event->Destroy();
-    return rc;
+// The handlers' OnClose may close further devices: they go in this turn too.
+void ZNRReactorIOCP::DestroyClosed() {
+    for (std::size_t i = 0; i < closed_->size(); ++i) (*closed_)[i]->Destroy();
+    closed_->clear();
 }
 
 std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char const* data, int size) {
     if ((device_id >> 32) != 0) return kNoDevice;
     if (size < 0 || (data == nullptr && size > 0)) return ZNRSysError(EINVAL);
     std::uint32_t const id = static_cast<std::uint32_t>(device_id);
-    if (!IsLoopThread()) {
-        auto* const event = new ZNRReactorIOCPSendDataLoopEvent(id, data, size);
-        std::uint64_t const rc = RegisterLoopEvent(event);
-        if (rc != 0) event->Destroy();
-        return rc;
-    }
+    if (!IsLoopThread()) return QueueSend(id, data, size);
     // A handler answering on its own device, the common case, needs no lookup.
     ZNRReactorIOCPDeviceBase* const device =
         dispatching_ != nullptr && dispatching_->GetId() == id ? dispatching_ : FindDevice(id);
@@ -526,12 +603,8 @@ std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char co
     }
     std::uint64_t error = 0;
     if (size != 0 && device->Send(data, size, &error)) return 0;
-    // Closed on a later wake-up, never inside the caller's stack.
-    std::uint64_t const rc = DelayCloseDevice(device);
-    if (rc != 0) {
-        ZNR_LOG(ERROR, "Can not delay close iocp device, this may be a bug? iocp_dev_id=%u error=\"%s\"",
-                id, ZNRGetErrorText(rc).c_str());
-    }
+    // Destroyed at the end of the turn, never inside the caller's stack.
+    DelIOCPDevice(id);
     return error;
 }
 
@@ -541,6 +614,7 @@ std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char co
 // wake-up channel, the engine, the timers, end-stop notifies.
 void ZNRReactorIOCP::CloseAll() {
     NotifyStop(begin_stop_notifies_);
+    DestroyClosed();
     // In id order; a handler may still add or end devices meanwhile.
     while (!devices_->empty()) {
         std::vector<std::uint32_t> ids;
@@ -548,6 +622,7 @@ void ZNRReactorIOCP::CloseAll() {
         for (auto const& entry : *devices_) ids.push_back(entry.first);
         std::sort(ids.begin(), ids.end());
         for (std::uint32_t id : ids) DelIOCPDevice(id);
+        DestroyClosed();
     }
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);

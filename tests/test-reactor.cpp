@@ -371,14 +371,14 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
         return std::count(j.begin(), j.end(), "c0 open") == 2;
     }));
     // Device ids: 1 is the wake-up channel, 2 the listener.
-    std::string const big(1 << 20, 'x');
+    std::string const big((1 << 20) + 1, 'x');
+    auto const* bytes = reinterpret_cast<unsigned char const*>(big.data());
     LogCapture capture;
     OnLoop([&] {
         EXPECT_TRUE(reactor_->IsDeviceExist(3));
         EXPECT_EQ(0u, reactor_->SendData(3, L("ok"), 2));
         // The maximum is inclusive: one byte over fails and closes.
-        EXPECT_EQ(0u, reactor_->SendData(4, reinterpret_cast<unsigned char const*>(big.data()), 1 << 20));
-        EXPECT_EQ(E(8), reactor_->SendData(4, L("x"), 1));
+        EXPECT_EQ(E(8), reactor_->SendData(4, bytes, 1 << 20 | 1));
         EXPECT_EQ(E(38), reactor_->SendData(99, L("x"), 1));
         EXPECT_EQ(E(12), reactor_->SendData(0x100000003ULL, L("x"), 1));
         EXPECT_EQ(E(12), reactor_->UnregisterDevice(0x100000003ULL));
@@ -387,6 +387,17 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
     });
     EXPECT_EQ("ok", ReadN(a, 2));
     EXPECT_TRUE(journal_.WaitFor("c0 close"));
+    // From another thread, bytes waiting for the loop count against the
+    // maximum: refused at the caller, nothing queued, the device stays.
+    std::promise<void> release;
+    std::shared_future<void> released(release.get_future());
+    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([released] { released.wait(); })));
+    EXPECT_EQ(0u, reactor_->SendData(3, bytes, 1 << 20));
+    EXPECT_EQ(E(8), reactor_->SendData(3, L("x"), 1));
+    release.set_value();
+    EXPECT_EQ(std::string(1 << 20, 'x'), ReadN(a, 1 << 20));
+    EXPECT_EQ(0u, reactor_->SendData(3, L("y"), 1));
+    EXPECT_EQ("y", ReadN(a, 1));
     // A close request from another thread: OnClose, then Destroy.
     EXPECT_EQ(0u, reactor_->SendData(3, nullptr, 0));
     EXPECT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& j) {
@@ -394,10 +405,12 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
     }));
     StopAndJoin();
     std::vector<std::string> const errors = capture.Messages(ZNRLogger::LOGL_ERROR);
-    ASSERT_EQ(2u, errors.size());
+    ASSERT_EQ(3u, errors.size());
     EXPECT_EQ(0u, errors[0].find("Can not send data to iocp device, send buffer is overflow, "
-                                "current_size=1048576 max_size=1048576 desc_info=\"Tcp accept client"));
+                                "current_size=0 max_size=1048576 desc_info=\"Tcp accept client"));
     EXPECT_EQ("Can not send data to device which not found, id=99", errors[1]);
+    EXPECT_EQ(0u, errors[2].find("Can not send data to iocp device, send buffer is overflow, "
+                                "current_size=1048576 max_size=1048576 desc_info=\"Tcp accept client"));
     ::close(a);
     ::close(b);
 }

@@ -5,12 +5,14 @@
 #include <plexa/znr-id-allocator.h>
 #include <plexa/znr-reactor.h>
 #include <plexa/znr-stl-adapter.h>
+#include <plexa/znr-string.h>
 #include <plexa/znr-thread-mutex.h>
 
 #include <atomic>
 #include <deque>
 #include <list>
 #include <unordered_map>
+#include <vector>
 
 class ZNRCompletionEngine;
 struct ZNRCompletion;
@@ -27,28 +29,44 @@ class ZNRThread;
 // empty.
 //
 // Any thread: Stop, RegisterTask, RegisterLoopEvent, the stop-notify and
-// timer registrations, SendData, IsStopped. Loop thread only (before
-// Open: the thread that will run it): RegisterDevice, UnregisterDevice,
+// timer registrations, SendData, UnregisterDevice, IsStopped. Loop thread
+// only (before Open: the thread that will run it): RegisterDevice,
 // IsDeviceExist.
+//
+// A device ends the same way from every path (a handler callback, a timer,
+// a task, a close request from another thread): it leaves the device
+// table, its I/O stops, and it is destroyed at the end of the loop turn,
+// when its handler gets OnClose and Destroy. Nothing of the handler is
+// called after that, and nothing is freed under a caller's stack.
 class ZNR_API ZNRReactorIOCP : public ZNRReactor {
 public:
     explicit ZNRReactorIOCP(ZNRTimerMgr* timer_mgr);
 
     std::uint64_t Init() override;
     std::uint64_t Open() override;
-    std::uint64_t Stop() override;
     std::uint64_t RegisterDevice(ZNRDevice* device, ZNRDeviceHandler* handler,
                                  std::uint64_t* error, int recv_buff_max_size,
                                  int recv_buff_grow_size, int send_buff_max_size,
                                  unsigned int timeout) override;
     bool IsDeviceExist(std::uint64_t device_id) override;
+    // On the loop thread: 0, or library error 12 for an unknown device; the
+    // device is destroyed at the end of the turn. From another thread the
+    // close travels as a loop event (0, or the queue's error).
     std::uint64_t UnregisterDevice(std::uint64_t device_id) override;
+    // Never refused for a full queue: the events queued before it run, the
+    // ones after it are destroyed unrun. Library error 11 once torn down.
+    std::uint64_t Stop() override;
+    // A task that returns true runs again on a later turn, behind what was
+    // queued meanwhile; it keeps its place even when the queue is full.
     std::uint64_t RegisterTask(ZNRReactorTask* task) override;
     std::uint64_t RegisterLoopEvent(ZNRReactorLoopEvent* event) override;
     void RegisterBeginStopNotify(ZNRReactorStopNotify* notify) override;
     void RegisterEndStopNotify(ZNRReactorStopNotify* notify) override;
     std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) override;
     std::uint64_t UnregisterTimer(std::uint64_t timer_id) override;
+    // From another thread the bytes are copied into a loop event; what such
+    // events hold for one device counts against its send maximum here, so
+    // a send past it is refused with library error 8 and nothing queued.
     std::uint64_t SendData(std::uint64_t device_id, unsigned char const* data, int size) override;
     void Destroy() override;
 
@@ -68,24 +86,39 @@ private:
 
     // Looked up on every completion; ordered only at shutdown.
     typedef std::unordered_map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
+    // What cross-thread sends hold in the loop-event queue for one device.
+    struct SendBudget {
+        int max;
+        int queued;
+        ZNRString const* desc;
+    };
+    typedef std::unordered_map<std::uint32_t, SendBudget> SendBudgetMap;
 
     bool IsLoopThread();
     std::uint64_t AddIOCPEvent(ZNRDevice* device, std::uint32_t key);
-    std::uint64_t DelayCloseDevice(ZNRReactorIOCPDeviceBase* device);
+    // Takes the device out of the table and stops its I/O; it is destroyed
+    // by DestroyClosed. Unknown ids (closed already) are ignored.
     void DelIOCPDevice(std::uint32_t id);
+    void DestroyClosed();
     ZNRReactorIOCPDeviceBase* FindDevice(std::uint32_t id);
     bool Turn(std::uint64_t* error);
     bool Dispatch(ZNRCompletion const& completion, std::uint64_t* error);
     bool DrainLoopEvents(std::uint64_t* error);
-    // Returns the wait before the next turn, in ms (-1: until an event).
-    int RunTimers();
-    void WakeForTimer(std::uint64_t expiry);
+    // Queues under the loop-event lock, which the caller holds.
+    std::uint64_t QueueLocked(ZNRReactorLoopEvent* event);
+    std::uint64_t QueueSend(std::uint32_t id, unsigned char const* data, int size);
+    void ReleaseSendBudget(std::uint32_t id, int size);
+    void RunTimers();
+    // The wait before the next turn, in ms (-1: until an event).
+    int PlanWait();
     void NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies);
     void CloseAll();
 
     ZNRCompletionEngine* engine_;
     ZNRIdAllocator id_allocator_;
     ZNRStlAdapter<DeviceMap> devices_;
+    // Closed during this turn, destroyed at its end in closing order.
+    ZNRStlAdapter<std::vector<ZNRReactorIOCPDeviceBase*>> closed_;
     ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> begin_stop_notifies_;
     ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> end_stop_notifies_;
     ZNRThreadMutex timer_lock_;
@@ -105,10 +138,14 @@ private:
     int dispose_size_;
     int queue_max_;
     bool wake_pending_;  // under the loop-event lock
-    // The device whose completion is being handled: unregistering it
-    // waits until its handler has returned.
+    // A stop request stands beside the queue, behind the events queued
+    // before it (under the loop-event lock).
+    bool stop_requested_;
+    int events_before_stop_;
+    ZNRStlAdapter<SendBudgetMap> send_budgets_;  // under the loop-event lock
+    // The device whose completion is being handled, so that its handler's
+    // answers need no lookup; cleared when it closes.
     ZNRReactorIOCPDeviceBase* dispatching_;
-    bool dispatching_removed_;
     int next_wait_;  // loop thread only
     std::atomic<std::uint64_t> idle_wakeups_;
 };
