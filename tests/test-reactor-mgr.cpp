@@ -1,10 +1,14 @@
 #include "log-capture.h"
 #include "reactor-test-util.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -29,13 +33,28 @@ public:
     void Destroy() override { delete this; }
 };
 
-// Each reactor's timer manager tells the journal when its reactor is gone.
+// Each reactor's timer manager tells the journal when its reactor is gone;
+// on_stop, when set, hears of every stop asked of a reactor, by number.
 class Mgr : public ZNRReactorMgr {
 public:
     explicit Mgr(Journal* j) : j_(j) {}
     ~Mgr() override { RemoveAll(); }
 
+    std::function<void(int)> on_stop;
+
 protected:
+    class Reactor : public ZNRReactorIOCP {
+    public:
+        Reactor(ZNRTimerMgr* timers, Mgr* mgr, int n) : ZNRReactorIOCP(timers), mgr_(mgr), n_(n) {}
+        std::uint64_t Stop() override {
+            if (mgr_->on_stop) mgr_->on_stop(n_);
+            return ZNRReactorIOCP::Stop();
+        }
+
+    private:
+        Mgr* mgr_;
+        int n_;
+    };
     class Timers : public ZNRTimerMgr {
     public:
         Timers(Journal* j, int n) : j_(j), n_(n) {}
@@ -49,6 +68,9 @@ protected:
         int n_;
     };
     ZNRTimerMgr* OnCreateTimerMgr() override { return new Timers(j_, ++made_); }
+    ZNRReactorIOCP* OnCreateReactor(ZNRTimerMgr* timers) override {
+        return new Reactor(timers, this, made_);
+    }
 
 private:
     Journal* j_;
@@ -60,6 +82,33 @@ std::string ThreadName() {
     pthread_getname_np(pthread_self(), buf, sizeof buf);
     return buf;
 }
+
+// Runs fn on a thread of its own. A deadlock there cannot be undone, so a
+// run that has not finished within five seconds aborts the process.
+void MustFinish(char const* what, std::function<void()> fn) {
+    std::packaged_task<void()> task(std::move(fn));
+    std::future<void> done = task.get_future();
+    std::thread runner(std::move(task));
+    if (done.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+        std::fprintf(stderr, "Deadlock: %s has not finished\n", what);
+        std::abort();
+    }
+    runner.join();
+    done.get();
+}
+
+// Runs fn when the reactor registers its device.
+class OnCreatedHandler : public ZNRDeviceHandler {
+public:
+    explicit OnCreatedHandler(std::function<void()> fn) : fn_(std::move(fn)) {}
+    bool OnCreated() override {
+        fn_();
+        return true;
+    }
+
+private:
+    std::function<void()> fn_;
+};
 
 class ReactorMgr : public LogCaptureTest {
 protected:
@@ -227,7 +276,7 @@ TEST_F(ReactorMgr, RemoveAllStopsEveryReactorInIdOrder) {
     for (int i = 1; i <= 3; ++i) {
         std::uint64_t const id = mgr_.New(&err);
         // A reactor thread may still route calls through the manager while
-        // RemoveAll waits for it.
+        // RemoveAll waits for it; its own entry is already gone by then.
         mgr_.RegisterBeginStopNotify(id, new Notify([this, id] {
             j_.Add("begin " + std::to_string(id) + " count " + std::to_string(mgr_.GetCount()));
         }));
@@ -237,11 +286,100 @@ TEST_F(ReactorMgr, RemoveAllStopsEveryReactorInIdOrder) {
     mgr_.New(&err);  // never started
     mgr_.RemoveAll();
     EXPECT_EQ(0u, mgr_.GetCount());
-    EXPECT_EQ((std::vector<std::string>{"begin 1 count 4", "end 1", "destroyed 1", "begin 2 count 3",
-                                        "end 2", "destroyed 2", "begin 3 count 2", "end 3",
+    EXPECT_EQ((std::vector<std::string>{"begin 1 count 3", "end 1", "destroyed 1", "begin 2 count 2",
+                                        "end 2", "destroyed 2", "begin 3 count 1", "end 3",
                                         "destroyed 3", "destroyed 4"}),
               j_.Get());
     EXPECT_EQ(3u, Messages(ZNRLogger::LOGL_INFO).size());
     EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
     mgr_.RemoveAll();
+}
+
+// A thread joining a reactor thread in Wait keeps no writer out, and a
+// Remove racing that Wait leaves it a live thread object to join.
+TEST_F(ReactorMgr, WaitLetsOtherCallsThrough) {
+    std::uint64_t err = 0;
+    std::uint64_t const one = mgr_.New(&err);
+    ASSERT_EQ(0u, mgr_.StartThread(one, ZNRString("rmgr-wait"), nullptr));
+    std::thread waiter([&] {
+        mgr_.Wait(one);
+        j_.Add("waited");
+    });
+    // Lets the waiter reach the join; were it late, the checks below would
+    // still hold, they would just prove less.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::uint64_t two = 0;
+    MustFinish("New while another thread waits", [&] { two = mgr_.New(&err); });
+    EXPECT_EQ(2u, two);
+    MustFinish("Remove while another thread waits", [&] { mgr_.Remove(one); });
+    waiter.join();
+    auto entries = j_.Get();
+    std::sort(entries.begin(), entries.end());
+    EXPECT_EQ((std::vector<std::string>{"destroyed 1", "waited"}), entries);
+    EXPECT_EQ(1u, mgr_.GetCount());
+}
+
+// A task on reactor 1 removes reactor 2 while the main thread is removing
+// (and joining) reactor 1.
+TEST_F(ReactorMgr, RemovesFromBothSidesOfAJoin) {
+    std::uint64_t err = 0;
+    std::uint64_t const one = mgr_.New(&err);
+    std::uint64_t const two = mgr_.New(&err);
+    std::promise<void> stopping;
+    std::atomic<bool> told{false};
+    mgr_.on_stop = [&](int n) {
+        if (n == 1 && !told.exchange(true)) stopping.set_value();
+    };
+    std::future<void> stopping_seen = stopping.get_future();
+    ASSERT_EQ(0u, mgr_.RegisterTask(one, new Task([&] {
+        // Until the main thread is inside Remove(1).
+        EXPECT_EQ(std::future_status::ready, stopping_seen.wait_for(std::chrono::seconds(5)));
+        mgr_.Remove(two);
+        j_.Add("removed 2, count " + std::to_string(mgr_.GetCount()));
+    })));
+    ASSERT_EQ(0u, mgr_.StartThread(one, ZNRString("rmgr-1"), nullptr));
+    ASSERT_EQ(0u, mgr_.StartThread(two, ZNRString("rmgr-2"), nullptr));
+    MustFinish("Remove(1) while its task removes 2", [&] { mgr_.Remove(one); });
+    EXPECT_EQ((std::vector<std::string>{"destroyed 2", "removed 2, count 0", "destroyed 1"}), j_.Get());
+    EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
+}
+
+// A handler run inside the manager's RegisterDevice may create and remove
+// reactors, its own included: that one outlives the call.
+TEST_F(ReactorMgr, HandlerInsideRegisterDeviceReachesBackIn) {
+    struct Row {
+        char const* name;
+        std::function<void(Mgr&, Journal&)> on_created;
+        std::vector<std::string> journal;
+    };
+    Row const rows[] = {
+        {"New", [](Mgr& mgr, Journal& j) {
+             std::uint64_t err = 0;
+             j.Add("new " + std::to_string(mgr.New(&err)));
+         }, {"new 3", "registered"}},
+        {"Remove another", [](Mgr& mgr, Journal& j) {
+             mgr.Remove(2);
+             j.Add("count " + std::to_string(mgr.GetCount()));
+         }, {"destroyed 2", "count 1", "registered"}},
+        {"Remove itself", [](Mgr& mgr, Journal& j) {
+             mgr.Remove(1);
+             j.Add("count " + std::to_string(mgr.GetCount()));
+         }, {"count 1", "destroyed 1", "registered"}},
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.name);
+        MustFinish(row.name, [&] {
+            Journal j;
+            Mgr mgr(&j);
+            std::uint64_t err = 0;
+            std::uint64_t const id = mgr.New(&err);
+            mgr.New(&err);
+            auto* handler = new OnCreatedHandler([&] { row.on_created(mgr, j); });
+            EXPECT_NE(kNoId, mgr.RegisterDevice(id, new ZNRFakeDevice(), handler, &err, 100, 10, 100,
+                                                0xFFFFFFFF));
+            j.Add("registered");
+            EXPECT_EQ(row.journal, j.Get());
+        });
+    }
+    EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
 }

@@ -44,11 +44,16 @@ private:
     "ZNRReactorMgr_T<class ZNRReactorIOCP,class ZNRTimerMgr,class ZNRReactorThread>::" name
 
 // Creates reactors, runs each on the caller's thread (Start) or on a thread
-// of its own (StartThread), and routes calls to them by a 64-bit id under a
-// reader/writer lock. R is the reactor, T its timer manager, TH the thread.
+// of its own (StartThread), and routes calls to them by a 64-bit id. R is
+// the reactor, T its timer manager, TH the thread.
 //
-// Routing calls hold the read lock while the reactor runs them, so nothing
-// a reactor calls back may wait for a writer of the manager.
+// A reader/writer lock guards the table only: no reactor call, handler or
+// join runs under it, so whatever a reactor calls back may use the whole
+// manager. A call routed to a reactor holds a reference to its entry, as
+// does a running loop and a Wait; a removal takes the entry out of the
+// table, and whoever lets go of the last reference destroys the reactor,
+// so a removal never waits for calls in progress, nor frees the reactor
+// under one.
 //
 // An id that names no reactor is refused: Start, StartThread and Stop
 // return library error 30, IsRunInCurrentThread false, and Wait, Remove
@@ -59,21 +64,22 @@ private:
 // caller. A reactor whose loop runs where the remover cannot join it (its
 // own loop: a task, a handler, OnThreadStopped; or a loop of Start on
 // another thread) is taken out of the table at once, asked to stop, and
-// destroyed by that loop once Open has returned; such a reactor thread is
+// destroyed once Open has returned; a reactor thread nobody has joined is
 // joined by the next RemoveAll or by the destructor.
 template <class R, class T, class TH>
 class ZNR_API ZNRReactorMgr_T {
 public:
     struct ReactorWrap {
-        // Whether a loop (Start or the reactor thread) is inside Open, and
-        // whether that loop must destroy the reactor when Open returns.
-        enum Loop_t { LOOP_IDLE = 0, LOOP_RUNNING = 1, LOOP_DETACHED = 2 };
+        // Whether a loop (Start or the reactor thread) is inside Open.
+        enum Loop_t { LOOP_IDLE = 0, LOOP_RUNNING = 1 };
 
         std::uint64_t id = 0xFFFFFFFFFFFFFFFFULL;
         R* reactor = nullptr;
         ZNRThread* thread = nullptr;
         bool own_thread = false;
         std::atomic<int> loop{LOOP_IDLE};
+        // The table's, the loop's and one per call in progress.
+        std::atomic<int> refs{1};
     };
 
     // Runs one reactor's loop on its reactor thread.
@@ -102,7 +108,7 @@ public:
     ZNRReactorMgr_T& operator=(ZNRReactorMgr_T const&) = delete;
 
     // Frees the table; stops and destroys no reactor (RemoveAll does). Joins
-    // the threads of reactors removed from inside their own loops.
+    // the threads of destroyed reactors that nobody has joined.
     virtual ~ZNRReactorMgr_T() {
         for (auto& entry : *table_) delete entry.second;
         ReapThreads();
@@ -139,6 +145,7 @@ public:
             wrap = Find(id);
             if (wrap == nullptr) return ZNRUserError(30);
             if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
+            Ref(wrap);
         }
         std::uint64_t const error = wrap->reactor->Open();
         EndLoop(wrap);
@@ -158,6 +165,9 @@ public:
         wrap->own_thread = true;
         thread->SetName(name);
         ReactorThreadRunable* const runable = new ReactorThreadRunable(this, wrap);
+        // The loop's reference; the table's keeps it from being the last
+        // while the lock is held.
+        Ref(wrap);
         std::uint64_t const error = thread->Start(runable);
         if (error != 0) {
             runable->Destroy();
@@ -165,6 +175,7 @@ public:
             wrap->thread = nullptr;
             wrap->own_thread = false;
             wrap->loop = ReactorWrap::LOOP_IDLE;
+            wrap->refs.fetch_sub(1, std::memory_order_relaxed);
         }
         return error;
     }
@@ -188,30 +199,41 @@ public:
         return New(error);
     }
 
-    // Any thread. Stops the reactor (a reactor thread is joined unless it is
-    // the caller) and destroys it; see the class comment for the caller's
-    // own loop.
+    // Any thread. Takes the reactor out of the table, then, with no lock
+    // held, stops it, joins a reactor thread unless it is the caller, and
+    // destroys it (or leaves that to the last call still using it); see the
+    // class comment for the caller's own loop.
     virtual void Remove(std::uint64_t id) { RemoveOne(id, ZNRThreadMgr::Instance()->GetCurrent()); }
 
     // Any thread. Destroys a reactor whose loop has ended, without stop or
-    // join; a loop still running is asked to stop and destroys it itself.
+    // join (an unjoined thread is left to RemoveAll); a loop still running
+    // is asked to stop, and the reactor goes once Open has returned.
     virtual void Destroy(std::uint64_t id) {
-        if (ReactorWrap* const wrap = Take(id)) Release(wrap);
+        ReactorWrap* const wrap = Take(id);
+        if (wrap == nullptr) return;
+        StopLoop(wrap);
+        Unref(wrap);
     }
 
-    // Any thread but the reactor's own. Joins the reactor thread (holding
-    // the read lock); nothing for a reactor without one.
+    // Any thread but the reactor's own. Joins the reactor thread, with no
+    // lock held; nothing for a reactor without one.
     virtual void Wait(std::uint64_t id) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(id);
-        if (wrap != nullptr && wrap->own_thread) wrap->thread->Join(nullptr);
+        ReactorWrap* wrap = nullptr;
+        {
+            ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
+            wrap = Find(id);
+            if (wrap == nullptr || !wrap->own_thread) return;
+            Ref(wrap);
+        }
+        // A racing Remove may join first; the thread object outlives both.
+        wrap->thread->Join(nullptr);
+        Unref(wrap);
     }
 
     // Any thread. Asks the reactor to stop; does not wait.
     virtual std::uint64_t Stop(std::uint64_t id) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(id);
-        if (wrap == nullptr) return ZNRUserError(30);
+        Pin const wrap(this, id);
+        if (!wrap) return ZNRUserError(30);
         return wrap->reactor->Stop();
     }
 
@@ -232,16 +254,16 @@ public:
 
     // Routing: any thread for tasks, notifies, timers and sends; the
     // reactor's thread for RegisterDevice and UnregisterDevice (before
-    // Start: the thread that will run it). Unknown reactor: logged, library
-    // error 30 (RegisterDevice: in *error, all ones returned; RegisterTimer:
-    // 30 returned in place of the timer id, *error untouched).
+    // Start: the thread that will run it). The reactor runs the call with
+    // no lock held and outlives it. Unknown reactor: logged, library error
+    // 30 (RegisterDevice: in *error, all ones returned; RegisterTimer: 30
+    // returned in place of the timer id, *error untouched).
     virtual std::uint64_t RegisterDevice(std::uint64_t reactor_id, ZNRDevice* device,
                                          ZNRDeviceHandler* handler, std::uint64_t* error,
                                          int recv_buff_max_size, int recv_buff_grow_size,
                                          int send_buff_max_size, unsigned int timeout) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterDevice"))(
                 "Can not register device to reactor, reactor not found, reactor id=%llu, "
@@ -256,9 +278,8 @@ public:
     }
 
     virtual std::uint64_t UnregisterDevice(std::uint64_t reactor_id, std::uint64_t device_id) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("UnregisterDevice"))(
                 "Can not unregister device from reactor, reactor not found, reactor id=%llu, "
@@ -271,9 +292,8 @@ public:
     }
 
     virtual std::uint64_t RegisterTask(std::uint64_t reactor_id, ZNRReactorTask* task) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterTask"))(
                 "Can not register task to reactor, reactor not found, reactor id=%llu",
@@ -285,9 +305,8 @@ public:
 
     virtual std::uint64_t RegisterBeginStopNotify(std::uint64_t reactor_id,
                                                   ZNRReactorStopNotify* notify) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterBeginStopNotify"))(
                 "Can not register begin stop notify to reactor, reactor not found, reactor id=%llu",
@@ -300,9 +319,8 @@ public:
 
     virtual std::uint64_t RegisterEndStopNotify(std::uint64_t reactor_id,
                                                 ZNRReactorStopNotify* notify) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterEndStopNotify"))(
                 "Can not register end stop notify to reactor, reactor not found, reactor id=%llu",
@@ -315,9 +333,8 @@ public:
 
     virtual std::uint64_t RegisterTimer(std::uint64_t reactor_id, ZNRTimer* timer,
                                         std::uint64_t* error) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterTimer"))(
                 "Can not register timer to reactor, reactor not found, reactor id=%llu",
@@ -328,9 +345,8 @@ public:
     }
 
     virtual std::uint64_t UnregisterTimer(std::uint64_t reactor_id, std::uint64_t timer_id) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("UnregisterTimer"))(
                 "Can not unregister timer from reactor, reactor not found, reactor id=%llu "
@@ -344,9 +360,8 @@ public:
 
     virtual std::uint64_t SendData(std::uint64_t reactor_id, std::uint64_t device_id,
                                    unsigned char const* data, int size) {
-        ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-        ReactorWrap* const wrap = Find(reactor_id);
-        if (wrap == nullptr) {
+        Pin const wrap(this, reactor_id);
+        if (!wrap) {
             ZNRWin32LoggerHelper(ZNRLogTime(), ZNRLogger::LOGL_ERROR, ZNR_SOURCE_FILE, __LINE__,
                                  PLEXA_REACTOR_MGR_FUNCTION("SendData"))(
                 "Can not send data to reactor device, reactor not found, reactor id=%llu "
@@ -401,33 +416,78 @@ private:
         return it == table_->end() ? nullptr : it->second;
     }
 
+    // A reference to an entry, taken under the read lock and dropped
+    // without it; empty for an unknown id.
+    class Pin {
+    public:
+        Pin(ZNRReactorMgr_T* mgr, std::uint64_t id) : mgr_(mgr) {
+            ZNRGuardReadSpinLock guard(&mgr->lock_, __FILE__, __LINE__);
+            wrap_ = mgr->Find(id);
+            if (wrap_ != nullptr) Ref(wrap_);
+        }
+        ~Pin() {
+            if (wrap_ != nullptr) mgr_->Unref(wrap_);
+        }
+        Pin(Pin const&) = delete;
+        Pin& operator=(Pin const&) = delete;
+
+        explicit operator bool() const { return wrap_ != nullptr; }
+        ReactorWrap* operator->() const { return wrap_; }
+
+    private:
+        ZNRReactorMgr_T* mgr_;
+        ReactorWrap* wrap_;
+    };
+
+    // Under the lock (read or write) while the entry is in the table, or
+    // by a holder of another reference.
+    static void Ref(ReactorWrap* wrap) { wrap->refs.fetch_add(1, std::memory_order_relaxed); }
+
+    // The last reference destroys the reactor and the wrap, with no lock
+    // held, as the reactor's handlers may call in.
+    void Unref(ReactorWrap* wrap) {
+        if (wrap->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+        if (wrap->own_thread) {
+            TH* const thread = static_cast<TH*>(wrap->thread);
+            if (thread->GetFd() == nullptr) {
+                thread->Destroy();
+            } else {
+                // Not joined (this may be that very thread): joined by the
+                // next RemoveAll or the destructor, so that nothing outlives
+                // the manager.
+                ZNRGuardLock guard(&reap_lock_);
+                reap_->push_back(thread);
+            }
+        }
+        wrap->reactor->Destroy();
+        delete wrap;
+    }
+
     static bool BeginLoop(ReactorWrap* wrap) {
         int idle = ReactorWrap::LOOP_IDLE;
         return wrap->loop.compare_exchange_strong(idle, ReactorWrap::LOOP_RUNNING);
     }
 
-    // On the loop's thread once Open has returned: the reactor is the
-    // loop's to destroy when it was removed meanwhile.
-    static void EndLoop(ReactorWrap* wrap) {
-        int running = ReactorWrap::LOOP_RUNNING;
-        if (wrap->loop.compare_exchange_strong(running, ReactorWrap::LOOP_IDLE)) return;
-        wrap->reactor->Destroy();
-        delete wrap;
+    // On the loop's thread once Open has returned.
+    void EndLoop(ReactorWrap* wrap) {
+        wrap->loop = ReactorWrap::LOOP_IDLE;
+        Unref(wrap);
     }
 
-    // The join happens under the read lock, so that reactor threads may
-    // still route calls through the manager while they wind down; the
-    // reactor is destroyed outside any lock, as its handlers may call in.
+    // Out of the table first, so that no other remover or Wait can reach
+    // the entry, then stop and join with no lock held: the reactor thread
+    // may use the manager while it winds down.
     void RemoveOne(std::uint64_t id, ZNRThread* current) {
-        {
-            ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
-            ReactorWrap* const wrap = Find(id);
-            if (wrap == nullptr) return;
-            if (wrap->own_thread && wrap->thread != current) StopAndJoin(wrap);
-        }
-        if (ReactorWrap* const wrap = Take(id)) Release(wrap);
+        ReactorWrap* const wrap = Take(id);
+        if (wrap == nullptr) return;
+        StopLoop(wrap);
+        // A Wait racing this join may have taken the thread's handle; its
+        // reference keeps the thread object until it has joined.
+        if (wrap->own_thread && wrap->thread != current) wrap->thread->Join(nullptr);
+        Unref(wrap);
     }
 
+    // Returns the table's reference.
     ReactorWrap* Take(std::uint64_t id) {
         ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
         auto const it = table_->find(id);
@@ -438,36 +498,15 @@ private:
     }
 
     // The stop is skipped for a loop that has already ended, which would
-    // refuse it with an error line.
-    static void StopAndJoin(ReactorWrap* wrap) {
-        if (!wrap->reactor->IsStopped()) wrap->reactor->Stop();
-        wrap->thread->Join(nullptr);
-    }
-
-    // With the entry out of the table: destroys the reactor, its thread and
-    // the wrap, or hands them to a loop that is still running.
-    void Release(ReactorWrap* wrap) {
-        // Read before the hand-over, after which the loop may free the wrap.
-        TH* const own = wrap->own_thread ? static_cast<TH*>(wrap->thread) : nullptr;
-        R* const reactor = wrap->reactor;
-        if (wrap->loop.load() == ReactorWrap::LOOP_RUNNING && !reactor->IsStopped()) reactor->Stop();
-        int running = ReactorWrap::LOOP_RUNNING;
-        if (wrap->loop.compare_exchange_strong(running, ReactorWrap::LOOP_DETACHED)) {
-            if (own != nullptr) {
-                // Joined by the next RemoveAll (or the destructor), so that
-                // nothing outlives the manager.
-                ZNRGuardLock guard(&reap_lock_);
-                reap_->push_back(own);
-            }
-            return;
+    // refuse it with an error line. Out of the table, no loop can begin.
+    static void StopLoop(ReactorWrap* wrap) {
+        if (wrap->loop.load() == ReactorWrap::LOOP_RUNNING && !wrap->reactor->IsStopped()) {
+            wrap->reactor->Stop();
         }
-        if (own != nullptr) own->Destroy();
-        reactor->Destroy();
-        delete wrap;
     }
 
-    // Joins and deletes the threads of reactors removed from inside their
-    // own loops; the caller's own thread stays for a later call.
+    // Joins and deletes the threads nobody joined before their reactors
+    // were destroyed; the caller's own thread stays for a later call.
     void ReapThreads() {
         ZNRStlAdapter<std::list<TH*>> threads;
         {
@@ -490,7 +529,7 @@ private:
     ZNRStlAdapter<ReactorMap> table_;
     ZNRThreadRWMutex lock_;
     ZNRIdAllocator id_allocator_;
-    // Threads of reactors destroyed by their own loop, still to be joined.
+    // Threads of destroyed reactors, still to be joined.
     ZNRStlAdapter<std::list<TH*>> reap_;
     ZNRThreadMutex reap_lock_;
 };
