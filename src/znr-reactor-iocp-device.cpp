@@ -153,7 +153,7 @@ bool ZNRReactorIOCPDeviceBase::Send(unsigned char const* data, int size, std::ui
         return Send(Copy(data, size), error);
     }
     sending_ = true;
-    queued_send_bytes_ += size;
+    AddQueued(size);
     ZNRAsyncIOCB* const cb = io->GetWriteIOCB();
     if (cb->status != ZNRAsyncIOCB::STATUS_DONE) {
         ZNRByteBuffer* const copy = Copy(data, size);
@@ -195,17 +195,18 @@ void ZNRReactorIOCPDeviceBase::Recycle(ZNRByteBuffer* buffer) {
 bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
     int const size = static_cast<int>(buffer->GetDataCount());
     TakeFinishedWrite();
-    if (static_cast<long long>(queued_send_bytes_) + size > send_buff_max_size_) {
+    int const queued = GetQueuedSendBytes();
+    if (static_cast<long long>(queued) + size > send_buff_max_size_) {
         ZNR_LOG(ERROR,
                 "Can not send data to iocp device, send buffer is overflow, current_size=%d "
                 "max_size=%d desc_info=\"%s\"",
-                queued_send_bytes_, send_buff_max_size_, Narrow(desc_).c_str());
+                queued, send_buff_max_size_, Narrow(desc_).c_str());
         delete buffer;
         SetError(error, kSendOverflow);
         return false;
     }
     send_queue_.push_back(buffer);
-    queued_send_bytes_ += size;
+    AddQueued(size);
     if (sending_ || connecting_) return true;
     std::uint64_t const rc = PostSend();
     if (rc == 0) return true;
@@ -261,7 +262,7 @@ void ZNRReactorIOCPDeviceBase::Written(int bytes) {
         send_queue_.pop_front();
         Recycle(front);
     }
-    queued_send_bytes_ -= bytes;
+    AddQueued(-bytes);
 }
 
 void ZNRReactorIOCPDeviceBase::OnErrorEvent(std::uint64_t const&) {}

@@ -5,6 +5,7 @@
 #include <plexa/znr-string.h>
 #include <plexa/znr-timer.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 
@@ -52,6 +53,8 @@ public:
     void SetRecvBuffMaxSize(int size);
     void SetSendBuffMaxSize(int size) { send_buff_max_size_ = size; }
     int GetSendBuffMaxSize() const { return send_buff_max_size_; }
+    int GetQueuedSendBytes() const { return queued_send_bytes_.load(std::memory_order_relaxed); }
+    std::atomic<int> const* GetQueuedSendBytesCounter() const { return &queued_send_bytes_; }
     ZNRString const& GetDescInfo() const { return desc_; }
     void SetTimeout(unsigned int timeout);
     // The device timer has ended: nothing of it is left to remove.
@@ -66,6 +69,9 @@ protected:
     // is taken now, so that a send behind it can go out at once instead of
     // waiting in the queue; its bytes are reported with the next one.
     void TakeFinishedWrite();
+    void AddQueued(int bytes) {
+        queued_send_bytes_.store(GetQueuedSendBytes() + bytes, std::memory_order_relaxed);
+    }
     // Drops what a write gave from the front of the queue.
     void Written(int bytes);
     void ShrinkRecvBuffer();
@@ -88,7 +94,9 @@ protected:
     ZNRByteBuffer recv_buffer_;
     ZNRByteBuffer* spare_;
     std::deque<ZNRByteBuffer*> send_queue_;  // null: a write from the sender's bytes
-    int queued_send_bytes_;
+    // Read by other threads' sends (under the reactor's loop-event lock),
+    // written only here.
+    std::atomic<int> queued_send_bytes_;
     int unreported_written_;
     ZNRString desc_;
     // A write is posted; or the connection is not up yet, so sends queue.

@@ -76,7 +76,6 @@ public:
     bool OnLoopEvent(ZNRReactor* reactor) override {
         auto* const r = static_cast<ZNRReactorIOCP*>(reactor);
         int const size = static_cast<int>(buffer_->GetDataCount());
-        if (size > 0) r->ReleaseSendBudget(device_id_, size);
         ZNRReactorIOCPDeviceBase* const device = r->FindDevice(device_id_);
         if (device == nullptr) {
             ZNR_LOG(ERROR, "Can not send data to iocp device, not found!, device_id=%u", device_id_);
@@ -89,8 +88,12 @@ public:
         ZNRByteBuffer* const buffer = buffer_;
         buffer_ = nullptr;
         std::uint64_t error = 0;
+        bool const sent = device->Send(buffer, &error);
+        // Only now: until the bytes are in the device's queue, senders on
+        // other threads must still count them here.
+        r->ReleaseSendBudget(device_id_, size);
         // A normal device has told its handler of a failed send already.
-        if (!device->Send(buffer, &error)) r->DelIOCPDevice(device_id_);
+        if (!sent) r->DelIOCPDevice(device_id_);
         return false;
     }
     void Destroy() override {
@@ -334,23 +337,25 @@ std::uint64_t ZNRReactorIOCP::QueueLocked(ZNRReactorLoopEvent* event) {
 
 std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* data, int size) {
     auto* const event = new ZNRReactorIOCPSendDataLoopEvent(id, data, size);
-    std::string overflow;
-    int queued = 0;
+    std::string desc;
+    int held = 0;
     int max = 0;
     std::uint64_t rc = 0;
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
         SendBudgetMap::iterator const budget = send_budgets_->find(id);
+        if (budget != send_budgets_->end()) {
+            SendBudget const& b = budget->second;
+            held = b.queued + b.device_queued->load(std::memory_order_relaxed);
+            max = b.max;
+        }
         if (write_device_ == nullptr) {
             ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
             rc = kNotReady;
         } else if (queued_count_ >= queue_max_) {
             rc = kQueueFull;
-        } else if (budget != send_budgets_->end() &&
-                   static_cast<long long>(budget->second.queued) + size > budget->second.max) {
-            queued = budget->second.queued;
-            max = budget->second.max;
-            overflow = Narrow(*budget->second.desc);
+        } else if (budget != send_budgets_->end() && static_cast<long long>(held) + size > max) {
+            desc = Narrow(*budget->second.desc);
             rc = kSendOverflow;
         } else {
             rc = QueueLocked(event);
@@ -361,7 +366,7 @@ std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* d
         ZNR_LOG(ERROR,
                 "Can not send data to iocp device, send buffer is overflow, current_size=%d "
                 "max_size=%d desc_info=\"%s\"",
-                queued, max, overflow.c_str());
+                held, max, desc.c_str());
     }
     if (rc != 0) event->Destroy();
     return rc;
@@ -520,7 +525,9 @@ std::uint64_t ZNRReactorIOCP::RegisterDevice(ZNRDevice* device, ZNRDeviceHandler
     (*devices_)[id] = iocp_device;
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-        (*send_budgets_)[id] = SendBudget{iocp_device->GetSendBuffMaxSize(), 0, &iocp_device->GetDescInfo()};
+        (*send_budgets_)[id] = SendBudget{iocp_device->GetSendBuffMaxSize(), 0,
+                                          iocp_device->GetQueuedSendBytesCounter(),
+                                          &iocp_device->GetDescInfo()};
     }
 
     // Accepted connections are announced with OnOpen, connections made as

@@ -48,7 +48,11 @@ public:
     std::function<bool(ZNRByteBuffer const*, int*)> on_data;
     std::function<bool(int)> on_writen;
     std::function<bool()> on_timeout;
+    std::function<bool()> on_created;
+    std::function<void()> on_error;
+    std::function<void()> on_close;
 
+    bool OnCreated() override { return on_created ? on_created() : true; }
     bool OnOpen() override { return Log("open"); }
     bool OnData(ZNRByteBuffer const* b, int* offset) override {
         if (on_data) return on_data(b, offset);
@@ -60,8 +64,14 @@ public:
         return on_writen ? on_writen(n) : true;
     }
     bool OnTimeout(std::uint64_t) override { return on_timeout ? on_timeout() : true; }
-    void OnError() override { Log("error " + std::to_string(GetDevice()->GetError() & 0xFFFFFFFF)); }
-    void OnClose() override { Log("close"); }
+    void OnError() override {
+        Log("error " + std::to_string(GetDevice()->GetError() & 0xFFFFFFFF));
+        if (on_error) on_error();
+    }
+    void OnClose() override {
+        Log("close");
+        if (on_close) on_close();
+    }
     void Destroy() override {
         Log("destroy");
         delete this;
@@ -161,6 +171,26 @@ protected:
             return h->Log("got " + std::string(reinterpret_cast<char const*>(b->GetData()), b->GetDataCount()));
         };
         return h;
+    }
+
+    // A plain descriptor device on one end of a socket pair; *peer gets the other.
+    ZNRAsyncUnknownDevice* PairDevice(int* peer) {
+        int fds[2];
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+        ZNRUnknownDeviceParam param;
+        param.fd = fds[0];
+        auto* device = new ZNRAsyncUnknownDevice();
+        EXPECT_TRUE(device->Open(&param));
+        *peer = fds[1];
+        return device;
+    }
+    // The journal's entries of one handler, in order.
+    std::vector<std::string> Of(std::string const& name) {
+        std::vector<std::string> out;
+        for (std::string const& e : journal_.Get()) {
+            if (e.compare(0, name.size() + 1, name + " ") == 0) out.push_back(e.substr(name.size() + 1));
+        }
+        return out;
     }
 
     Journal journal_;
@@ -389,13 +419,18 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
     EXPECT_TRUE(journal_.WaitFor("c0 close"));
     // From another thread, bytes waiting for the loop count against the
     // maximum: refused at the caller, nothing queued, the device stays.
-    std::promise<void> release;
+    std::promise<void> release, holding;
     std::shared_future<void> released(release.get_future());
-    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([released] { released.wait(); })));
+    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([&holding, released] {
+        holding.set_value();
+        released.wait();
+    })));
+    holding.get_future().wait();
     EXPECT_EQ(0u, reactor_->SendData(3, bytes, 1 << 20));
     EXPECT_EQ(E(8), reactor_->SendData(3, L("x"), 1));
     release.set_value();
     EXPECT_EQ(std::string(1 << 20, 'x'), ReadN(a, 1 << 20));
+    OnLoop([] {});  // the write's completion was queued before this task
     EXPECT_EQ(0u, reactor_->SendData(3, L("y"), 1));
     EXPECT_EQ("y", ReadN(a, 1));
     // A close request from another thread: OnClose, then Destroy.
@@ -503,6 +538,241 @@ TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
     EXPECT_TRUE(journal_.WaitFor("pipe got via pipe"));
     std::vector<std::string> const j = journal_.Get();
     EXPECT_NE(j.end(), std::find(j.begin(), j.end(), "pipe writen 0"));
+}
+
+TEST_F(Reactor, HandlersEndTheirDevicesFromEveryPath) {
+    Start();
+    LogCapture capture;
+    auto const self = [this](Handler* h) { return reactor_->UnregisterDevice(h->GetDeviceId()); };
+    int peers[4] = {-1, -1, -1, -1};
+
+    // A task overflows a device's queue; its handler ends it from OnError.
+    auto* overflow = new Handler(&journal_, "overflow");
+    overflow->on_error = [&] { EXPECT_EQ(0u, self(overflow)); };
+    std::uint64_t const oid = Register(PairDevice(&peers[0]), overflow, 100);
+    OnLoop([&] {
+        std::string const big(101, 'x');
+        EXPECT_EQ(E(8), reactor_->SendData(oid, reinterpret_cast<unsigned char const*>(big.data()), 101));
+        EXPECT_FALSE(reactor_->IsDeviceExist(oid));
+        EXPECT_EQ(E(38), reactor_->SendData(oid, L("x"), 1));
+        EXPECT_EQ((std::vector<std::string>{"error 8"}), Of("overflow"));  // closed, not yet destroyed
+    });
+
+    // Its own OnData: closed once, and not called again whatever arrives.
+    auto* reader = new Handler(&journal_, "reader");
+    reader->on_data = [&](ZNRByteBuffer const* b, int* offset) {
+        *offset = static_cast<int>(b->GetDataCount());
+        EXPECT_EQ(0u, self(reader));
+        EXPECT_EQ(E(12), self(reader));
+        EXPECT_EQ(E(38), reactor_->SendData(reader->GetDeviceId(), L("x"), 1));
+        EXPECT_EQ(1, ::write(peers[1], "b", 1));
+        return reader->Log("data");
+    };
+    Register(PairDevice(&peers[1]), reader);
+    ASSERT_EQ(1, ::write(peers[1], "a", 1));
+    EXPECT_TRUE(journal_.WaitFor("reader destroy"));
+
+    // OnTimeout, answering either way; OnCreated, before any OnOpen.
+    for (bool keep : {false, true}) {
+        std::string const name = keep ? "kept" : "timeout";
+        auto* h = new Handler(&journal_, name);
+        h->on_timeout = [&, h, keep] {
+            h->Log("timeout");
+            EXPECT_EQ(0u, self(h));
+            return keep;
+        };
+        Register(new ZNRFakeDevice(), h, 100, 2);
+        EXPECT_TRUE(journal_.WaitFor(name + " destroy"));
+    }
+    auto* created = new Handler(&journal_, "created");
+    created->on_created = [&] {
+        EXPECT_EQ(0u, self(created));
+        return true;
+    };
+    Register(PairDevice(&peers[2]), created);
+
+    // A task ends two devices; the first one's OnClose ends a third. All go
+    // at the end of that turn, in the order they were closed.
+    std::uint64_t ids[3];
+    auto* first = new Handler(&journal_, "first");
+    first->on_close = [&] { EXPECT_EQ(0u, reactor_->UnregisterDevice(ids[2])); };
+    ids[0] = Register(new ZNRFakeDevice(), first);
+    ids[1] = Register(new ZNRFakeDevice(), new Handler(&journal_, "second"));
+    ids[2] = Register(new ZNRFakeDevice(), new Handler(&journal_, "third"));
+    std::size_t mark = 0;
+    OnLoop([&] {
+        mark = journal_.Get().size();
+        EXPECT_EQ(0u, reactor_->UnregisterDevice(ids[1]));
+        EXPECT_EQ(0u, reactor_->UnregisterDevice(ids[0]));
+        EXPECT_EQ(E(12), reactor_->UnregisterDevice(ids[0]));
+        EXPECT_EQ(mark, journal_.Get().size());
+    });
+    OnLoop([&] {
+        std::vector<std::string> const j = journal_.Get();
+        EXPECT_EQ((std::vector<std::string>{"second close", "second destroy", "first close",
+                                            "first destroy", "third close", "third destroy"}),
+                  std::vector<std::string>(j.begin() + static_cast<std::ptrdiff_t>(mark), j.end()));
+    });
+
+    // Another thread, through the reactor itself.
+    std::uint64_t const rid = Register(PairDevice(&peers[3]), new Handler(&journal_, "remote"));
+    EXPECT_EQ(0u, reactor_->UnregisterDevice(rid));
+    EXPECT_TRUE(journal_.WaitFor("remote destroy"));
+
+    std::vector<std::string> const closed{"close", "destroy"};
+    EXPECT_EQ((std::vector<std::string>{"error 8", "close", "destroy"}), Of("overflow"));
+    EXPECT_EQ((std::vector<std::string>{"data", "close", "destroy"}), Of("reader"));
+    EXPECT_EQ((std::vector<std::string>{"timeout", "close", "destroy"}), Of("timeout"));
+    EXPECT_EQ((std::vector<std::string>{"timeout", "close", "destroy"}), Of("kept"));
+    EXPECT_EQ(closed, Of("created"));
+    EXPECT_EQ(closed, Of("remote"));
+    for (int fd : peers) ::close(fd);
+}
+
+class Repeat : public ZNRReactorLoopEvent {
+public:
+    explicit Repeat(std::function<bool()> fn) : fn_(std::move(fn)) {}
+    bool OnLoopEvent(ZNRReactor*) override { return fn_(); }
+    void Destroy() override { delete this; }
+
+private:
+    std::function<bool()> fn_;
+};
+
+TEST_F(Reactor, StopAndRepeatingEventsGetThroughAFullQueue) {
+    reactor_->Destroy();
+    reactor_ = new ZNRReactorIOCP(new ZNRTimerMgr());
+    reactor_->SetLoopEventQueueMaxSize(3);
+    ASSERT_EQ(0u, reactor_->Init());
+    std::promise<void> running, full;
+    std::shared_future<void> filled(full.get_future());
+    int runs = 0;
+    // Held on its first run until the queue is full: queued again all the same.
+    ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Repeat([&] {
+        if (++runs == 1) {
+            running.set_value();
+            filled.wait();
+        }
+        return true;
+    })));
+    Start();
+    running.get_future().wait();
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Event(&journal_, "e")));
+    for (char const* name : {"refused", "late"}) {
+        auto* event = new Event(&journal_, name);
+        EXPECT_EQ(E(39), reactor_->RegisterLoopEvent(event));
+        event->Destroy();
+        if (std::string(name) == "refused") {
+            EXPECT_EQ(0u, reactor_->Stop());
+        }
+    }
+    EXPECT_EQ(0u, reactor_->Stop());
+    full.set_value();
+    loop_.join();
+    EXPECT_EQ(0u, result_);
+    // The events queued before the stop ran; the repeating one, queued
+    // again behind the stop, did not run again and went with the reactor.
+    EXPECT_EQ((std::vector<std::string>{"~refused", "~late", "e", "~e", "e", "~e", "e", "~e"}),
+              journal_.Get());
+    EXPECT_EQ(1, runs);
+}
+
+TEST_F(Reactor, RepeatingEventRunsOncePerTurn) {
+    int peer = -1;
+    int runs = 0;
+    bool done = false;
+    ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Repeat([&] { return ++runs, !done; })));
+    auto* h = new Handler(&journal_, "pair");
+    h->on_data = [&](ZNRByteBuffer const* b, int* offset) {
+        *offset = static_cast<int>(b->GetDataCount());
+        done = true;
+        return h->Log("data");
+    };
+    std::uint64_t err = 0;
+    ASSERT_NE(kNoId, reactor_->RegisterDevice(PairDevice(&peer), h, &err, 100, 10, 100, 0xFFFFFFFF));
+    ASSERT_EQ(1, ::write(peer, "x", 1));
+    Start();
+    ASSERT_TRUE(journal_.WaitFor("pair data"));
+    OnLoop([] {});
+    // Both were ready at the first wait: a turn or two, not a hundred runs.
+    EXPECT_LE(runs, 3);
+    ::close(peer);
+}
+
+TEST_F(Reactor, BurstFromAnotherThreadThroughASmallSendBound) {
+    // A reader keeps up: a burst four times the bound, sent line by line
+    // from another thread, arrives whole; the bound only pushes back on
+    // the sender (error 8, nothing queued), it never cuts the reader off.
+    Start();
+    int peer = -1;
+    int const bound = 256 * 1024;
+    std::uint64_t const id = Register(PairDevice(&peer), new Handler(&journal_, "relay"), bound);
+    std::string sent;
+    for (int i = 0; sent.size() < 4u * bound; ++i) sent += std::string(20000, static_cast<char>('a' + i % 26)) + "\n";
+    LogCapture capture;
+    std::future<std::string> got = std::async(std::launch::async, [&] { return ReadN(peer, sent.size()); });
+    int refused = 0;
+    for (std::size_t at = 0; at < sent.size(); at += 20001) {
+        std::uint64_t rc;
+        while ((rc = reactor_->SendData(id, U(sent) + at, 20001)) == E(8)) {
+            ++refused;
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(0u, rc);
+    }
+    EXPECT_TRUE(got.get() == sent);
+    OnLoop([&] { EXPECT_TRUE(reactor_->IsDeviceExist(id)); });
+    // No error, no close; every byte reported written, once.
+    std::size_t written = 0;
+    for (std::string const& e : Of("relay")) {
+        ASSERT_EQ(0u, e.find("writen ")) << e;
+        written += std::stoul(e.substr(7));
+    }
+    EXPECT_EQ(sent.size(), written);
+    EXPECT_EQ(static_cast<std::size_t>(refused), capture.Messages(ZNRLogger::LOGL_ERROR).size());
+    ::close(peer);
+}
+
+TEST_F(Reactor, LargeFrameGrowsTheBlockGeometricallyAndGivesItBack) {
+    Start();
+    int peer = -1;
+    std::size_t const frame = 3 << 20;
+    std::vector<unsigned int> blocks;
+    unsigned int after = 0;
+    auto* h = new Handler(&journal_, "frame");
+    h->on_data = [&](ZNRByteBuffer const* b, int* offset) {
+        if (blocks.empty() || blocks.back() != b->GetBlockSize()) blocks.push_back(b->GetBlockSize());
+        if (b->GetDataCount() == frame) {
+            *offset = static_cast<int>(frame);  // the whole frame at once
+            h->Log("whole");
+        } else if (b->GetDataCount() < 4096 && blocks.size() > 1) {
+            after = b->GetBlockSize();
+            *offset = static_cast<int>(b->GetDataCount());
+        }
+        return true;
+    };
+    std::uint64_t err = 0;
+    OnLoop([&] {
+        EXPECT_NE(kNoId, reactor_->RegisterDevice(PairDevice(&peer), h, &err, 4 << 20, 4096, 100, 0xFFFFFFFF));
+    });
+    std::string const bytes(frame, 'f');
+    std::thread writer([&] {
+        for (std::size_t at = 0; at < bytes.size();) {
+            ssize_t const n = ::write(peer, bytes.data() + at, bytes.size() - at);
+            if (n <= 0) break;
+            at += static_cast<std::size_t>(n);
+        }
+    });
+    writer.join();
+    ASSERT_TRUE(journal_.WaitFor("frame whole"));
+    ASSERT_EQ(1, ::write(peer, "z", 1));
+    for (int i = 0; i < 500 && after == 0; ++i) OnLoop([] {});
+    // Doubling: about log2(3 MiB / 4 KiB) blocks, not one per read.
+    EXPECT_LE(blocks.size(), 14u);
+    EXPECT_GE(*std::max_element(blocks.begin(), blocks.end()), frame);
+    EXPECT_GT(after, 0u);
+    EXPECT_LE(after, 2u * 4096);
+    ::close(peer);
 }
 
 TEST_F(Reactor, IdleLoopSleepsAndCrossThreadTimersWakeIt) {

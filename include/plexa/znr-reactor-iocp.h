@@ -65,8 +65,9 @@ public:
     std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) override;
     std::uint64_t UnregisterTimer(std::uint64_t timer_id) override;
     // From another thread the bytes are copied into a loop event; what such
-    // events hold for one device counts against its send maximum here, so
-    // a send past it is refused with library error 8 and nothing queued.
+    // events and the device's send queue hold counts against its send
+    // maximum here, so a send past it is refused with library error 8 and
+    // nothing queued (the device stays).
     std::uint64_t SendData(std::uint64_t device_id, unsigned char const* data, int size) override;
     void Destroy() override;
 
@@ -86,10 +87,12 @@ private:
 
     // Looked up on every completion; ordered only at shutdown.
     typedef std::unordered_map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
-    // What cross-thread sends hold in the loop-event queue for one device.
+    // What cross-thread sends hold in the loop-event queue for one device,
+    // and the bytes in its send queue: both count against its maximum.
     struct SendBudget {
         int max;
         int queued;
+        std::atomic<int> const* device_queued;
         ZNRString const* desc;
     };
     typedef std::unordered_map<std::uint32_t, SendBudget> SendBudgetMap;
