@@ -2,11 +2,16 @@
 #include "znr-completion-engine.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <cstring>
 #include <map>
+#include <netinet/tcp.h>
 #include <set>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <thread>
 #include <vector>
 
@@ -22,6 +27,17 @@ std::pair<int, int> StreamPair() {
     EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
     ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
     return {fds[0], fds[1]};
+}
+
+// Waits until fd holds exactly n bytes to read, so that all of them are
+// there for the engine's first edge.
+bool Queued(int fd, int n) {
+    int got = -1;
+    for (int i = 0; i < 5000 && got < n; ++i) {
+        if (::ioctl(fd, FIONREAD, &got) != 0) return false;
+        if (got < n) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return got == n;
 }
 
 // Transfers outlive the call that starts them: literals only, no temporaries.
@@ -208,20 +224,104 @@ TEST_F(AsyncIO, ReadsWaitingImmediateOncePerSideAndPeerClose) {
     EXPECT_EQ(0, c.bytes);
     ::close(fds.second);
 
-    // Last bytes and the close in one edge: the short read that takes the
-    // bytes must not leave the end waiting for an edge that never comes.
-    auto const late = StreamPair();
-    ASSERT_EQ(4, ::write(late.second, "last", 4));
-    ::close(late.second);
-    auto t = Adopt(late.first, 6);
-    EXPECT_EQ(0, t->Recv(buf, 64, &err));
-    c = Next();
-    EXPECT_EQ(4, c.bytes);
-    ASSERT_EQ(0u, t->GetReadIOCB()->Reset());
-    EXPECT_EQ(0, t->Recv(buf, 64, &err));
-    c = Next();
-    EXPECT_EQ(6u, c.key);
-    EXPECT_EQ(0, c.bytes);
+    // Last bytes and the end (close or half-close) in one edge: the short
+    // read that takes the bytes must not leave the end waiting for an edge
+    // that never comes.
+    for (bool half : {false, true}) {
+        auto const late = StreamPair();
+        ASSERT_EQ(4, ::write(late.second, "last", 4));
+        ASSERT_EQ(0, half ? ::shutdown(late.second, SHUT_WR) : ::close(late.second));
+        auto t = Adopt(late.first, 6);
+        EXPECT_EQ(0, t->Recv(buf, 64, &err));
+        c = Next();
+        EXPECT_EQ(4, c.bytes) << half;
+        ASSERT_EQ(0u, t->GetReadIOCB()->Reset());
+        EXPECT_EQ(0, t->Recv(buf, 64, &err));
+        c = Next();
+        EXPECT_EQ(6u, c.key);
+        EXPECT_EQ(0, c.bytes) << half;
+        if (half) ::close(late.second);
+    }
+}
+
+TEST_F(AsyncIO, ShortReadsWithMoreBehindDoNotWaitForAnEdge) {
+    // A terminal in canonical mode hands out one line per read.
+    int const master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, ::grantpt(master));
+    ASSERT_EQ(0, ::unlockpt(master));
+    ZNRUnknownDeviceParam param;
+    param.fd = ::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(param.fd, 0);
+    termios tio;
+    ASSERT_EQ(0, ::tcgetattr(param.fd, &tio));
+    tio.c_lflag = (tio.c_lflag | ICANON) & ~ECHO;
+    ASSERT_EQ(0, ::tcsetattr(param.fd, TCSANOW, &tio));
+    auto terminal = MakeDevice<ZNRAsyncUnknownDevice>();
+    ASSERT_TRUE(terminal->Open(&param));
+    Watch(terminal.get(), terminal.get(), 1);
+    ASSERT_EQ(14, ::write(master, "one\ntwo\nthree\n", 14));
+    ASSERT_TRUE(Queued(param.fd, 14));
+    unsigned char buf[64];
+    std::vector<std::string> lines;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(0u, terminal->ResetReadIOStatus());
+        ASSERT_EQ(0, terminal->Read(buf, sizeof buf));
+        if (i == 3) {
+            // Emptied, the side waits for the next edge again.
+            ExpectNothing();
+            ASSERT_EQ(5, ::write(master, "four\n", 5));
+        }
+        ZNRCompletion c{};
+        ASSERT_EQ(0u, engine_->Wait(1000, &c)) << i;
+        lines.push_back(Bytes(buf, c.bytes));
+    }
+    EXPECT_EQ((std::vector<std::string>{"one\n", "two\n", "three\n", "four\n"}), lines);
+    terminal.reset();
+    ::close(master);
+
+    // TCP stops a read at the urgent mark; the urgent byte itself comes in
+    // line, on sockets created and adopted alike (a plain listener, without
+    // the option, accepts the connection that is adopted).
+    int const raw = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sin{};
+    sin.sin_family = AF_INET;
+    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof sin;
+    ASSERT_EQ(0, ::bind(raw, reinterpret_cast<sockaddr*>(&sin), len));
+    ASSERT_EQ(0, ::listen(raw, 1));
+    ASSERT_EQ(0, ::getsockname(raw, reinterpret_cast<sockaddr*>(&sin), &len));
+    ZNRNetAddrInfo bound;
+    ASSERT_EQ(0u, bound.Open(reinterpret_cast<sockaddr*>(&sin), len));
+    auto client = Tcp(&bound);
+    ASSERT_TRUE(client->Connect());
+    Watch(client.get(), client.get(), 2);
+    EXPECT_FALSE(Next().failed);
+    auto conn = Adopt(::accept4(raw, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC), 3);
+    ::close(raw);
+    struct Ends {
+        ZNRAsyncIO* reader;
+        int in, out;
+    };
+    for (Ends const& ends : {Ends{client.get(), client->GetFd(), conn->GetFd()},
+                             Ends{conn.get(), conn->GetFd(), client->GetFd()}}) {
+        int const on = 1;
+        ASSERT_EQ(0, ::setsockopt(ends.out, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
+        ASSERT_EQ(4, ::send(ends.out, "abcd", 4, 0));
+        ASSERT_EQ(1, ::send(ends.out, "!", 1, MSG_OOB));
+        ASSERT_EQ(4, ::send(ends.out, "efgh", 4, 0));
+        ASSERT_TRUE(Queued(ends.in, 9)) << ends.in;
+        ZNRAsyncIOCB* const cb = ends.reader->GetReadIOCB();
+        std::string got;
+        while (got.size() < 9) {
+            ASSERT_EQ(0u, cb->Reset());
+            ASSERT_EQ(0u, cb->Begin(ZNRAsyncIOCB::OP_READ, ZNRAsyncIOCB::METHOD_RECV, buf, 64));
+            ZNRCompletion c{};
+            ASSERT_EQ(0u, engine_->Wait(1000, &c)) << got;
+            got += Bytes(buf, c.bytes);
+        }
+        EXPECT_EQ("abcd!efgh", got);
+    }
 }
 
 TEST_F(AsyncIO, LargeWritesArePartialAndArriveWhole) {
@@ -414,6 +514,72 @@ TEST_F(AsyncIO, ClosingWithCompletionsQueuedAndDescriptorReuse) {
     ::close(fds.second);
 }
 
+TEST_F(AsyncIO, RegistrationsFollowDetachAndFailedRebind) {
+    unsigned char buf[8];
+    std::uint64_t err = 0;
+    // Detached, a descriptor that stays open can be watched again at once.
+    auto const fds = StreamPair();
+    auto s = Adopt(fds.first, 1);
+    s->Detach();
+    s->SetIOFd(fds.first);
+    ASSERT_EQ(0u, engine_->Associate(fds.first, 2, s.get()));
+    ASSERT_EQ(0, s->Recv(buf, 4, &err));
+    ASSERT_EQ(2, ::write(fds.second, "hi", 2));
+    ZNRCompletion c = Next();
+    EXPECT_EQ(std::make_pair(2u, 2), std::make_pair(c.key, c.bytes));
+
+    // Closed before it was detached while a duplicate keeps it open, a
+    // descriptor stays registered: its edges must not reach the next one in
+    // its slot, here a FIFO that has had no writer yet and reads as ended.
+    auto const old = StreamPair();
+    ZNRAsyncIOWin32 gone;
+    gone.SetIOFd(old.first);
+    ASSERT_EQ(0u, engine_->Associate(old.first, 3, &gone));
+    int const dup = ::dup(old.first);
+    ::close(old.first);
+    gone.Detach();
+    std::string const fifo = "/tmp/plexa-test-fifo-" + std::to_string(::getpid());
+    ::unlink(fifo.c_str());
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    ZNRUnknownDeviceParam param;
+    param.fd = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    auto reader = MakeDevice<ZNRAsyncUnknownDevice>();
+    ASSERT_TRUE(reader->Open(&param));
+    Watch(reader.get(), reader.get(), 4);
+    ASSERT_EQ(0, reader->Read(buf, sizeof buf));
+    ASSERT_EQ(1, ::write(old.second, "x", 1));
+    ExpectNothing();
+    int const writer = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    ::unlink(fifo.c_str());
+    ASSERT_EQ(1, ::write(writer, "y", 1));
+    c = Next();
+    EXPECT_EQ(std::make_pair(4u, 1), std::make_pair(c.key, c.bytes));
+    for (int fd : {dup, old.second, writer}) ::close(fd);
+
+    // A rebind the system refuses leaves the old descriptor watched and
+    // named: detaching it later must not unwatch the descriptor that took
+    // the refused one's number.
+    int const file = ::memfd_create("plexa-test", MFD_CLOEXEC);
+    ASSERT_GE(file, 0);
+    ASSERT_EQ(ZNRSysError(EPERM), s->GetReadIOCB()->SwitchFd(file));
+    EXPECT_EQ(std::make_pair(fds.first, fds.first),
+              std::make_pair(s->GetReadIOCB()->fd, s->GetWriteIOCB()->fd));
+    ASSERT_EQ(0u, s->ResetReadIOStatus());
+    ASSERT_EQ(0, s->Recv(buf, 4, &err));
+    ASSERT_EQ(2, ::write(fds.second, "ok", 2));
+    c = Next();
+    EXPECT_EQ(std::make_pair(2u, 2), std::make_pair(c.key, c.bytes));
+    auto const taker = StreamPair();
+    ASSERT_EQ(file, taker.first);
+    auto u = Adopt(taker.first, 5);
+    ASSERT_EQ(0, u->Recv(buf, 4, &err));
+    s.reset();
+    ASSERT_EQ(2, ::write(taker.second, "up", 2));
+    c = Next();
+    EXPECT_EQ(std::make_pair(5u, 2), std::make_pair(c.key, c.bytes));
+    for (int fd : {fds.second, taker.second}) ::close(fd);
+}
+
 TEST_F(AsyncIO, UnwatchedDescriptorsAndIdleBlocks) {
     ZNRAsyncIOWin32 idle;
     int n = -1;
@@ -458,13 +624,16 @@ TEST_F(AsyncIO, BusyDescriptorDoesNotStarveOthers) {
     std::uint64_t err = 0;
     ASSERT_EQ(0, quiet->Recv(other, sizeof other, &err));
     ASSERT_EQ(0, busy->Recv(&one, 1, &err));
-    ASSERT_EQ(1, ::write(quiet_fds.second, "q", 1));
-    // Each one-byte read finishes at once and is posted again at once.
+    // Each one-byte read finishes at once and is posted again at once; the
+    // quiet descriptor becomes ready only once that is under way.
     int turns = 0;
     for (; turns < 1000; ++turns) {
         ZNRCompletion const c = Next();
         if (c.key == 2) break;
         ASSERT_EQ(1, c.bytes);
+        if (turns == 3) {
+            ASSERT_EQ(1, ::write(quiet_fds.second, "q", 1));
+        }
         ASSERT_EQ(0u, busy->ResetReadIOStatus());
         ASSERT_EQ(0, busy->Recv(&one, 1, &err));
     }

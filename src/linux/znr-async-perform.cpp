@@ -14,8 +14,10 @@ namespace {
 
 bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 
-// A stream transfer that moved less than asked has emptied the socket
-// (or filled its send buffer): the next edge says when to go on.
+// A stream socket's transfer that moved less than asked has emptied it (or
+// filled its send buffer): the next edge says when to go on. Other
+// descriptors prove nothing by it (a terminal hands out one line per read),
+// so they go on until the system says it would block.
 ZNRPerformResult Transferred(ZNRAsyncIOCB* cb, ssize_t n, bool stream) {
     if (n < 0) {
         if (WouldBlock()) return ZNR_PERFORM_AGAIN;
@@ -79,7 +81,7 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
         do {
             n = ::read(cb->fd, cb->buf, static_cast<size_t>(cb->len));
         } while (n < 0 && errno == EINTR);
-        return Transferred(cb, n, true);
+        return Transferred(cb, n, false);
     case ZNRAsyncIOCB::METHOD_RECVFROM: {
         socklen_t len = cb->addr_len;
         do {
@@ -104,7 +106,7 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
         int err = 0;
         n = ZNRFdWrite(cb->fd, cb->buf, cb->len, &err);
         errno = err;
-        return Transferred(cb, n, true);
+        return Transferred(cb, n, false);
     }
     case ZNRAsyncIOCB::METHOD_ACCEPT:
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:

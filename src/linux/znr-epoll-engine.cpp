@@ -55,9 +55,12 @@ private:
         // The peer has closed or the descriptor failed: no edge will come
         // again, so a short transfer must not make a side wait for one.
         bool hung_up = false;
+        // Urgent data was signalled: a stream read stops short at its mark
+        // with more behind it, so reads go on until one would block.
+        bool urgent = false;
     };
 
-    std::uint64_t Watch(std::uint32_t slot, int op);
+    std::uint64_t Watch(int fd, std::uint32_t slot, std::uint32_t generation, int op);
     std::uint64_t Poll(int timeout_ms);
     void Ready(std::uint32_t slot, Side side);
     void Perform(Handle& handle, Side side);
@@ -93,11 +96,12 @@ ZNREpollEngine::~ZNREpollEngine() {
     ::close(epfd_);
 }
 
-std::uint64_t ZNREpollEngine::Watch(std::uint32_t slot, int op) {
+std::uint64_t ZNREpollEngine::Watch(int fd, std::uint32_t slot, std::uint32_t generation,
+                                    int op) {
     epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-    ev.data.u64 = slot | static_cast<std::uint64_t>(handles_[slot].generation) << 32;
-    if (::epoll_ctl(epfd_, op, handles_[slot].fd, &ev) != 0) return ZNRSysError(errno);
+    ev.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLPRI | EPOLLET;
+    ev.data.u64 = slot | static_cast<std::uint64_t>(generation) << 32;
+    if (::epoll_ctl(epfd_, op, fd, &ev) != 0) return ZNRSysError(errno);
     return 0;
 }
 
@@ -115,19 +119,18 @@ std::uint64_t ZNREpollEngine::Associate(int fd, std::uint32_t key, ZNRAsyncIO* i
         free_slots_.pop_back();
     }
     Handle& handle = handles_[slot];
-    handle.fd = fd;
-    std::uint64_t const rc = Watch(slot, EPOLL_CTL_ADD);
+    std::uint64_t const rc = Watch(fd, slot, handle.generation, EPOLL_CTL_ADD);
     if (rc != 0) {
-        handle.fd = -1;
         free_slots_.push_back(slot);
         return rc;
     }
+    handle.fd = fd;
     handle.key = key;
     handle.cb[kRead] = read_cb;
     handle.cb[kWrite] = write_cb;
     // Readiness is learnt from the first edge, which registration reports.
     handle.ready[kRead] = handle.ready[kWrite] = false;
-    handle.hung_up = false;
+    handle.hung_up = handle.urgent = false;
     for (ZNRAsyncIOCB* cb : handle.cb) {
         cb->fd = fd;
         cb->engine = this;
@@ -147,19 +150,26 @@ void ZNREpollEngine::Dissociate(ZNRAsyncIOCB* cb) {
         if (bound->queued) Dequeue(bound);
         bound->engine = nullptr;
     }
-    handle = Handle{-1, 0, handle.generation + 1, {nullptr, nullptr}, {false, false}};
+    std::uint32_t const generation = handle.generation + 1;
+    handle = Handle{};
+    handle.generation = generation;
     free_slots_.push_back(slot);
 }
 
 std::uint64_t ZNREpollEngine::Rebind(ZNRAsyncIOCB* cb, int fd) {
     std::uint32_t const slot = cb->slot;
     Handle& handle = handles_[slot];
+    // The new descriptor is added before the old one goes, so that a
+    // failure leaves the handle naming the descriptor still watched.
+    std::uint32_t const generation = handle.generation + 1;
+    std::uint64_t const rc = Watch(fd, slot, generation, EPOLL_CTL_ADD);
+    if (rc != 0) return rc;
     ::epoll_ctl(epfd_, EPOLL_CTL_DEL, handle.fd, nullptr);
     handle.fd = fd;
-    ++handle.generation;
+    handle.generation = generation;
     handle.ready[kRead] = handle.ready[kWrite] = false;
-    handle.hung_up = false;
-    return Watch(slot, EPOLL_CTL_ADD);
+    handle.hung_up = handle.urgent = false;
+    return 0;
 }
 
 void ZNREpollEngine::Start(ZNRAsyncIOCB* cb) {
@@ -170,9 +180,16 @@ void ZNREpollEngine::Start(ZNRAsyncIOCB* cb) {
 
 void ZNREpollEngine::Perform(Handle& handle, Side side) {
     ZNRPerformResult const result = ZNRAsyncPerform(handle.cb[side], true);
-    if (result == ZNR_PERFORM_AGAIN || (result == ZNR_PERFORM_DRAINED && !handle.hung_up)) {
+    if (result == ZNR_PERFORM_AGAIN) {
         handle.ready[side] = false;
+        // Emptied: any urgent mark has been read past.
+        if (side == kRead) handle.urgent = false;
+        return;
     }
+    // No edge comes after the peer's close, and a read stopped at an urgent
+    // mark has more behind it: then a short transfer proves nothing.
+    bool const short_means_empty = !handle.hung_up && !(side == kRead && handle.urgent);
+    if (result == ZNR_PERFORM_DRAINED && short_means_empty) handle.ready[side] = false;
 }
 
 void ZNREpollEngine::Enqueue(ZNRAsyncIOCB* cb) {
@@ -245,7 +262,10 @@ std::uint64_t ZNREpollEngine::Poll(int timeout_ms) {
         std::uint32_t const events = events_[i].events;
         if (handles_[slot].generation != generation) continue;
         if ((events & (EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) handles_[slot].hung_up = true;
-        if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) Ready(slot, kRead);
+        if ((events & EPOLLPRI) != 0) handles_[slot].urgent = true;
+        if ((events & (EPOLLIN | EPOLLPRI | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) {
+            Ready(slot, kRead);
+        }
         // A read may have replaced the descriptor: the rest of the event was its predecessor's.
         if (handles_[slot].generation != generation) continue;
         if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) Ready(slot, kWrite);

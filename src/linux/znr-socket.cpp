@@ -104,6 +104,16 @@ std::uint64_t GetTimeOption(int fd, int name, unsigned int* ms) {
     return 0;
 }
 
+bool IsTcp(ZNRSocket::Type_t type) {
+    return type == ZNRSocket::TYPE_TCP_V4 || type == ZNRSocket::TYPE_TCP_V6;
+}
+
+// Urgent data stays in the stream, where reads find it in order, instead
+// of being skipped. Best effort: without it only that one byte is lost.
+void UrgentInline(int fd, ZNRSocket::Type_t type) {
+    if (IsTcp(type)) SetIntOption(fd, SO_OOBINLINE, 1);
+}
+
 // Shared tail of Recv and RecvFrom: n is the system call's result.
 int RecvResult(ssize_t n, std::uint64_t* err) {
     if (n > 0) return static_cast<int>(n);
@@ -343,6 +353,7 @@ ZNRSocket::~ZNRSocket() {
 
 std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
     if (!ValidType(type)) return kUnsupportedType;
+    if (fd >= 0) UrgentInline(fd, type);
     type_ = type;
     fd_ = fd;
     return 0;
@@ -356,6 +367,7 @@ std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
     int const flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
     int const fd = ::socket(kind.family, kind.type | flags, kind.protocol);
     if (fd < 0) return LastSysError();
+    UrgentInline(fd, type);
     type_ = type;
     fd_ = fd;
     return 0;
@@ -379,7 +391,7 @@ std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
     socklen_t len = 0;
     socklen_t peer_len = 0;
     if (peer != nullptr) {
-        if (type_ != TYPE_TCP_V4 && type_ != TYPE_TCP_V6) return kUnsupportedType;
+        if (!IsTcp(type_)) return kUnsupportedType;
         peer_len = kSocketKinds[type_].addr_len;
         len = peer_len;
         sa = reinterpret_cast<sockaddr*>(&storage);
@@ -401,6 +413,7 @@ std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
             return rc;
         }
     }
+    UrgentInline(fd, type_);
     client->type_ = type_;
     client->fd_ = fd;
     return 0;
