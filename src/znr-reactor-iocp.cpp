@@ -28,11 +28,7 @@ std::uint64_t const kSendNotFound = ZNRUserError(38);
 std::uint64_t const kQueueFull = ZNRUserError(39);
 std::uint64_t const kIdOverflow = ZNRUserError(40);
 std::uint32_t const kNoDeviceId = 0xFFFFFFFFu;
-
-// Timers due within this many milliseconds are waited for at the 1 ms
-// cadence the wheel needs (it looks only at the slot of the current tick);
-// further ones are slept towards.
-std::uint64_t const kNearTimerMs = 8;
+std::uint64_t const kNearTimerMs = 1;
 
 std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
 
@@ -265,6 +261,9 @@ int ZNRReactorIOCP::PlanWait() {
         planned_wake_ = kNoId;
         return -1;
     }
+    // The wheel fires a timer only on a tick whose slot is the timer's, so
+    // the loop wakes just before it and then every millisecond until it
+    // has fired; a sleep that overshot by a tick would wait a round.
     if (next <= now + kNearTimerMs) {
         planned_wake_ = now + 1;
         return 1;

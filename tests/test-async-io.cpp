@@ -611,6 +611,16 @@ TEST_F(AsyncIO, UnwatchedDescriptorsAndIdleBlocks) {
     EXPECT_EQ(1, c.bytes);
     EXPECT_EQ('z', buf[0]);
     ::close(p[1]);
+
+    // An empty wait sleeps out its time: the part of a millisecond left
+    // after a poll is not spent polling again with a zero wait.
+    timespec before{}, after{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+    ZNRCompletion none{};
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(kTimedOut, engine_->Wait(2, &none));
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    double const cpu_ms = (after.tv_sec - before.tv_sec) * 1e3 + (after.tv_nsec - before.tv_nsec) / 1e6;
+    EXPECT_LT(cpu_ms, 10.0);  // a spin takes about half of the 40 ms
 }
 
 TEST_F(AsyncIO, BusyDescriptorDoesNotStarveOthers) {

@@ -677,26 +677,52 @@ TEST_F(Reactor, StopAndRepeatingEventsGetThroughAFullQueue) {
     EXPECT_EQ(1, runs);
 }
 
-TEST_F(Reactor, RepeatingEventRunsOncePerTurn) {
-    int peer = -1;
-    int runs = 0;
-    bool done = false;
-    ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Repeat([&] { return ++runs, !done; })));
-    auto* h = new Handler(&journal_, "pair");
-    h->on_data = [&](ZNRByteBuffer const* b, int* offset) {
-        *offset = static_cast<int>(b->GetDataCount());
-        done = true;
-        return h->Log("data");
-    };
-    std::uint64_t err = 0;
-    ASSERT_NE(kNoId, reactor_->RegisterDevice(PairDevice(&peer), h, &err, 100, 10, 100, 0xFFFFFFFF));
-    ASSERT_EQ(1, ::write(peer, "x", 1));
-    Start();
-    ASSERT_TRUE(journal_.WaitFor("pair data"));
-    OnLoop([] {});
-    // Both were ready at the first wait: a turn or two, not a hundred runs.
-    EXPECT_LE(runs, 3);
-    ::close(peer);
+TEST_F(Reactor, LoopEventsYieldToCompletionsEachTurn) {
+    // Events and a completion are ready at the first wait: the events run
+    // first, at most the dispose size of them and only those queued when
+    // the turn began (a repeating one waits for a later turn), then the
+    // completion.
+    struct Case {
+        int dispose;
+        int events;
+        int ran_before_data;
+        int repeats_before_data;
+    } const cases[] = {{2, 5, 2, 1}, {8, 2, 3, 1}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.dispose);
+        StopAndJoin();
+        reactor_->Destroy();
+        reactor_ = new ZNRReactorIOCP(new ZNRTimerMgr());
+        reactor_->SetLoopEventDisposeSize(c.dispose);
+        ASSERT_EQ(0u, reactor_->Init());
+        int ran = 0, repeats = 0, ran_at_data = -1, repeats_at_data = -1;
+        bool done = false;
+        ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Repeat([&] {
+            ++ran;
+            ++repeats;
+            return !done;
+        })));
+        for (int i = 0; i < c.events; ++i) {
+            ASSERT_EQ(0u, reactor_->RegisterTask(new Task([&] { ++ran; })));
+        }
+        int peer = -1;
+        auto* h = new Handler(&journal_, "pair");
+        h->on_data = [&](ZNRByteBuffer const* b, int* offset) {
+            *offset = static_cast<int>(b->GetDataCount());
+            if (ran_at_data < 0) ran_at_data = ran, repeats_at_data = repeats;
+            done = true;
+            return true;
+        };
+        std::uint64_t err = 0;
+        ASSERT_NE(kNoId, reactor_->RegisterDevice(PairDevice(&peer), h, &err, 100, 10, 100, 0xFFFFFFFF));
+        ASSERT_EQ(1, ::write(peer, "x", 1));
+        Start();
+        OnLoop([] {});
+        OnLoop([] {});
+        EXPECT_EQ(c.ran_before_data, ran_at_data);
+        EXPECT_EQ(c.repeats_before_data, repeats_at_data);
+        ::close(peer);
+    }
 }
 
 TEST_F(Reactor, BurstFromAnotherThreadThroughASmallSendBound) {
@@ -794,6 +820,21 @@ TEST_F(Reactor, IdleLoopSleepsAndCrossThreadTimersWakeIt) {
     std::uint64_t err = 0;
     EXPECT_NE(kNoId, reactor_->RegisterTimer(new Once(&journal_), &err));
     EXPECT_TRUE(journal_.WaitFor("fired"));
+    // A repeating 20 ms timer (a listener's accept retry): the loop sleeps
+    // up to each expiry instead of stepping through the last milliseconds.
+    class Ten : public ZNRTimer {
+    public:
+        explicit Ten(Journal* j) : ZNRTimer(20, 10, nullptr), j_(j) {}
+        bool OnExpires(std::uint64_t) override { return true; }
+        void OnReset() override {}
+        void OnClose() override { j_->Add("ten"); }
+        void Destroy() override { delete this; }
+        Journal* j_;
+    };
+    std::uint64_t const start = reactor_->GetIdleWakeups();
+    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Ten(&journal_), &err));
+    EXPECT_TRUE(journal_.WaitFor("ten"));
+    EXPECT_LE(reactor_->GetIdleWakeups() - start, 40u);
     // A timer left registered ends with the reactor.
     EXPECT_NE(kNoId, reactor_->RegisterTimer(new Once(&journal_), &err));
     auto* far = new Once(&journal_);

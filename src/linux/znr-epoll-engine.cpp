@@ -239,8 +239,9 @@ std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out) {
         if (head_ != nullptr) {
             wait_ms = 0;
         } else if (timeout_ms > 0) {
-            auto const left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            // Rounded up: a remainder under a millisecond must be slept,
+            // not polled for with a zero wait.
+            auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
             wait_ms = left.count() > 0 ? static_cast<int>(left.count()) : 0;
         }
         std::uint64_t const rc = Poll(wait_ms);
