@@ -738,10 +738,12 @@ TEST_F(Reactor, BurstFromAnotherThreadThroughASmallSendBound) {
     LogCapture capture;
     std::future<std::string> got = std::async(std::launch::async, [&] { return ReadN(peer, sent.size()); });
     int refused = 0;
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     for (std::size_t at = 0; at < sent.size(); at += 20001) {
         std::uint64_t rc;
         while ((rc = reactor_->SendData(id, U(sent) + at, 20001)) == E(8)) {
             ++refused;
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the queue never drains";
             std::this_thread::yield();
         }
         ASSERT_EQ(0u, rc);
