@@ -172,9 +172,7 @@ std::uint64_t ZNRReactorIOCP::Open() {
     if (engine_ == nullptr) return kNotReady;
     loop_thread_ = ZNRThreadMgr::Instance()->GetCurrent();
     std::uint64_t error = 0;
-    RunTimers();
-    DestroyClosed();
-    next_wait_ = PlanWait();
+    EndTurn();
     while (Turn(&error)) {
     }
     // Closed while the loop ran: their handlers hear OnClose.
@@ -201,10 +199,14 @@ bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
     } else if (!Dispatch(completion, error)) {
         return false;
     }
+    EndTurn();
+    return true;
+}
+
+void ZNRReactorIOCP::EndTurn() {
     RunTimers();
     DestroyClosed();
     next_wait_ = PlanWait();
-    return true;
 }
 
 bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
@@ -283,16 +285,10 @@ bool ZNRReactorIOCP::IsLoopThread() {
 // A flag beside the queue, so that a full queue cannot refuse it.
 std::uint64_t ZNRReactorIOCP::Stop() {
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-    if (write_device_ == nullptr) {
-        ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
-        return kNotReady;
-    }
-    if (stop_requested_) return 0;
-    if (!wake_pending_) {
-        std::uint64_t const rc = write_device_->Signal(1);
-        if (rc != 0) return rc;
-        wake_pending_ = true;
-    }
+    std::uint64_t const rc = AdmitLocked(false);
+    if (rc != 0 || stop_requested_) return rc;
+    std::uint64_t const woken = WakeLocked();
+    if (woken != 0) return woken;
     stop_requested_ = true;
     events_before_stop_ = queued_count_;
     return 0;
@@ -312,23 +308,31 @@ std::uint64_t ZNRReactorIOCP::RegisterTask(ZNRReactorTask* task) {
 std::uint64_t ZNRReactorIOCP::RegisterLoopEvent(ZNRReactorLoopEvent* event) {
     if (event == nullptr) return Stop();
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    std::uint64_t const rc = AdmitLocked(true);
+    return rc != 0 ? rc : QueueLocked(event);
+}
+
+std::uint64_t ZNRReactorIOCP::AdmitLocked(bool bounded) {
     if (write_device_ == nullptr) {
         ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
         return kNotReady;
     }
-    if (queued_count_ >= queue_max_) return kQueueFull;
-    return QueueLocked(event);
+    return bounded && queued_count_ >= queue_max_ ? kQueueFull : 0;
 }
 
 // A wake-up is owed only while none is pending: until the loop finds the
 // queue empty (under the lock) it takes whatever is queued, and signals
 // itself while events are left. One system call per burst.
+std::uint64_t ZNRReactorIOCP::WakeLocked() {
+    if (wake_pending_) return 0;
+    std::uint64_t const rc = write_device_->Signal(1);
+    if (rc == 0) wake_pending_ = true;
+    return rc;
+}
+
 std::uint64_t ZNRReactorIOCP::QueueLocked(ZNRReactorLoopEvent* event) {
-    if (!wake_pending_) {
-        std::uint64_t const rc = write_device_->Signal(1);
-        if (rc != 0) return rc;
-        wake_pending_ = true;
-    }
+    std::uint64_t const rc = WakeLocked();
+    if (rc != 0) return rc;
     loop_events_->push_back(event);
     ++queued_count_;
     return 0;
@@ -343,22 +347,18 @@ std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* d
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
         SendBudgetMap::iterator const budget = send_budgets_->find(id);
-        if (budget != send_budgets_->end()) {
-            SendBudget const& b = budget->second;
-            held = b.queued + b.device_queued->load(std::memory_order_relaxed);
-            max = b.max;
+        bool const known = budget != send_budgets_->end();
+        if (known) {
+            held = budget->second.queued + budget->second.device_queued->load(std::memory_order_relaxed);
+            max = budget->second.max;
         }
-        if (write_device_ == nullptr) {
-            ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
-            rc = kNotReady;
-        } else if (queued_count_ >= queue_max_) {
-            rc = kQueueFull;
-        } else if (budget != send_budgets_->end() && static_cast<long long>(held) + size > max) {
+        rc = AdmitLocked(true);
+        if (rc == 0 && known && static_cast<long long>(held) + size > max) {
             desc = Narrow(*budget->second.desc);
             rc = kSendOverflow;
-        } else {
+        } else if (rc == 0) {
             rc = QueueLocked(event);
-            if (rc == 0 && budget != send_budgets_->end()) budget->second.queued += size;
+            if (rc == 0 && known) budget->second.queued += size;
         }
     }
     if (rc == kSendOverflow) {

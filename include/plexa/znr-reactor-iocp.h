@@ -107,10 +107,16 @@ private:
     bool Turn(std::uint64_t* error);
     bool Dispatch(ZNRCompletion const& completion, std::uint64_t* error);
     bool DrainLoopEvents(std::uint64_t* error);
-    // Queues under the loop-event lock, which the caller holds.
+    // Under the loop-event lock, which the caller holds: whether the
+    // channel takes more (bounded: also whether the queue has room), the
+    // wake-up signal, queueing.
+    std::uint64_t AdmitLocked(bool bounded);
+    std::uint64_t WakeLocked();
     std::uint64_t QueueLocked(ZNRReactorLoopEvent* event);
     std::uint64_t QueueSend(std::uint32_t id, unsigned char const* data, int size);
     void ReleaseSendBudget(std::uint32_t id, int size);
+    // After a completion: due timers, closed devices, the next wait.
+    void EndTurn();
     void RunTimers();
     // The wait before the next turn, in ms (-1: until an event).
     int PlanWait();
