@@ -19,6 +19,11 @@ std::uint64_t const kRecvOverflow = ZNRUserError(9);
 std::uint64_t const kNotSupported = ZNRUserError(37);
 std::uint64_t const kBadOffset = ZNRUserError(48);
 
+// Connections a listener takes from its backlog per completion. One per
+// completion would take one per pass over every busy connection of the
+// loop, and a backlog filling faster than that overflows.
+int const kAcceptBurst = 64;
+
 std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
 
 // A handler hears of its device's closing only while the loop runs; at
@@ -359,13 +364,19 @@ bool ZNRReactorIOCPTcpServerDevice::OnRecvEvent(int, std::uint64_t* error) {
         ZNR_LOG(INFO, "Tcp server device accepts clients again, desc_info=\"%s\"", Narrow(desc_).c_str());
         starved_ = false;
     }
-    if (!handler_->OnData(nullptr, nullptr)) return false;
-    if (closing_) return true;
-    std::uint64_t const rc = io->ResetReadIOStatus();
-    if (rc != 0) return Fail(rc, error);
     auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
     if (listener == nullptr) return Fail(ZNRSysError(EINVAL), error);
-    return listener->BeginAccept() || Fail(device_->GetError(), error);
+    ZNRAsyncIOCB const* const cb = io->GetReadIOCB();
+    for (int taken = 1;; ++taken) {
+        if (!handler_->OnData(nullptr, nullptr)) return false;
+        if (closing_) return true;
+        // Also takes back a completion the last accept queued at once.
+        std::uint64_t const rc = io->ResetReadIOStatus();
+        if (rc != 0) return Fail(rc, error);
+        if (!listener->BeginAccept()) return Fail(device_->GetError(), error);
+        // A pending accept, a failure or the burst's end go through the loop.
+        if (taken == kAcceptBurst || cb->status != ZNRAsyncIOCB::STATUS_DONE || cb->error != 0) return true;
+    }
 }
 
 ZNRReactorIOCPTcpServerDevice::~ZNRReactorIOCPTcpServerDevice() { DropTimer(retry_timer_); }

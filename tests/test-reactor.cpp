@@ -543,6 +543,34 @@ TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
     EXPECT_NE(j.end(), std::find(j.begin(), j.end(), "pipe writen 0"));
 }
 
+TEST_F(Reactor, ListenerTakesItsBacklogInBurstsBesideBusyDevices) {
+    // While the loop is held, eight connections wait in the backlog and
+    // four devices get a byte each: the connections must be taken in one
+    // burst, not one per pass over the devices that are ready with them.
+    Start();
+    int peers[4];
+    for (int& peer : peers) Register(PairDevice(&peer), Recorder("busy"));
+    std::string const port = Listen([this] {
+        journal_.Add("accepted");
+        return new Handler(&journal_, "conn");
+    });
+    std::vector<int> clients;
+    OnLoop([&] {
+        for (int i = 0; i < 8; ++i) clients.push_back(Connect(port));
+        for (int peer : peers) EXPECT_EQ(1, ::write(peer, "x", 1));
+    });
+    EXPECT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& e) {
+        return std::count(e.begin(), e.end(), "accepted") == 8 && std::count(e.begin(), e.end(), "busy got x") == 4;
+    }));
+    std::vector<std::string> const j = journal_.Get();
+    auto const first = std::find(j.begin(), j.end(), "accepted");
+    auto const last = std::find(j.rbegin(), j.rend(), "accepted").base();
+    EXPECT_EQ(8, std::count(first, last, "accepted"));
+    EXPECT_EQ(0, std::count(first, last, "busy got x"));
+    for (int fd : clients) ::close(fd);
+    for (int peer : peers) ::close(peer);
+}
+
 TEST_F(Reactor, HandlersEndTheirDevicesFromEveryPath) {
     Start();
     LogCapture capture;
