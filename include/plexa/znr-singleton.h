@@ -4,21 +4,26 @@
 #include <plexa/znr-export.h>
 #include <plexa/znr-thread-mutex.h>
 
-// One lazily created instance of T per process. Every call takes the type's
-// lock, so two threads racing on first use get the same object.
-//
-// The template has default visibility and the library declares its own
-// instantiations extern, so the host program and libplexa.so share one
-// instance pointer and one lock per type.
+/// One lazily created instance of T per process. Every call takes the type's
+/// lock, so two threads racing on first use get the same object; both
+/// members are safe from any thread.
+///
+/// The template has default visibility and the library declares its own
+/// instantiations extern, so the host program and libplexa.so share one
+/// instance pointer and one lock per type.
 template <class T>
 class ZNR_API ZNRSingleton {
 public:
+    /// The instance, created with new T on first use (or first use after
+    /// Destroy()). It stays the singleton's: callers never delete it.
     static T* Instance() {
         ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
         if (instance_ == nullptr) instance_ = new T();
         return instance_;
     }
 
+    /// Deletes the instance, if any; the next Instance() creates a new one.
+    /// Pointers taken earlier dangle from then on.
     static void Destroy() {
         ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
         delete instance_;
