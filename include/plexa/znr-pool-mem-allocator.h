@@ -16,22 +16,27 @@
 #include <new>
 #include <set>
 
-// Gives each thread its own pool, made on the thread's first Alloc; what the
-// pool cannot serve comes from the heap (logged at DEBUG). Memory must be
-// freed on the thread that took it: elsewhere Free finds nothing and
-// returns library error 46. Only the making and dropping of a thread's pool
-// lock. A thread that ends holding nothing from its pool or the heap takes
-// its pool along; one that ends holding memory leaves its pool, with that
-// memory, until the allocator ends. The allocator may end before or while
-// threads that used it end.
+/// Gives each thread its own pool, made on the thread's first Alloc; what the
+/// pool cannot serve comes from the heap (logged at DEBUG). Memory must be
+/// freed on the thread that took it: elsewhere Free finds nothing and
+/// returns library error 46. Only the making and dropping of a thread's pool
+/// lock. A thread that ends holding nothing from its pool or the heap takes
+/// its pool along; one that ends holding memory leaves its pool, with that
+/// memory, until the allocator ends. The allocator may end before or while
+/// threads that used it end. Alloc and Free are safe from any thread under
+/// that rule.
 template <class Pool, class Param>
 class ZNR_API ZNRPoolMemAllocator : public ZNRMemAllocator {
 public:
+    /// Keeps a copy of param, with which each thread's pool is set up.
     explicit ZNRPoolMemAllocator(Param const& param)
         : param_(param), shared_(new Shared(this)), id_(NextId()) {
         if (tls_.Open() == 0) tls_.Set(nullptr);
     }
 
+    /// Frees every thread's pool and heap fallback, logging at WARNING each
+    /// heap block still in use ("Clear used memory, size=%u, owner=%s:%u");
+    /// blocks still out dangle from then on.
     ~ZNRPoolMemAllocator() override {
         {
             ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
@@ -53,6 +58,10 @@ public:
     ZNRPoolMemAllocator(ZNRPoolMemAllocator const&) = delete;
     ZNRPoolMemAllocator& operator=(ZNRPoolMemAllocator const&) = delete;
 
+    /// size bytes from the calling thread's pool, or from the heap when the
+    /// pool cannot serve (logged at DEBUG as "Can not alloc memory from pool,
+    /// force to use std memory allocator, ..."). Null only when the heap
+    /// fails too or the thread's slot is unusable. Free it on this thread.
     void* Alloc(unsigned int size, char const* owner_file, unsigned int owner_line) final {
         PoolRecord* const record = CurrentRecord(true);
         if (record == nullptr) return nullptr;
@@ -77,6 +86,8 @@ public:
         return heap;
     }
 
+    /// Gives back a block taken on the calling thread; library error 46 for
+    /// one this thread does not hold (another thread's block stays used).
     std::uint64_t Free(void* p) final {
         PoolRecord* const record = CurrentRecord(false);
         if (record == nullptr) return ZNRUserError(46);
@@ -91,8 +102,8 @@ public:
         return 0;
     }
 
-    // Pools held now: one for each live thread that has allocated, and one
-    // for each ended thread that still held memory. Safe from any thread.
+    /// Pools held now: one for each live thread that has allocated, and one
+    /// for each ended thread that still held memory. Safe from any thread.
     std::size_t GetPoolCount() const {
         ZNRGuardSpinLock guard(&shared_->lock, __FILE__, __LINE__);
         return records_->size();
@@ -202,12 +213,16 @@ private:
     std::uint64_t const id_;
 };
 
-// The process-wide pooled allocator for large message buffers: 2 MiB
-// blocks, one made up front, at most 20 in use per thread.
+/// The process-wide pooled allocator for large message buffers: 2 MiB
+/// blocks, one made up front, at most 20 in use per thread. The library
+/// itself never allocates from it; hosts may give it to a ZNRByteBuffer.
 class ZNR_API ZNRPackMemAllocator
     : public ZNRPoolMemAllocator<ZNRBlockMemoryPool, ZNRBlockMemoryPool::InitParam> {
 public:
+    /// The instance, created on first use; owned by the class. Safe from any thread.
     static ZNRPackMemAllocator* Instance();
+    /// Deletes the instance (see ~ZNRPoolMemAllocator); the next Instance()
+    /// makes a new one. Safe from any thread, but no block may be in use.
     static void Destroy();
 
 private:
