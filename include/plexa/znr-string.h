@@ -22,7 +22,8 @@ typedef std::basic_string<unsigned short> ZNRStdWString;
 /// what was converted; only ToUtf8Str() and NewFromUtf8Str() return false.
 ///
 /// The standard-string members mean what std::basic_string's do, with
-/// unsigned int positions and npos for none; nothing else throws.
+/// unsigned int positions and npos for none; a position past the end
+/// throws std::out_of_range as there.
 class ZNR_API ZNRString {
 public:
     /// Positions and sizes.
