@@ -8,56 +8,71 @@
 #include <string>
 #include <vector>
 
-// Command-line parsing in the POSIX/GNU manner, with no global state:
-// clustered short options (-abc), short arguments attached or apart
-// (-ovalue, -o value), long options (--name=value, --name value), unique
-// prefixes of long names, "--" ending the options, "-" as an operand, and
-// operands kept in order wherever they stand (unless permutation is off).
-// Optional arguments are taken only when attached (-ovalue, --name=value).
-// Command lines are bytes in the process's encoding and are kept as given.
-// Library errors: 1 invalid option definition or argument vector, 53 unknown
-// or ambiguous option, 54 option argument missing or not allowed.
-//
-// Not thread-safe: one thread uses an object at a time.
+/// Command-line parsing in the POSIX/GNU manner, with no global state:
+/// clustered short options (-abc), short arguments attached or apart
+/// (-ovalue, -o value), long options (--name=value, --name value), unique
+/// prefixes of long names, "--" ending the options, "-" as an operand, and
+/// operands kept in order wherever they stand (unless permutation is off).
+/// Optional arguments are taken only when attached (-ovalue, --name=value).
+/// Command lines are bytes in the process's encoding and are kept as given.
+/// Library errors: 1 invalid option definition or argument vector, 53 unknown
+/// or ambiguous option, 54 option argument missing or not allowed.
+///
+/// Not thread-safe: one thread uses an object at a time.
 class ZNR_API ZNRGetopt {
 public:
+    /// Whether an option takes an argument.
     enum Argument_t { ARGUMENT_NONE = 0, ARGUMENT_REQUIRED = 1, ARGUMENT_OPTIONAL = 2 };
+    /** @var ZNRGetopt::ARGUMENT_NONE
+     *  Takes none; one attached to a long name is error 54.
+     *  @var ZNRGetopt::ARGUMENT_REQUIRED
+     *  Takes one, attached or apart; missing is error 54.
+     *  @var ZNRGetopt::ARGUMENT_OPTIONAL
+     *  Takes one only when attached. */
 
+    /// What Find() returns for an option not found.
     static constexpr unsigned int npos = 0xFFFFFFFFu;
 
+    /// No options defined, permutation on.
     ZNRGetopt();
+    /// Nothing to release.
     virtual ~ZNRGetopt();
 
-    // Defines an option reported as id. short_name 0 means none; long_name
-    // null or empty means none; at least one is needed. The short name is a
-    // printable character other than '-'; the long name has no '=' and does
-    // not start with '-'. A name already defined gives library error 1.
+    /// Defines an option reported as id. short_name 0 means none; long_name
+    /// null or empty means none; at least one is needed. The short name is a
+    /// printable character other than '-'; the long name has no '=' and does
+    /// not start with '-'. A name already defined gives library error 1.
     std::uint64_t AddOption(int id, char short_name, char const* long_name, Argument_t argument);
-    // True (the default): operands may stand between options. False: the
-    // first operand ends the options, as POSIX asks.
+    /// True (the default): operands may stand between options. False: the
+    /// first operand ends the options, as POSIX asks.
     void SetPermute(bool permute) { permute_ = permute; }
 
-    // Parses argv[1] up to argv[argc - 1] (or the first null), replacing
-    // earlier results. On an error it stops there and keeps what came before.
+    /// Parses argv[1] up to argv[argc - 1] (or the first null), replacing
+    /// earlier results. On an error it stops there and keeps what came before.
+    /// The strings are copied: argv need not outlive the call.
     std::uint64_t Parse(int argc, char const* const* argv);
 
-    // The options found, in command-line order.
+    /// The options found, in command-line order.
     unsigned int GetOptionCount() const;
-    // -1 when index is out of range.
+    /// -1 when index is out of range.
     int GetOptionId(unsigned int index) const;
-    // Null when the option got no argument.
+    /// Null when the option got no argument or index is out of range. The
+    /// text stays the parser's, valid until the next Parse.
     char const* GetOptionArgument(unsigned int index) const;
-    // Index of the last occurrence of id, or npos.
+    /// Index of the last occurrence of id, or npos.
     unsigned int Find(int id) const;
+    /// True when id was found.
     bool IsSet(int id) const { return Find(id) != npos; }
-    // The argument of the last occurrence of id; null when absent or none.
+    /// The argument of the last occurrence of id; null when absent or none.
     char const* GetArgument(int id) const;
 
+    /// The operands found, in command-line order.
     unsigned int GetOperandCount() const;
+    /// Operand index; null when out of range.
     char const* GetOperand(unsigned int index) const;
 
-    // Text of the last Parse error ("unknown option '--x'", "option '-o'
-    // needs an argument"); empty after a successful Parse.
+    /// Text of the last Parse error ("unknown option '--x'", "option '-o'
+    /// needs an argument"); empty after a successful Parse.
     char const* GetErrorText() const;
 
 private:

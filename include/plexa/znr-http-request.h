@@ -102,7 +102,8 @@ public:
     /// Host name or address (an IPv6 address gets its brackets). Port 0 is
     /// the default, 80 or 443 with secure; only another port is written in
     /// Host. Secure requests also send Secure cookies. Error 1: an empty host,
-    /// or one holding blanks, '/', '?', '#', '@' or a lone ':'.
+    /// one holding blanks, '/', '?', '#' or '@', or exactly one ':' (give the
+    /// port apart).
     std::uint64_t SetHost(ZNRString const& host, unsigned short port = 0, bool secure = false);
     /// The path as plain text, "/" by default; written percent-encoded, with
     /// the unreserved characters, '/' and the other path characters of
