@@ -12,6 +12,8 @@
 #include <list>
 #include <string>
 
+/** @file
+ *  The process-wide logger, its file writer and the ZNR_LOG macro. */
 /// One log line as the writers get it. Every pointer is borrowed and valid
 /// only during ZNRLoggerWriterBase::OnWrite.
 struct ZNR_API ZNRLoggerEntry {
@@ -217,8 +219,10 @@ ZNR_API std::int64_t ZNRLogTime();
 ZNR_API char const* ZNRQualifiedFunctionName(char const* pretty, char* out, unsigned int size);
 
 #if defined(__FILE_NAME__)
+/// The source file name ZNR_LOG records: the base name where the compiler has one.
 #  define ZNR_SOURCE_FILE __FILE_NAME__
 #else
+/// The source file name ZNR_LOG records: the base name where the compiler has one.
 #  define ZNR_SOURCE_FILE __FILE__
 #endif
 
