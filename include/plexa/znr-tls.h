@@ -3,6 +3,8 @@
 
 #include <plexa/znr-export.h>
 
+/** @file
+ *  Thread-local slots and work left for a thread's end. */
 /// One pointer-sized slot per thread. A stored null is a value, not an error.
 /// Open once, before sharing; then Set and Get are safe from any thread,
 /// each touching only its caller's value. Values are never freed by the slot.
