@@ -1,7 +1,8 @@
 #ifndef PLEXA_PLEXA_H
 #define PLEXA_PLEXA_H
 
-// Everything a host program needs: include this header only.
+/// @file
+/// Everything a host program needs: include this header only.
 
 #include <plexa/znr-export.h>
 #include <plexa/znr-error.h>

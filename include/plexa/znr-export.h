@@ -1,7 +1,11 @@
 #ifndef PLEXA_ZNR_EXPORT_H
 #define PLEXA_ZNR_EXPORT_H
 
-// Everything the library exports carries ZNR_API; all else stays hidden.
+/// @file
+/// The export marker and the library's version.
+
+/// @def ZNR_API
+/// Everything the library exports carries ZNR_API; all else stays hidden.
 #if defined(_WIN32)
 #  if defined(PLEXA_BUILDING)
 #    define ZNR_API __declspec(dllexport)
@@ -14,7 +18,8 @@
 
 #include <cstdint>
 
-// Version of the library the program runs against, "major.minor.patch".
+/// Version of the library the program runs against, "major.minor.patch".
+/// Any thread; a static text, never freed.
 extern "C" ZNR_API char const* ZNRGetVersion();
 
 #endif

@@ -21,58 +21,110 @@ class ZNRReactorIOCPLoopEventReadDevice;
 class ZNRReactorIOCPLoopEventWriteDevice;
 class ZNRThread;
 
-// The library's reactor, on the platform's completion engine: one loop
-// thread (the one in Open) waits for completions, turns them into device
-// handler calls, runs loop events and fires timers. Other threads reach
-// it through loop events, queued under a lock; a wake-up channel, whose
-// read end the loop watches as device 1, tells it that the queue is not
-// empty.
-//
-// Any thread: Stop, RegisterTask, RegisterLoopEvent, the stop-notify and
-// timer registrations, SendData, UnregisterDevice, IsStopped. Loop thread
-// only (before Open: the thread that will run it): RegisterDevice,
-// IsDeviceExist.
-//
-// A device ends the same way from every path (a handler callback, a timer,
-// a task, a close request from another thread): it leaves the device
-// table, its I/O stops, and it is destroyed at the end of the loop turn,
-// when its handler gets OnClose and Destroy. Nothing of the handler is
-// called after that, and nothing is freed under a caller's stack.
+/// @file
+/// The library's reactor on the platform's completion engine.
+
+/// The library's reactor, on the platform's completion engine: one loop
+/// thread (the one in Open) waits for completions, turns them into device
+/// handler calls, runs loop events and fires timers. Other threads reach
+/// it through loop events, queued under a lock; a wake-up channel, whose
+/// read end the loop watches as device 1, tells it that the queue is not
+/// empty.
+///
+/// Any thread: Stop, RegisterTask, RegisterLoopEvent, the stop-notify and
+/// timer registrations, SendData, UnregisterDevice, IsStopped. Loop thread
+/// only (before Open: the thread that will run it): RegisterDevice,
+/// IsDeviceExist.
+///
+/// A device ends the same way from every path (a handler callback, a timer,
+/// a task, a close request from another thread): it leaves the device
+/// table, its I/O stops, and it is destroyed at the end of the loop turn,
+/// when its handler gets OnClose and Destroy. Nothing of the handler is
+/// called after that, and nothing is freed under a caller's stack. See
+/// @ref handler_life.
+///
+/// Once the loop has ended (and before Init) every cross-thread call is
+/// refused with library error 11, logged as "Can not register loop event
+/// to reactor, not ready?".
 class ZNR_API ZNRReactorIOCP : public ZNRReactor {
 public:
+    /// Owns timer_mgr from now on.
     explicit ZNRReactorIOCP(ZNRTimerMgr* timer_mgr);
 
+    /// Creates the completion engine and the wake-up channel; 0 at once
+    /// when done before. A system error (errno) when either fails. Any
+    /// thread, before Open.
     std::uint64_t Init() override;
+    /// Runs the loop on the calling thread, which becomes the loop thread,
+    /// until a stop request (0) or a failure of the engine (its error,
+    /// logged as "IOCP reactor main loop was stopped, error=\"%s\"");
+    /// library error 11 without Init. On the way out, in order: devices
+    /// closed during the loop (OnClose, Destroy), begin-stop notifies,
+    /// every device left in id order (Destroy only), loop events still
+    /// queued (destroyed unrun), the channel, the engine, the timers still
+    /// registered (destroyed without OnClose), end-stop notifies.
     std::uint64_t Open() override;
+    /// Loop thread only. Failure: EINVAL for a null device or handler or
+    /// a device without an asynchronous side, library error 40 when the id
+    /// space has wrapped onto a live device ("IOCP reactor device id is
+    /// overflow!"), library error 11 without Init, the system error of
+    /// watching the descriptor; device and handler then stay the caller's.
+    /// On success both are the reactor's, and the handler gets OnCreated,
+    /// then OnOpen (accepted TCP connection) or OnWriten(0) (pipe client).
+    /// A handler that refuses ends its device through a close request: the
+    /// id is returned all the same.
     std::uint64_t RegisterDevice(ZNRDevice* device, ZNRDeviceHandler* handler,
                                  std::uint64_t* error, int recv_buff_max_size,
                                  int recv_buff_grow_size, int send_buff_max_size,
                                  unsigned int timeout) override;
+    /// Loop thread only. False for an id above 32 bits.
     bool IsDeviceExist(std::uint64_t device_id) override;
-    // On the loop thread: 0, or library error 12 for an unknown device; the
-    // device is destroyed at the end of the turn. From another thread the
-    // close travels as a loop event (0, or the queue's error).
+    /// On the loop thread: 0, or library error 12 for an unknown device; the
+    /// device is destroyed at the end of the turn. From another thread the
+    /// close travels as a loop event (0, or the queue's error).
     std::uint64_t UnregisterDevice(std::uint64_t device_id) override;
-    // Never refused for a full queue: the events queued before it run, the
-    // ones after it are destroyed unrun. Library error 11 once torn down.
+    /// Never refused for a full queue: the events queued before it run, the
+    /// ones after it are destroyed unrun. Library error 11 once torn down.
     std::uint64_t Stop() override;
-    // A task that returns true runs again on a later turn, behind what was
-    // queued meanwhile; it keeps its place even when the queue is full.
+    /// A task that returns true runs again on a later turn, behind what was
+    /// queued meanwhile; it keeps its place even when the queue is full.
+    /// Null is Stop(). Refused (library error 39, queue full; 11) the task
+    /// stays the caller's.
     std::uint64_t RegisterTask(ZNRReactorTask* task) override;
+    /// Any thread. Null is Stop(). Library error 39 when the queue is at
+    /// its maximum, 11 when torn down; the event then stays the caller's.
     std::uint64_t RegisterLoopEvent(ZNRReactorLoopEvent* event) override;
+    /// Any thread; always taken over.
     void RegisterBeginStopNotify(ZNRReactorStopNotify* notify) override;
+    /// Any thread; always taken over.
     void RegisterEndStopNotify(ZNRReactorStopNotify* notify) override;
+    /// Any thread; a timer due before the loop means to wake wakes it.
+    /// The timer runs on the loop thread and is destroyed when it ends or
+    /// when the reactor stops. All ones for a null timer or one already
+    /// registered; *error is never written.
     std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) override;
+    /// Any thread; 0 always. An unknown id (a timer that has ended, its
+    /// object gone) is ignored.
     std::uint64_t UnregisterTimer(std::uint64_t timer_id) override;
-    // From another thread the bytes are copied into a loop event; what such
-    // events and the device's send queue hold counts against its send
-    // maximum here, so a send past it is refused with library error 8 and
-    // nothing queued (the device stays).
+    /// Any thread. Library error 12 for an id above 32 bits, EINVAL for a
+    /// negative size or null data. On the loop thread: library error 38
+    /// for an unknown device; a send that fails (library error 8 past the
+    /// send maximum, or the write's system error) tells the handler
+    /// (OnError) and ends the device. From another thread the bytes are
+    /// copied into a loop event; what such events and the device's send
+    /// queue hold counts against its send maximum here, so a send past it
+    /// is refused with library error 8 and nothing queued (the device
+    /// stays); 39 and 11 as RegisterLoopEvent; a device gone meanwhile
+    /// drops the bytes with a log line.
     std::uint64_t SendData(std::uint64_t device_id, unsigned char const* data, int size) override;
+    /// Deletes the reactor; what is still open is closed as at the end of
+    /// Open, handlers without OnClose. Not while Open runs.
     void Destroy() override;
 
+    /// Any thread: whether the loop has ended.
     bool IsStopped() const { return stopped_; }
-    // How often the loop woke from an empty wait, for tests and tuning.
+    /// Any thread. How often the loop woke from an empty wait, for tests
+    /// and tuning.
     std::uint64_t GetIdleWakeups() const { return idle_wakeups_.load(std::memory_order_relaxed); }
 
 protected:

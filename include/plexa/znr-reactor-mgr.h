@@ -21,14 +21,22 @@
 #include <map>
 #include <string>
 
-// The thread a reactor manager runs one reactor's loop on.
+/// @file
+/// The reactor manager: creates reactors, runs them and routes calls to
+/// them by id.
+
+/// The thread a reactor manager runs one reactor's loop on. Made and
+/// owned by the manager.
 class ZNR_API ZNRReactorThread : public ZNRThread {
 public:
+    /// user_data is not owned.
     ZNRReactorThread(std::uint64_t reactor_id, void* user_data);
 
+    /// The id of the reactor the thread runs.
     std::uint64_t GetReactorId() const { return reactor_id_; }
+    /// The user data given to StartThread.
     void* GetUserData() const { return user_data_; }
-    // Deletes the object; the thread itself is neither stopped nor joined.
+    /// Deletes the object; the thread itself is neither stopped nor joined.
     virtual void Destroy();
 
 protected:
@@ -39,36 +47,44 @@ private:
     void* user_data_;
 };
 
+/// @cond INTERNAL
 // Log lines name the functions as the library's one instantiation.
 #define PLEXA_REACTOR_MGR_FUNCTION(name) \
     "ZNRReactorMgr_T<class ZNRReactorIOCP,class ZNRTimerMgr,class ZNRReactorThread>::" name
+/// @endcond
 
-// Creates reactors, runs each on the caller's thread (Start) or on a thread
-// of its own (StartThread), and routes calls to them by a 64-bit id. R is
-// the reactor, T its timer manager, TH the thread.
-//
-// A reader/writer lock guards the table only: no reactor call, handler or
-// join runs under it, so whatever a reactor calls back may use the whole
-// manager. A call routed to a reactor holds a reference to its entry, as
-// does a running loop and a Wait; a removal takes the entry out of the
-// table, and whoever lets go of the last reference destroys the reactor,
-// so a removal never waits for calls in progress, nor frees the reactor
-// under one.
-//
-// An id that names no reactor is refused: Start, StartThread and Stop
-// return library error 30, IsRunInCurrentThread false, and Wait, Remove
-// and Destroy do nothing.
-//
-// Only a thread made by StartThread is ever stopped, joined or deleted
-// here; the creating thread recorded by New is only compared with the
-// caller. A reactor whose loop runs where the remover cannot join it (its
-// own loop: a task, a handler, OnThreadStopped; or a loop of Start on
-// another thread) is taken out of the table at once, asked to stop, and
-// destroyed once Open has returned; a reactor thread nobody has joined is
-// joined by the next RemoveAll or by the destructor.
+/// Creates reactors, runs each on the caller's thread (Start) or on a thread
+/// of its own (StartThread), and routes calls to them by a 64-bit id. R is
+/// the reactor, T its timer manager, TH the thread. The process-wide one
+/// is ZNRSingleton<ZNRReactorMgr>::Instance(); RemoveAll is its shutdown
+/// call, before the singleton is destroyed.
+///
+/// A reader/writer lock guards the table only: no reactor call, handler or
+/// join runs under it, so whatever a reactor calls back may use the whole
+/// manager. A call routed to a reactor holds a reference to its entry, as
+/// does a running loop and a Wait; a removal takes the entry out of the
+/// table, and whoever lets go of the last reference destroys the reactor,
+/// so a removal never waits for calls in progress, nor frees the reactor
+/// under one.
+///
+/// An id that names no reactor is refused: Start, StartThread and Stop
+/// return library error 30, IsRunInCurrentThread false, and Wait, Remove
+/// and Destroy do nothing.
+///
+/// Only a thread made by StartThread is ever stopped, joined or deleted
+/// here; the creating thread recorded by New is only compared with the
+/// caller. A reactor whose loop runs where the remover cannot join it (its
+/// own loop: a task, a handler, OnThreadStopped; or a loop of Start on
+/// another thread) is taken out of the table at once, asked to stop, and
+/// destroyed once Open has returned; a reactor thread nobody has joined is
+/// joined by the next RemoveAll or by the destructor.
+///
+/// A reactor removed or destroyed while devices are still open closes them
+/// without OnClose: their handlers get Destroy only (see @ref handler_life).
 template <class R, class T, class TH>
 class ZNR_API ZNRReactorMgr_T {
 public:
+    /// @cond INTERNAL
     struct ReactorWrap {
         // Whether a loop (Start or the reactor thread) is inside Open.
         enum Loop_t { LOOP_IDLE = 0, LOOP_RUNNING = 1 };
@@ -102,20 +118,23 @@ public:
         ZNRReactorMgr_T* mgr_;
         ReactorWrap* wrap_;
     };
+    /// @endcond
 
+    /// An empty table.
     ZNRReactorMgr_T() = default;
     ZNRReactorMgr_T(ZNRReactorMgr_T const&) = delete;
     ZNRReactorMgr_T& operator=(ZNRReactorMgr_T const&) = delete;
 
-    // Frees the table; stops and destroys no reactor (RemoveAll does). Joins
-    // the threads of destroyed reactors that nobody has joined.
+    /// Frees the table; stops and destroys no reactor (RemoveAll does). Joins
+    /// the threads of destroyed reactors that nobody has joined.
     virtual ~ZNRReactorMgr_T() {
         for (auto& entry : *table_) delete entry.second;
         ReapThreads();
     }
 
-    // Any thread. Creates and initialises a reactor bound to the calling
-    // thread, not started; all ones with *error set when Init fails.
+    /// Any thread. Creates and initialises a reactor bound to the calling
+    /// thread, not started, and returns its id (the first is 1); all ones
+    /// with *error (when not null) set to Init's error when Init fails.
     virtual std::uint64_t New(std::uint64_t* error) {
         T* const timer_mgr = OnCreateTimerMgr();
         OnTimerMgrCreated(timer_mgr);
@@ -136,8 +155,8 @@ public:
         return wrap->id;
     }
 
-    // Any thread. Runs the loop on the calling thread until it ends and
-    // returns its result; EBUSY when the reactor already runs.
+    /// Any thread. Runs the loop on the calling thread until it ends and
+    /// returns its result; EBUSY when the reactor already runs.
     virtual std::uint64_t Start(std::uint64_t id) {
         ReactorWrap* wrap = nullptr;
         {
@@ -152,8 +171,10 @@ public:
         return error;
     }
 
-    // Any thread. Runs the loop on a new reactor thread named name; EBUSY
-    // when the reactor already runs.
+    /// Any thread. Runs the loop on a new reactor thread named name; EBUSY
+    /// when the reactor already runs, the thread's start error when it
+    /// cannot start (the reactor stays, not running). user_data is not
+    /// owned.
     virtual std::uint64_t StartThread(std::uint64_t id, ZNRString const& name, void* user_data) {
         ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
         ReactorWrap* const wrap = Find(id);
@@ -180,8 +201,8 @@ public:
         return error;
     }
 
-    // Any thread. Whether the reactor's thread (the creating thread until
-    // StartThread) is the caller.
+    /// Any thread. Whether the reactor's thread (the creating thread until
+    /// StartThread) is the caller.
     virtual bool IsRunInCurrentThread(std::uint64_t id) {
         ZNRThread* const current = ZNRThreadMgr::Instance()->GetCurrent();
         ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
@@ -189,8 +210,8 @@ public:
         return wrap != nullptr && wrap->thread == current;
     }
 
-    // Any thread. The smallest reactor id, or a new unstarted reactor when
-    // there is none.
+    /// Any thread. The smallest reactor id, or a new unstarted reactor when
+    /// there is none (errors as New).
     virtual std::uint64_t GetDefault(std::uint64_t* error) {
         {
             ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
@@ -199,15 +220,15 @@ public:
         return New(error);
     }
 
-    // Any thread. Takes the reactor out of the table, then, with no lock
-    // held, stops it, joins a reactor thread unless it is the caller, and
-    // destroys it (or leaves that to the last call still using it); see the
-    // class comment for the caller's own loop.
+    /// Any thread. Takes the reactor out of the table, then, with no lock
+    /// held, stops it, joins a reactor thread unless it is the caller, and
+    /// destroys it (or leaves that to the last call still using it); see the
+    /// class comment for the caller's own loop.
     virtual void Remove(std::uint64_t id) { RemoveOne(id, ZNRThreadMgr::Instance()->GetCurrent()); }
 
-    // Any thread. Destroys a reactor whose loop has ended, without stop or
-    // join (an unjoined thread is left to RemoveAll); a loop still running
-    // is asked to stop, and the reactor goes once Open has returned.
+    /// Any thread. Destroys a reactor whose loop has ended, without stop or
+    /// join (an unjoined thread is left to RemoveAll); a loop still running
+    /// is asked to stop, and the reactor goes once Open has returned.
     virtual void Destroy(std::uint64_t id) {
         ReactorWrap* const wrap = Take(id);
         if (wrap == nullptr) return;
@@ -215,8 +236,8 @@ public:
         Unref(wrap);
     }
 
-    // Any thread but the reactor's own. Joins the reactor thread, with no
-    // lock held; nothing for a reactor without one.
+    /// Any thread but the reactor's own. Joins the reactor thread, with no
+    /// lock held; nothing for a reactor without one.
     virtual void Wait(std::uint64_t id) {
         ReactorWrap* wrap = nullptr;
         {
@@ -230,14 +251,17 @@ public:
         Unref(wrap);
     }
 
-    // Any thread. Asks the reactor to stop; does not wait.
+    /// Any thread. Asks the reactor to stop; does not wait. The reactor's
+    /// own refusal (library error 11 once its loop has ended) is returned.
     virtual std::uint64_t Stop(std::uint64_t id) {
         Pin const wrap(this, id);
         if (!wrap) return ZNRUserError(30);
         return wrap->reactor->Stop();
     }
 
-    // Any thread; the shutdown call. Removes every reactor in id order.
+    /// Any thread; the shutdown call. Removes every reactor in id order, as
+    /// Remove does: each is stopped, its thread joined, and the devices it
+    /// still holds are destroyed without OnClose.
     virtual void RemoveAll() {
         ZNRThread* const current = ZNRThreadMgr::Instance()->GetCurrent();
         for (;;) {
@@ -252,12 +276,17 @@ public:
         ReapThreads();
     }
 
-    // Routing: any thread for tasks, notifies, timers and sends; the
-    // reactor's thread for RegisterDevice and UnregisterDevice (before
-    // Start: the thread that will run it). The reactor runs the call with
-    // no lock held and outlives it. Unknown reactor: logged, library error
-    // 30 (RegisterDevice: in *error, all ones returned; RegisterTimer: 30
-    // returned in place of the timer id, *error untouched).
+    /// @name Routing
+    /// Any thread for tasks, notifies, timers, sends and UnregisterDevice;
+    /// the reactor's thread for RegisterDevice (before Start: the thread
+    /// that will run it). The reactor runs the call with no lock held and
+    /// outlives it; its result and ownership rules are ZNRReactorIOCP's.
+    /// Unknown reactor: logged, library error 30, and the object handed in
+    /// stays the caller's.
+    ///@{
+
+    /// ZNRReactorIOCP::RegisterDevice on reactor_id. Unknown reactor:
+    /// library error 30 in *error, all ones returned.
     virtual std::uint64_t RegisterDevice(std::uint64_t reactor_id, ZNRDevice* device,
                                          ZNRDeviceHandler* handler, std::uint64_t* error,
                                          int recv_buff_max_size, int recv_buff_grow_size,
@@ -277,6 +306,7 @@ public:
                                              recv_buff_grow_size, send_buff_max_size, timeout);
     }
 
+    /// ZNRReactorIOCP::UnregisterDevice on reactor_id.
     virtual std::uint64_t UnregisterDevice(std::uint64_t reactor_id, std::uint64_t device_id) {
         Pin const wrap(this, reactor_id);
         if (!wrap) {
@@ -291,6 +321,7 @@ public:
         return wrap->reactor->UnregisterDevice(device_id);
     }
 
+    /// ZNRReactorIOCP::RegisterTask on reactor_id.
     virtual std::uint64_t RegisterTask(std::uint64_t reactor_id, ZNRReactorTask* task) {
         Pin const wrap(this, reactor_id);
         if (!wrap) {
@@ -303,6 +334,7 @@ public:
         return wrap->reactor->RegisterTask(task);
     }
 
+    /// ZNRReactorIOCP::RegisterBeginStopNotify on reactor_id; 0 when found.
     virtual std::uint64_t RegisterBeginStopNotify(std::uint64_t reactor_id,
                                                   ZNRReactorStopNotify* notify) {
         Pin const wrap(this, reactor_id);
@@ -317,6 +349,7 @@ public:
         return 0;
     }
 
+    /// ZNRReactorIOCP::RegisterEndStopNotify on reactor_id; 0 when found.
     virtual std::uint64_t RegisterEndStopNotify(std::uint64_t reactor_id,
                                                 ZNRReactorStopNotify* notify) {
         Pin const wrap(this, reactor_id);
@@ -331,6 +364,8 @@ public:
         return 0;
     }
 
+    /// ZNRReactorIOCP::RegisterTimer on reactor_id. Unknown reactor: library
+    /// error 30 returned in place of the timer id, *error untouched.
     virtual std::uint64_t RegisterTimer(std::uint64_t reactor_id, ZNRTimer* timer,
                                         std::uint64_t* error) {
         Pin const wrap(this, reactor_id);
@@ -344,6 +379,7 @@ public:
         return wrap->reactor->RegisterTimer(timer, error);
     }
 
+    /// ZNRReactorIOCP::UnregisterTimer on reactor_id.
     virtual std::uint64_t UnregisterTimer(std::uint64_t reactor_id, std::uint64_t timer_id) {
         Pin const wrap(this, reactor_id);
         if (!wrap) {
@@ -358,6 +394,8 @@ public:
         return wrap->reactor->UnregisterTimer(timer_id);
     }
 
+    /// ZNRReactorIOCP::SendData on reactor_id: the bytes are copied, size 0
+    /// closes the device.
     virtual std::uint64_t SendData(std::uint64_t reactor_id, std::uint64_t device_id,
                                    unsigned char const* data, int size) {
         Pin const wrap(this, reactor_id);
@@ -373,14 +411,17 @@ public:
         return wrap->reactor->SendData(device_id, data, size);
     }
 
-    // Any thread.
+    ///@}
+
+    /// Any thread. The number of reactors in the table.
     virtual unsigned int GetCount() const {
         ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
         return static_cast<unsigned int>(table_->size());
     }
 
-    // On the reactor thread, once its loop has ended. Logs; the reactor
-    // stays in the table.
+    /// On the reactor thread, once its loop has ended. Logs "Reactor thread
+    /// has stopped, ..." (at error level with the error's text when error is
+    /// not 0); the reactor stays in the table.
     virtual void OnThreadStopped(std::uint64_t reactor_id, ZNRThread* thread, std::uint64_t error) {
         std::string const name = thread->GetName().ToStdCStr();
         if (error == 0) {
@@ -399,13 +440,19 @@ public:
 
 protected:
     // Factory hooks, called by New and StartThread on the caller's thread.
+    /// A new reactor owning timer_mgr; the manager owns what it returns.
     virtual R* OnCreateReactor(T* timer_mgr) { return new R(timer_mgr); }
+    /// Told of a new reactor before its Init; does nothing here.
     virtual void OnReactorCreated(R*) {}
+    /// A new timer manager, handed to OnCreateReactor.
     virtual T* OnCreateTimerMgr() { return new T(); }
+    /// Told of a new timer manager; does nothing here.
     virtual void OnTimerMgrCreated(T*) {}
+    /// A new reactor thread, owned by the manager.
     virtual TH* OnCreateThread(std::uint64_t reactor_id, void* user_data) {
         return new TH(reactor_id, user_data);
     }
+    /// Told of a new reactor thread before it starts; does nothing here.
     virtual void OnThreadCreated(TH*) {}
 
 private:
@@ -536,6 +583,8 @@ private:
 
 #undef PLEXA_REACTOR_MGR_FUNCTION
 
+/// The library's reactor manager; the process-wide one is
+/// ZNRSingleton<ZNRReactorMgr>::Instance().
 typedef ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread> ZNRReactorMgr;
 
 extern template class ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>;
