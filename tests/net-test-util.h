@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <netinet/in.h>
 #include <poll.h>
@@ -25,6 +26,18 @@ inline unsigned char const* U(std::string const& s) { return reinterpret_cast<un
 inline bool WaitFor(int fd, short events = POLLIN) {
     pollfd p{fd, events, 0};
     return ::poll(&p, 1, 5000) == 1;
+}
+
+// Up to n bytes, fewer when the peer closes first.
+inline std::string ReadUpTo(int fd, std::size_t n) {
+    std::string out;
+    char buf[65536];
+    while (out.size() < n && WaitFor(fd)) {
+        ssize_t const got = ::read(fd, buf, std::min(sizeof buf, n - out.size()));
+        if (got <= 0) break;
+        out.append(buf, static_cast<std::size_t>(got));
+    }
+    return out;
 }
 
 inline sockaddr_in6 Loopback6(unsigned short port) {
@@ -54,6 +67,14 @@ inline ZNRNetAddrInfo V6Loopback(unsigned short port = 0) {
     ZNRNetAddrInfo addr(ZNRNetAddrInfo::TYPE_IPV6);
     EXPECT_EQ(0u, addr.Open(reinterpret_cast<sockaddr*>(&sin6), sizeof(sin6)));
     return addr;
+}
+
+// A plain blocking client of 127.0.0.1:port.
+inline int ConnectTo(std::string const& port) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ZNRNetAddrInfo const to = V4("127.0.0.1", port);
+    EXPECT_EQ(0, ::connect(fd, to.GetAddr(), to.GetAddrLen()));
+    return fd;
 }
 
 struct DestroyDevice {

@@ -329,15 +329,8 @@ TEST_F(AsyncIO, LargeWritesArePartialAndArriveWhole) {
     auto s = Adopt(fds.first, 9);
     std::vector<unsigned char> data(4 << 20);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 131 + i / 7);
-    std::vector<unsigned char> got;
-    std::thread reader([&] {
-        unsigned char chunk[65536];
-        while (got.size() < data.size() && WaitFor(fds.second)) {
-            ssize_t const n = ::read(fds.second, chunk, sizeof chunk);
-            if (n <= 0) break;
-            got.insert(got.end(), chunk, chunk + n);
-        }
-    });
+    std::string got;
+    std::thread reader([&] { got = ReadUpTo(fds.second, data.size()); });
     std::size_t sent = 0;
     int writes = 0;
     std::uint64_t err = 0;
@@ -353,7 +346,7 @@ TEST_F(AsyncIO, LargeWritesArePartialAndArriveWhole) {
     }
     reader.join();
     EXPECT_GT(writes, 1);
-    EXPECT_TRUE(got == data);
+    EXPECT_TRUE(got == std::string(data.begin(), data.end()));
 }
 
 TEST_F(AsyncIO, DatagramsWithPeerAddresses) {

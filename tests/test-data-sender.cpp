@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "log-capture.h"
-
 #include <string>
 #include <tuple>
 #include <vector>
@@ -229,17 +227,4 @@ TEST(DataSender, RoundTripThroughDispatcherAndMaps) {
     for (Everything const& got : service.got) EXPECT_EQ(Fields(sample), Fields(got));
     EXPECT_EQ(std::vector<unsigned short>({404}), service.codes);
     EXPECT_EQ(0, router.unhandled);
-
-    // Entity headers are read little-endian whatever the sender's order:
-    // a big-endian sender's uri 0x00010002 arrives as 0x02000100.
-    LogCapture log;
-    ZNRDataSender big(true);
-    Word zero;
-    ASSERT_EQ(0u, big.CreateByEntityProtocol(uri, zero, 0));
-    Bytes const frame = Output(big);
-    ASSERT_TRUE(router.DispatchData(frame.data(), static_cast<int>(frame.size()), &consumed,
-                                    ZNRDataDispatcher::MODE_ENTITY));
-    EXPECT_EQ(std::vector<std::string>({"Can not find entity map, service id=512 command id=256"}),
-              log.Messages(ZNRLogger::LOGL_WARNING));
-    EXPECT_EQ(3u, service.got.size());
 }

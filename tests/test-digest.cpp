@@ -76,9 +76,7 @@ TEST(Digest, MillionAInUnevenPiecesAndRawBytes) {
     unsigned char const want[20] = {0x34, 0xaa, 0x97, 0x3c, 0xd4, 0xc4, 0xda, 0xa4, 0xf6, 0x1e,
                                     0xeb, 0x2b, 0xdb, 0xad, 0x27, 0x31, 0x65, 0x34, 0x01, 0x6f};
     EXPECT_EQ(0, std::memcmp(want, raw, 20));
-    EXPECT_EQ(0xEE, raw[20]);  // exactly GetSize() bytes written
-    EXPECT_EQ(20u, sha1.GetSize());
-    EXPECT_EQ(16u, ZNRMd5().GetSize());
+    EXPECT_EQ(0xEE, raw[20]);  // exactly 20 bytes written
 }
 
 // RFC 4648 test vectors both ways, "+" and "/", then every byte value.

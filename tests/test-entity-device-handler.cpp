@@ -111,23 +111,7 @@ protected:
     }
     void TearDown() override { mgr_.RemoveAll(); }
 
-    int Connect() {
-        int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ZNRNetAddrInfo const to = V4("127.0.0.1", port_);
-        EXPECT_EQ(0, ::connect(fd, to.GetAddr(), to.GetAddrLen()));
-        return fd;
-    }
-    // Up to n bytes, fewer when the peer closes first.
-    static std::string Read(int fd, size_t n) {
-        std::string out;
-        char buf[4096];
-        while (out.size() < n && WaitFor(fd)) {
-            ssize_t const got = ::recv(fd, buf, std::min(sizeof buf, n - out.size()), 0);
-            if (got <= 0) break;
-            out.append(buf, static_cast<size_t>(got));
-        }
-        return out;
-    }
+    int Connect() { return ConnectTo(port_); }
 
     ZNRReactorMgr mgr_;
     ZNREntityMap map_;
@@ -171,14 +155,14 @@ TEST_F(EntityDeviceHandler, FramesAcrossReadsAndBadFramesClose) {
                 ASSERT_EQ(static_cast<ssize_t>(w.size()), ::send(fd, w.data(), w.size(), MSG_NOSIGNAL));
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));  // pacing, so reads split
             }
-            EXPECT_EQ(c.reply, Read(fd, c.reply.size()));
+            EXPECT_EQ(c.reply, ReadUpTo(fd, c.reply.size()));
             if (c.closes) {
-                EXPECT_EQ("", Read(fd, 1));  // end of stream
+                EXPECT_EQ("", ReadUpTo(fd, 1));  // end of stream
                 ++closes;
             } else {
                 // Still served after the case.
                 ASSERT_EQ(static_cast<ssize_t>(a.size()), ::send(fd, a.data(), a.size(), MSG_NOSIGNAL));
-                EXPECT_EQ(a, Read(fd, a.size()));
+                EXPECT_EQ(a, ReadUpTo(fd, a.size()));
             }
             ::close(fd);
         }
@@ -186,7 +170,7 @@ TEST_F(EntityDeviceHandler, FramesAcrossReadsAndBadFramesClose) {
         int const fd = Connect();
         std::string const c = Entity(kClose, "");
         ASSERT_EQ(static_cast<ssize_t>(c.size()), ::send(fd, c.data(), c.size(), MSG_NOSIGNAL));
-        EXPECT_EQ("", Read(fd, 1));
+        EXPECT_EQ("", ReadUpTo(fd, 1));
         ::close(fd);
         mgr_.RemoveAll();  // joins the loop: the log is ours to read
         std::vector<std::string> const errors = capture.Messages(ZNRLogger::LOGL_ERROR);

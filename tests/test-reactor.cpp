@@ -41,6 +41,17 @@ private:
     int repeats_;
 };
 
+// Runs fn on each turn while it answers true.
+class Repeat : public ZNRReactorLoopEvent {
+public:
+    explicit Repeat(std::function<bool()> fn) : fn_(std::move(fn)) {}
+    bool OnLoopEvent(ZNRReactor*) override { return fn_(); }
+    void Destroy() override { delete this; }
+
+private:
+    std::function<bool()> fn_;
+};
+
 // A handler whose reactions a test sets; it journals every call.
 class Handler : public ZNRDeviceHandler {
 public:
@@ -145,13 +156,6 @@ protected:
         OnLoop([&] { EXPECT_TRUE(listener->BeginAccept()); });
         return port;
     }
-    // A plain blocking client of 127.0.0.1:port.
-    int Connect(std::string const& port) {
-        int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ZNRNetAddrInfo const to = V4("127.0.0.1", port);
-        EXPECT_EQ(0, ::connect(fd, to.GetAddr(), to.GetAddrLen()));
-        return fd;
-    }
     // An echo handler: everything received is sent back.
     Handler* Echo() {
         auto* h = new Handler(&journal_, "echo");
@@ -199,17 +203,6 @@ protected:
     std::uint64_t result_ = 1;
 };
 
-std::string ReadN(int fd, std::size_t n) {
-    std::string out;
-    char buf[65536];
-    while (out.size() < n && WaitFor(fd)) {
-        ssize_t const got = ::read(fd, buf, std::min(sizeof buf, n - out.size()));
-        if (got <= 0) break;
-        out.append(buf, static_cast<std::size_t>(got));
-    }
-    return out;
-}
-
 }  // namespace
 
 TEST_F(Reactor, LoopEventsStopAndNotifies) {
@@ -254,15 +247,9 @@ TEST_F(Reactor, QueueLimitTaskOwnershipAndPerThreadOrder) {
     // Nothing drains before Start: the queue fills without a writer blocking.
     reactor_->SetLoopEventQueueMaxSize(100000);
     std::atomic<int> ran{0};
-    class Count : public ZNRReactorLoopEvent {
-    public:
-        explicit Count(std::atomic<int>* n) : n_(n) {}
-        bool OnLoopEvent(ZNRReactor*) override { return ++*n_, false; }
-        void Destroy() override { delete this; }
-        std::atomic<int>* n_;
-    };
-    for (int i = 0; i < 100000; ++i) ASSERT_EQ(0u, reactor_->RegisterLoopEvent(new Count(&ran)));
-    auto* extra = new Count(&ran);
+    auto count = [&ran] { return new Repeat([&ran] { return ++ran, false; }); };
+    for (int i = 0; i < 100000; ++i) ASSERT_EQ(0u, reactor_->RegisterLoopEvent(count()));
+    auto* extra = count();
     EXPECT_EQ(E(39), reactor_->RegisterLoopEvent(extra));
     extra->Destroy();
     auto* task = new Task([] {}, [this] { journal_.Add("~task"); });
@@ -294,7 +281,7 @@ TEST_F(Reactor, QueueLimitTaskOwnershipAndPerThreadOrder) {
 TEST_F(Reactor, EchoOfMegabytesInOddPieces) {
     Start();
     std::string const port = Listen([this] { return Echo(); });
-    int const fd = Connect(port);
+    int const fd = ConnectTo(port);
     std::string data(3 << 20, '\0');
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 251);
     std::thread writer([&] {
@@ -306,7 +293,7 @@ TEST_F(Reactor, EchoOfMegabytesInOddPieces) {
             piece = piece * 3 % 65521 + 1;
         }
     });
-    std::string const back = ReadN(fd, data.size());
+    std::string const back = ReadUpTo(fd, data.size());
     writer.join();
     EXPECT_TRUE(back == data) << back.size();
     ::close(fd);
@@ -344,13 +331,13 @@ TEST_F(Reactor, LoopThreadSendsKeepNothingOfTheCallersBytes) {
     };
     send(300000, 1);  // no room yet: waits
     send(10, 2);      // queued behind it
-    EXPECT_TRUE(ReadN(fds[1], expected.size()) == expected);
+    EXPECT_TRUE(ReadUpTo(fds[1], expected.size()) == expected);
     expected.clear();
     send(3 << 20, 3);  // taken in part
-    EXPECT_TRUE(ReadN(fds[1], expected.size()) == expected);
+    EXPECT_TRUE(ReadUpTo(fds[1], expected.size()) == expected);
     expected.clear();
     send(100, 4);  // taken whole
-    EXPECT_TRUE(ReadN(fds[1], expected.size()) == expected);
+    EXPECT_TRUE(ReadUpTo(fds[1], expected.size()) == expected);
     ::close(fds[1]);
     EXPECT_TRUE(journal_.WaitFor("pair destroy"));
 }
@@ -369,7 +356,7 @@ TEST_F(Reactor, ConsumedOffsetContract) {
         };
         return h;
     });
-    int const fd = Connect(port);
+    int const fd = ConnectTo(port);
     for (char const* piece : {"ab", "cdef", "gh", "ijkl"}) {
         ASSERT_GT(::send(fd, piece, std::strlen(piece), 0), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(5));  // separate reads, not a wait
@@ -396,7 +383,7 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
     std::string const port = Listen([this] {
         return new Handler(&journal_, "c0");
     });
-    int const a = Connect(port), b = Connect(port);
+    int const a = ConnectTo(port), b = ConnectTo(port);
     ASSERT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& j) {
         return std::count(j.begin(), j.end(), "c0 open") == 2;
     }));
@@ -415,7 +402,7 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
         EXPECT_EQ(E(12), reactor_->UnregisterDevice(99));
         EXPECT_FALSE(reactor_->IsDeviceExist(0x100000003ULL));
     });
-    EXPECT_EQ("ok", ReadN(a, 2));
+    EXPECT_EQ("ok", ReadUpTo(a, 2));
     EXPECT_TRUE(journal_.WaitFor("c0 close"));
     // From another thread, bytes waiting for the loop count against the
     // maximum: refused at the caller, nothing queued, the device stays.
@@ -432,10 +419,10 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
     EXPECT_EQ(0u, reactor_->SendData(3, bytes, 1 << 20));
     EXPECT_EQ(E(8), reactor_->SendData(3, L("x"), 1));
     release.set_value();
-    EXPECT_EQ(std::string(1 << 20, 'x'), ReadN(a, 1 << 20));
+    EXPECT_EQ(std::string(1 << 20, 'x'), ReadUpTo(a, 1 << 20));
     OnLoop([] {});  // the write's completion was queued before this task
     EXPECT_EQ(0u, reactor_->SendData(3, L("y"), 1));
-    EXPECT_EQ("y", ReadN(a, 1));
+    EXPECT_EQ("y", ReadUpTo(a, 1));
     // A close request from another thread: OnClose, then Destroy.
     EXPECT_EQ(0u, reactor_->SendData(3, nullptr, 0));
     EXPECT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& j) {
@@ -556,7 +543,7 @@ TEST_F(Reactor, ListenerTakesItsBacklogInBurstsBesideBusyDevices) {
     });
     std::vector<int> clients;
     OnLoop([&] {
-        for (int i = 0; i < 8; ++i) clients.push_back(Connect(port));
+        for (int i = 0; i < 8; ++i) clients.push_back(ConnectTo(port));
         for (int peer : peers) EXPECT_EQ(1, ::write(peer, "x", 1));
     });
     EXPECT_TRUE(journal_.WaitUntil([](std::vector<std::string> const& e) {
@@ -660,16 +647,6 @@ TEST_F(Reactor, HandlersEndTheirDevicesFromEveryPath) {
     for (int fd : peers) ::close(fd);
 }
 
-class Repeat : public ZNRReactorLoopEvent {
-public:
-    explicit Repeat(std::function<bool()> fn) : fn_(std::move(fn)) {}
-    bool OnLoopEvent(ZNRReactor*) override { return fn_(); }
-    void Destroy() override { delete this; }
-
-private:
-    std::function<bool()> fn_;
-};
-
 TEST_F(Reactor, StopAndRepeatingEventsGetThroughAFullQueue) {
     reactor_->Destroy();
     reactor_ = new ZNRReactorIOCP(new ZNRTimerMgr());
@@ -767,7 +744,7 @@ TEST_F(Reactor, BurstFromAnotherThreadThroughASmallSendBound) {
     std::string sent;
     for (int i = 0; sent.size() < 4u * bound; ++i) sent += std::string(20000, static_cast<char>('a' + i % 26)) + "\n";
     LogCapture capture;
-    std::future<std::string> got = std::async(std::launch::async, [&] { return ReadN(peer, sent.size()); });
+    std::future<std::string> got = std::async(std::launch::async, [&] { return ReadUpTo(peer, sent.size()); });
     int refused = 0;
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     for (std::size_t at = 0; at < sent.size(); at += 20001) {
@@ -841,36 +818,33 @@ TEST_F(Reactor, IdleLoopSleepsAndCrossThreadTimersWakeIt) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_LE(reactor_->GetIdleWakeups() - before, 2u);  // not one a millisecond
 
-    class Once : public ZNRTimer {
+    // Journals name when it expires (fire) or ends (end).
+    class Timer : public ZNRTimer {
     public:
-        explicit Once(Journal* j) : ZNRTimer(20, 1, nullptr), j_(j) {}
-        bool OnExpires(std::uint64_t) override { return j_->Add("fired"), true; }
+        Timer(Journal* j, unsigned int limit, std::string fire, std::string end = "")
+            : ZNRTimer(20, limit, nullptr), j_(j), fire_(std::move(fire)), end_(std::move(end)) {}
+        bool OnExpires(std::uint64_t) override {
+            if (!fire_.empty()) j_->Add(fire_);
+            return true;
+        }
         void OnReset() override {}
-        void OnClose() override {}
+        void OnClose() override { if (!end_.empty()) j_->Add(end_); }
         void Destroy() override { delete this; }
         Journal* j_;
+        std::string fire_, end_;
     };
     std::uint64_t err = 0;
-    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Once(&journal_), &err));
+    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Timer(&journal_, 1, "fired"), &err));
     EXPECT_TRUE(journal_.WaitFor("fired"));
     // A repeating 20 ms timer (a listener's accept retry): the loop sleeps
     // up to each expiry instead of stepping through the last milliseconds.
-    class Ten : public ZNRTimer {
-    public:
-        explicit Ten(Journal* j) : ZNRTimer(20, 10, nullptr), j_(j) {}
-        bool OnExpires(std::uint64_t) override { return true; }
-        void OnReset() override {}
-        void OnClose() override { j_->Add("ten"); }
-        void Destroy() override { delete this; }
-        Journal* j_;
-    };
     std::uint64_t const start = reactor_->GetIdleWakeups();
-    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Ten(&journal_), &err));
+    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Timer(&journal_, 10, "", "ten"), &err));
     EXPECT_TRUE(journal_.WaitFor("ten"));
     EXPECT_LE(reactor_->GetIdleWakeups() - start, 40u);
     // A timer left registered ends with the reactor.
-    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Once(&journal_), &err));
-    auto* far = new Once(&journal_);
+    EXPECT_NE(kNoId, reactor_->RegisterTimer(new Timer(&journal_, 1, "x"), &err));
+    auto* far = new Timer(&journal_, 1, "x");
     std::uint64_t const far_id = reactor_->RegisterTimer(far, &err);
     EXPECT_EQ(0u, reactor_->UnregisterTimer(far_id));
     far->Destroy();

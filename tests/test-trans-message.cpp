@@ -2,7 +2,6 @@
 
 #include <zlib.h>
 
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -177,7 +176,6 @@ TEST_F(TransMessageTest, ParseGzipBodyResultsAndErrors) {
 }
 
 TEST_F(TransMessageTest, InflatedSizeIsBounded) {
-    EXPECT_EQ(67108864u, TM().GetMaxInflateSize());
     Bytes const zeros(1 << 20, 0);
     Bytes const bomb = Deflate(zeros, -15);
     TM m, later;
@@ -269,34 +267,5 @@ TEST_F(TransMessageTest, GzipStreams) {
         EXPECT_TRUE(pieces.Decompress(raw.data() + cut, static_cast<int>(raw.size() - cut), &whole, &finished) &&
                     finished) << cut;
         EXPECT_EQ(text, BytesOf(whole)) << cut;
-    }
-}
-
-// Hostile frames: only the documented results, no reads past the input.
-TEST_F(TransMessageTest, RandomFramesGiveDocumentedResults) {
-    std::mt19937 random(7);
-    Bytes const valid = Deflate(Text("a body that is valid raw deflate, repeated, repeated"), -15);
-    for (int round = 0; round < 3000; ++round) {
-        Bytes data = valid;
-        data.resize(random() % (round % 2 == 0 ? 40 : valid.size() + 1));
-        for (size_t i = 0; round % 2 == 0 && i < data.size(); ++i) data[i] = static_cast<unsigned char>(random());
-        if (round % 2 == 1 && !data.empty() && random() % 2 == 0)
-            data[random() % data.size()] ^= static_cast<unsigned char>(1 + random() % 255);
-        unsigned int const length = static_cast<unsigned int>(data.size());
-        Bytes const header = {static_cast<unsigned char>(random()),
-                              static_cast<unsigned char>(random() % 2 == 0 ? 0x02 : random()),
-                              static_cast<unsigned char>(length), 0, 0};
-        TM m;
-        std::uint64_t error = 0;
-        ASSERT_TRUE(m.ParseHeader(header.data(), 5, nullptr, &error) == TM::PARSE_OK || error == ZNRUserError(25));
-        // Exact-size heap copy, so that ASan sees any read past the end.
-        std::unique_ptr<unsigned char[]> exact(new unsigned char[length]);
-        std::copy(data.begin(), data.end(), exact.get());
-        ZNRByteBuffer out;
-        error = 0;
-        TM::ParseResult_t const result = m.ParseGzipBody(exact.get(), length, &out, &error);
-        EXPECT_TRUE(result == TM::PARSE_OK || (result == TM::PARSE_ERROR && out.GetDataCount() == 0 &&
-                                               (error == ZNRUserError(29) || error == ZNRUserError(27))))
-            << "round " << round << " result " << result << " error " << error;
     }
 }
