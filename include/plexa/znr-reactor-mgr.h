@@ -143,7 +143,7 @@ public:
         {
             ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
             wrap = Find(id);
-            if (wrap == nullptr) return ZNRUserError(30);
+            if (wrap == nullptr) return ZNR_ERROR_NO_REACTOR;
             if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
             Ref(wrap);
         }
@@ -157,7 +157,7 @@ public:
     virtual std::uint64_t StartThread(std::uint64_t id, ZNRString const& name, void* user_data) {
         ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
         ReactorWrap* const wrap = Find(id);
-        if (wrap == nullptr) return ZNRUserError(30);
+        if (wrap == nullptr) return ZNR_ERROR_NO_REACTOR;
         if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
         TH* const thread = OnCreateThread(id, user_data);
         OnThreadCreated(thread);
@@ -233,7 +233,7 @@ public:
     // Any thread. Asks the reactor to stop; does not wait.
     virtual std::uint64_t Stop(std::uint64_t id) {
         Pin const wrap(this, id);
-        if (!wrap) return ZNRUserError(30);
+        if (!wrap) return ZNR_ERROR_NO_REACTOR;
         return wrap->reactor->Stop();
     }
 
@@ -270,7 +270,7 @@ public:
                 "device desc=\"%s\"",
                 static_cast<unsigned long long>(reactor_id),
                 device != nullptr ? device->GetDescInfo().ToStdCStr().c_str() : "");
-            if (error != nullptr) *error = ZNRUserError(30);
+            if (error != nullptr) *error = ZNR_ERROR_NO_REACTOR;
             return 0xFFFFFFFFFFFFFFFFULL;
         }
         return wrap->reactor->RegisterDevice(device, handler, error, recv_buff_max_size,
@@ -286,7 +286,7 @@ public:
                 "device id=%llu",
                 static_cast<unsigned long long>(reactor_id),
                 static_cast<unsigned long long>(device_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->UnregisterDevice(device_id);
     }
@@ -298,7 +298,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterTask"))(
                 "Can not register task to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->RegisterTask(task);
     }
@@ -311,7 +311,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterBeginStopNotify"))(
                 "Can not register begin stop notify to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         wrap->reactor->RegisterBeginStopNotify(notify);
         return 0;
@@ -325,7 +325,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterEndStopNotify"))(
                 "Can not register end stop notify to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         wrap->reactor->RegisterEndStopNotify(notify);
         return 0;
@@ -339,7 +339,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterTimer"))(
                 "Can not register timer to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->RegisterTimer(timer, error);
     }
@@ -353,7 +353,7 @@ public:
                 "timer id=%llu",
                 static_cast<unsigned long long>(reactor_id),
                 static_cast<unsigned long long>(timer_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->UnregisterTimer(timer_id);
     }
@@ -368,7 +368,7 @@ public:
                 "device id=%llu",
                 static_cast<unsigned long long>(reactor_id),
                 static_cast<unsigned long long>(device_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->SendData(device_id, data, size);
     }
