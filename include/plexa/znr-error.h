@@ -22,11 +22,11 @@ class ZNRString;
 /// Kind and domain bits of an error code, and the all-ones id that creating
 /// calls return on failure.
 enum : std::uint64_t {
-    ZNR_ERROR_NONE = 0,                               ///< Success.
-    ZNR_ERROR_KIND_CRT = 0x0000000100000000ULL,       ///< Kind 0, domain 1: an `errno` value.
-    ZNR_ERROR_KIND_SYS = 0x4000000100000000ULL,       ///< Kind 1, domain 1: an operating-system error.
-    ZNR_ERROR_KIND_USER = 0x8000000100000000ULL,      ///< Kind 2, domain 1: a library error.
-    ZNR_ERROR_FAILED_ID = 0xFFFFFFFFFFFFFFFFULL,      ///< Id returned by a creating call that failed.
+    ZNR_ERROR_NONE = 0,                          ///< Success.
+    ZNR_ERROR_KIND_CRT = 0x0000000100000000ULL,  ///< Kind 0, domain 1: an `errno` value.
+    ZNR_ERROR_KIND_SYS = 0x4000000100000000ULL,  ///< Kind 1, domain 1: an operating-system error.
+    ZNR_ERROR_KIND_USER = 0x8000000100000000ULL, ///< Kind 2, domain 1: a library error.
+    ZNR_ERROR_FAILED_ID = 0xFFFFFFFFFFFFFFFFULL, ///< Id returned by a creating call that failed.
 };
 
 /// The library's errors, one `X(number, NAME, meaning)` per line, in
