@@ -8,12 +8,6 @@
 #include <cerrno>
 #include <chrono>
 
-namespace {
-
-std::uint64_t const kTimedOut = ZNRUserError(17);
-
-} // namespace
-
 // ---------------------------------------------------------------- control block
 
 ZNRAsyncIOCB::ZNRAsyncIOCB()
@@ -77,7 +71,7 @@ std::uint64_t ZNRAsyncIOCB::Reset() {
 }
 
 std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
-    if (status == STATUS_IDLE) return kTimedOut;
+    if (status == STATUS_IDLE) return ZNR_ERROR_TIMED_OUT;
     using Clock = std::chrono::steady_clock;
     Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     bool ready = false;
@@ -86,7 +80,7 @@ std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
         if (timeout_ms >= 0) {
             auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - Clock::now());
-            if (left.count() <= 0) return kTimedOut;
+            if (left.count() <= 0) return ZNR_ERROR_TIMED_OUT;
             wait_ms = static_cast<int>(left.count());
         }
         ready = ZNRAsyncWaitReady(this, wait_ms);

@@ -7,12 +7,6 @@
 #include <cerrno>
 #include <string>
 
-namespace {
-
-std::uint64_t const kNotSupported = ZNRUserError(37);
-
-} // namespace
-
 ZNRAsyncPipeDevice::ZNRAsyncPipeDevice() : eof_(true), closed_(true), is_server_(false) {
     SetType(TYPE_PIPE);
 }
@@ -22,7 +16,7 @@ ZNRAsyncPipeDevice::~ZNRAsyncPipeDevice() { ZNRAsyncPipeDevice::Close(); }
 void ZNRAsyncPipeDevice::SetError(std::uint64_t err) {
     ZNRDevice::SetError(err);
     std::uint32_t const low = ZNRErrorNumber(err);
-    eof_ = low == 38 || low == 109 || err == ZNRUserError(4) || err == ZNRSysError(EPIPE) ||
+    eof_ = low == 38 || low == 109 || err == ZNR_ERROR_END_OF_STREAM || err == ZNRSysError(EPIPE) ||
            err == ZNRSysError(ECONNRESET);
 }
 
@@ -83,12 +77,12 @@ int ZNRAsyncPipeDevice::Write(unsigned char const* buf, int len) {
 }
 
 bool ZNRAsyncPipeDevice::CloseRead() {
-    SetError(kNotSupported);
+    SetError(ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 
 bool ZNRAsyncPipeDevice::CloseWrite() {
-    SetError(kNotSupported);
+    SetError(ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 

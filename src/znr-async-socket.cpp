@@ -76,7 +76,7 @@ std::uint64_t ZNRAsyncSocket::Close() {
 
 std::uint64_t ZNRAsyncSocket::Accept2(ZNRSocket* client, ZNRByteBuffer& buffer) {
     if (client == nullptr) return ZNRSysError(EINVAL);
-    if (GetType() != TYPE_TCP_V4 && GetType() != TYPE_TCP_V6) return ZNRUserError(3);
+    if (GetType() != TYPE_TCP_V4 && GetType() != TYPE_TCP_V6) return ZNR_ERROR_BAD_SOCKET_TYPE;
     unsigned int const slot = AddrSlot(GetType());
     if (buffer.GetCapacity() < 2 * slot) buffer.SetCapacity(2 * slot);
     if (buffer.GetCapacity() < 2 * slot) return ZNRSysError(ENOMEM);

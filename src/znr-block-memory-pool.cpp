@@ -236,9 +236,9 @@ void ZNRBlockMemoryPool::RebuildWalk() {
 
 std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
     InitParam* const init = dynamic_cast<InitParam*>(param);
-    if (init == nullptr) return ZNRUserError(42);
+    if (init == nullptr) return ZNR_ERROR_POOL_INIT;
     for (BlockPoolInfo info : *init->block_pools) {
-        if (info.block_list != nullptr) return ZNRUserError(42);
+        if (info.block_list != nullptr) return ZNR_ERROR_POOL_INIT;
         if (info.max_count < info.prealloc_count) {
             ZNR_LOG(WARNING,
                     "Memory block pool max count is bigger than prealloc block count, bug?, force set "
@@ -254,7 +254,7 @@ std::uint64_t ZNRBlockMemoryPool::Init(InitParamBase* param) {
             Block const made = index_->Make(info.block_list, true, &rank);
             CopyHotFields();
             if (made == nullptr) {
-                result = ZNRUserError(44);
+                result = ZNR_ERROR_POOL_EXHAUSTED;
                 break;
             }
             current_size_ += info.block_size;
@@ -306,7 +306,7 @@ __attribute__((noinline)) void* ZNRBlockMemoryPool::AllocBeyondFree(std::size_t 
         used_size_ += list->block_size;
         return block;
     }
-    if (error != nullptr) *error = ZNRUserError(44);
+    if (error != nullptr) *error = ZNR_ERROR_POOL_EXHAUSTED;
     return nullptr;
 }
 
@@ -321,12 +321,12 @@ std::uint64_t ZNRBlockMemoryPool::Free(void* p) {
     // A block has one address, so the index names the one class that can
     // hold it as used.
     Block const block = static_cast<Block>(p);
-    if (block == nullptr || slots_ == nullptr) return ZNRUserError(46);
+    if (block == nullptr || slots_ == nullptr) return ZNR_ERROR_POOL_FOREIGN;
     for (std::size_t i = Home(block, slot_shift_);; i = (i + 1) & slot_mask_) {
         IndexSlot const& slot = slots_[i];
-        if (slot.block == nullptr) return ZNRUserError(46);
+        if (slot.block == nullptr) return ZNR_ERROR_POOL_FOREIGN;
         if (slot.block != block) continue;
-        if (!slot.list->PutFree(slot.rank, *slot.word)) return ZNRUserError(46);
+        if (!slot.list->PutFree(slot.rank, *slot.word)) return ZNR_ERROR_POOL_FOREIGN;
         used_size_ -= slot.list->block_size;
         return 0;
     }

@@ -9,9 +9,6 @@
 
 namespace {
 
-std::uint64_t const kEndOfStream = ZNRUserError(4);
-std::uint64_t const kNoDestination = ZNRUserError(6);
-std::uint64_t const kNotSupported = ZNRUserError(37);
 std::uint64_t const kBadParam = ZNRSysError(EINVAL);
 std::uint64_t const kNoSocket = ZNRSysError(EBADF);
 
@@ -70,7 +67,7 @@ ZNRTcpDevice::~ZNRTcpDevice() { ZNRTcpDevice::Close(); }
 
 void ZNRTcpDevice::SetError(std::uint64_t err) {
     ZNRDevice::SetError(err);
-    eof_ = err == kEndOfStream;
+    eof_ = err == ZNR_ERROR_END_OF_STREAM;
 }
 
 bool ZNRTcpDevice::Open(ZNRDeviceParam* param) {
@@ -226,7 +223,7 @@ ZNRUdpDevice::~ZNRUdpDevice() { ZNRUdpDevice::Close(); }
 
 void ZNRUdpDevice::SetError(std::uint64_t err) {
     ZNRDevice::SetError(err);
-    eof_ = err == kEndOfStream;
+    eof_ = err == ZNR_ERROR_END_OF_STREAM;
 }
 
 bool ZNRUdpDevice::Open(ZNRDeviceParam* param) {
@@ -270,7 +267,7 @@ int ZNRUdpDevice::Read(unsigned char* buf, int len) {
 
 int ZNRUdpDevice::Write(unsigned char const* buf, int len) {
     if (last_send_peer_ == nullptr) {
-        SetError(kNoDestination);
+        SetError(ZNR_ERROR_NO_DESTINATION);
         return -1;
     }
     return Transfer(this, socket_, [&](ZNRSocket* s, std::uint64_t* err) {
@@ -332,7 +329,7 @@ ZNRUnknownDevice::~ZNRUnknownDevice() { ZNRUnknownDevice::Close(); }
 
 void ZNRUnknownDevice::SetError(std::uint64_t err) {
     ZNRDevice::SetError(err);
-    if (err == kEndOfStream) eof_ = true;
+    if (err == ZNR_ERROR_END_OF_STREAM) eof_ = true;
 }
 
 bool ZNRUnknownDevice::Open(ZNRDeviceParam* param) {
@@ -358,7 +355,7 @@ int ZNRUnknownDevice::Read(unsigned char* buf, int len) {
     int const n = ZNRFdRead(fd_, buf, len, &err);
     if (n > 0) return n;
     if (n == 0) {
-        SetError(kEndOfStream);
+        SetError(ZNR_ERROR_END_OF_STREAM);
         return -1;
     }
     if (ZNRFdWouldBlock(err)) return 0;
@@ -380,12 +377,12 @@ int ZNRUnknownDevice::Write(unsigned char const* buf, int len) {
 }
 
 bool ZNRUnknownDevice::CloseRead() {
-    SetError(kNotSupported);
+    SetError(ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 
 bool ZNRUnknownDevice::CloseWrite() {
-    SetError(kNotSupported);
+    SetError(ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 
@@ -422,12 +419,12 @@ int ZNRFakeDevice::Read(unsigned char* buf, int len) {
 int ZNRFakeDevice::Write(unsigned char const*, int len) { return len > 0 ? len : 0; }
 
 bool ZNRFakeDevice::CloseRead() {
-    SetError(kNotSupported);
+    SetError(ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 
 bool ZNRFakeDevice::CloseWrite() {
-    SetError(kNotSupported);
+    SetError(ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 
@@ -480,7 +477,7 @@ int ZNRPipe::Read(unsigned char* buf, int len, std::uint64_t* err) {
     int sys_err = 0;
     int const n = ZNRFdRead(read_fd_, buf, len, &sys_err);
     if (n > 0) return n;
-    if (err != nullptr) *err = n == 0 ? kEndOfStream : static_cast<std::uint64_t>(sys_err);
+    if (err != nullptr) *err = n == 0 ? ZNR_ERROR_END_OF_STREAM : static_cast<std::uint64_t>(sys_err);
     return -1;
 }
 

@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr std::uint32_t kErrorTooLarge = 49;
-constexpr std::uint32_t kErrorNoMemory = 50;
-
 ZNRMemAllocator* OrDefault(ZNRMemAllocator* allocator) {
     return allocator != nullptr ? allocator : ZNRMemAllocator::Default();
 }
@@ -80,7 +77,7 @@ void ZNRByteBuffer::AppendData(ZNRByteBuffer const& other) {
 // so a failure changes nothing.
 std::uint64_t ZNRByteBuffer::Reallocate(unsigned int capacity, unsigned int block_size) {
     unsigned char* block = static_cast<unsigned char*>(allocator_->Alloc(block_size, __FILE__, __LINE__));
-    if (block == nullptr) return ZNRUserError(kErrorNoMemory);
+    if (block == nullptr) return ZNR_ERROR_NO_MEMORY;
     if (count_ > capacity) count_ = capacity;
     if (count_ > 0) std::memcpy(block, data_, count_);
     if (data_ != nullptr) allocator_->Free(data_);
@@ -92,7 +89,7 @@ std::uint64_t ZNRByteBuffer::Reallocate(unsigned int capacity, unsigned int bloc
 
 std::uint64_t ZNRByteBuffer::ExtendCapacity(unsigned int n) {
     if (n == 0) return 0;
-    if (n > 0xFFFFFFFFu - capacity_) return ZNRUserError(kErrorTooLarge);
+    if (n > 0xFFFFFFFFu - capacity_) return ZNR_ERROR_TOO_LARGE;
     return SetCapacity(capacity_ + n);
 }
 

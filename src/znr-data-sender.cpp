@@ -8,13 +8,6 @@
 
 #include <string>
 
-namespace {
-
-// A line that cannot be turned into UTF-8.
-constexpr std::uint32_t kLineConvertError = 33;
-
-}  // namespace
-
 ZNRDataSender::ZNRDataSender(bool bigendian, int max_size)
     : pack_(new ZNRPack(8, max_size < 0 ? 0u : static_cast<unsigned int>(max_size), bigendian)) {}
 
@@ -85,7 +78,7 @@ std::uint64_t ZNRDataSender::CreateByLineProtocol(ZNRString const& line, bool do
     if (dos) ended.push_back('\r');
     ended.push_back('\n');
     std::string utf8;
-    if (!ended.ToUtf8Str(&utf8)) return ZNRUserError(kLineConvertError);
+    if (!ended.ToUtf8Str(&utf8)) return ZNR_ERROR_LINE_TEXT;
     // Like frames, a line past the output's limit is dropped silently.
     pack_->Concatenate(reinterpret_cast<unsigned char const*>(utf8.data()),
                        static_cast<unsigned int>(utf8.size()));

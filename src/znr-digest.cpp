@@ -11,10 +11,6 @@
 
 namespace {
 
-std::uint64_t const kNotReady = ZNRUserError(11);
-std::uint64_t const kTooLarge = ZNRUserError(49);
-std::uint64_t const kBadBase64 = ZNRUserError(51);
-
 EVP_MD_CTX* Ctx(void* p) { return static_cast<EVP_MD_CTX*>(p); }
 
 int Base64Value(unsigned short c) {
@@ -48,7 +44,7 @@ int CheckBase64(ZNRString const& text) {
 }  // namespace
 
 ZNRDigest::ZNRDigest(Algorithm_t algorithm)
-    : algorithm_(algorithm), ctx_(EVP_MD_CTX_new()), state_(kNotReady) {
+    : algorithm_(algorithm), ctx_(EVP_MD_CTX_new()), state_(ZNR_ERROR_NOT_READY) {
     Reset();
 }
 
@@ -62,14 +58,14 @@ unsigned int ZNRDigest::GetSize() const {
 std::uint64_t ZNRDigest::Reset() {
     EVP_MD const* const md = algorithm_ == ALGORITHM_MD5 ? EVP_md5() : EVP_sha1();
     bool const ok = ctx_ != nullptr && EVP_DigestInit_ex(Ctx(ctx_), md, nullptr) == 1;
-    state_ = ok ? 0 : kNotReady;
+    state_ = ok ? 0 : ZNR_ERROR_NOT_READY;
     return state_;
 }
 
 std::uint64_t ZNRDigest::Update(void const* data, unsigned int size) {
     if (state_ != 0) return state_;
     if (size == 0) return 0;
-    if (EVP_DigestUpdate(Ctx(ctx_), data, size) != 1) state_ = kNotReady;
+    if (EVP_DigestUpdate(Ctx(ctx_), data, size) != 1) state_ = ZNR_ERROR_NOT_READY;
     return state_;
 }
 
@@ -79,8 +75,8 @@ std::uint64_t ZNRDigest::Final(unsigned char* digest) {
     unsigned int n = 0;
     bool const ok = EVP_DigestFinal_ex(Ctx(ctx_), out, &n) == 1 && n == GetSize();
     // The context is spent either way; only Reset opens a new message.
-    state_ = kNotReady;
-    if (!ok) return kNotReady;
+    state_ = ZNR_ERROR_NOT_READY;
+    if (!ok) return ZNR_ERROR_NOT_READY;
     for (unsigned int i = 0; i < n; ++i) digest[i] = out[i];
     return 0;
 }
@@ -100,7 +96,7 @@ std::uint64_t ZNRDigest::FinalHex(ZNRString* hex) {
 }
 
 std::uint64_t ZNRBase64::Encode(void const* data, unsigned int size, ZNRString* out) {
-    if (size > INT_MAX / 4 * 3) return kTooLarge;
+    if (size > INT_MAX / 4 * 3) return ZNR_ERROR_TOO_LARGE;
     std::string text(4 * ((size + 2) / 3) + 1, '\0');
     int const n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
                                   static_cast<unsigned char const*>(data), static_cast<int>(size));
@@ -111,8 +107,8 @@ std::uint64_t ZNRBase64::Encode(void const* data, unsigned int size, ZNRString* 
 
 std::uint64_t ZNRBase64::Decode(ZNRString const& text, ZNRByteBuffer* out) {
     int const pad = CheckBase64(text);
-    if (pad < 0) return kBadBase64;
-    if (text.size() > INT_MAX) return kTooLarge;
+    if (pad < 0) return ZNR_ERROR_BAD_BASE64;
+    if (text.size() > INT_MAX) return ZNR_ERROR_TOO_LARGE;
     // Every code unit is ASCII now.
     std::string const ascii(text.begin(), text.end());
     unsigned int const full = text.size() / 4 * 3;
@@ -122,7 +118,7 @@ std::uint64_t ZNRBase64::Decode(ZNRString const& text, ZNRByteBuffer* out) {
     }
     int const n = EVP_DecodeBlock(out->GetData(), reinterpret_cast<unsigned char const*>(ascii.data()),
                                   static_cast<int>(ascii.size()));
-    if (n < 0) return kBadBase64;
+    if (n < 0) return ZNR_ERROR_BAD_BASE64;
     out->ResetDataCount(static_cast<unsigned int>(n - pad));
     return 0;
 }

@@ -6,13 +6,6 @@
 
 #include <cerrno>
 
-namespace {
-
-std::uint64_t const kNotLoaded = ZNRUserError(11);
-std::uint64_t const kLoaderFailed = ZNRUserError(52);
-
-}  // namespace
-
 ZNRDllLoader::ZNRDllLoader() : handle_(nullptr) {}
 
 ZNRDllLoader::~ZNRDllLoader() { Unload(); }
@@ -20,7 +13,7 @@ ZNRDllLoader::~ZNRDllLoader() { Unload(); }
 std::uint64_t ZNRDllLoader::Failed(std::string const& text) {
     // The loader speaks the process's own narrow encoding.
     error_text_ = ZNRString(text.c_str(), "");
-    return kLoaderFailed;
+    return ZNR_ERROR_LOAD_FAILED;
 }
 
 std::uint64_t ZNRDllLoader::Load(ZNRString const& path) {
@@ -39,7 +32,7 @@ std::uint64_t ZNRDllLoader::Load(ZNRString const& path) {
 
 std::uint64_t ZNRDllLoader::GetSymbol(char const* name, void** symbol) {
     if (name == nullptr || symbol == nullptr) return ZNRSysError(EINVAL);
-    if (handle_ == nullptr) return kNotLoaded;
+    if (handle_ == nullptr) return ZNR_ERROR_NOT_READY;
     std::string text;
     if (!ZNRDllSymbol(handle_, name, symbol, &text)) return Failed(text);
     error_text_.clear();

@@ -14,6 +14,13 @@ std::string ZNRPlatformErrorText(int err);
 // The C runtime's text for an errno value, in the process's narrow encoding.
 std::string ZNRCrtErrorText(int err);
 
+// The platform's symbolic name for an operating-system error number
+// ("ECONNREFUSED"); null when it has none.
+char const* ZNRPlatformErrorName(int err);
+
+// The C runtime's symbolic name for an errno value; null when it has none.
+char const* ZNRCrtErrorName(int err);
+
 // True for an operating-system error code that says the process or the
 // system ran out of descriptors or buffers: worth trying again later.
 bool ZNRPlatformIsShortage(std::uint64_t code);

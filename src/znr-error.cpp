@@ -6,6 +6,42 @@
 #include <cstdio>
 #include <cstdlib>
 
+namespace {
+
+struct ErrorEntry {
+    std::uint32_t number;
+    char const* name;
+    char const* meaning;
+};
+
+#define ZNR_ERROR_ENTRY(number, name, meaning) {number, "ZNR_ERROR_" #name, meaning},
+constexpr ErrorEntry kErrors[] = {ZNR_ERROR_LIST(ZNR_ERROR_ENTRY)};
+#undef ZNR_ERROR_ENTRY
+
+char const kUnknownName[] = "unknown";
+
+ErrorEntry const* FindError(std::uint32_t number) {
+    for (ErrorEntry const& entry : kErrors)
+        if (entry.number == number) return &entry;
+    return nullptr;
+}
+
+// Only codes the library builds (domain 1) carry its numbers.
+bool IsLibraryCode(std::uint64_t code) {
+    return ZNRErrorKind(code) == 2 && ZNRErrorDomain(code) == 1;
+}
+
+class ZNRErrorCategoryImpl : public std::error_category {
+public:
+    char const* name() const noexcept override { return "plexa"; }
+    std::string message(int number) const override {
+        ErrorEntry const* entry = number < 0 ? nullptr : FindError(static_cast<std::uint32_t>(number));
+        return entry != nullptr ? entry->meaning : "unknown error";
+    }
+};
+
+} // namespace
+
 extern "C" char const* ZNRGetVersion() { return PLEXA_VERSION_STRING; }
 
 std::uint64_t ZNRInit() { return ZNRPlatformInit(); }
@@ -61,4 +97,39 @@ std::string ZNRGetErrorText(std::uint64_t code) {
     ZNRString text;
     ZNRGetErrorMsg(code, &text);
     return text.ToStdCStr();
+}
+
+char const* ZNRGetErrorName(std::uint64_t code) {
+    if (code == ZNR_ERROR_NONE) return "ZNR_ERROR_NONE";
+    char const* name = nullptr;
+    int const number = static_cast<int>(ZNRErrorNumber(code));
+    switch (ZNRErrorKind(code)) {
+    case 0:
+        name = ZNRCrtErrorName(number);
+        break;
+    case 1:
+        name = ZNRPlatformErrorName(number);
+        break;
+    case 2:
+        if (ErrorEntry const* entry = IsLibraryCode(code) ? FindError(ZNRErrorNumber(code)) : nullptr)
+            name = entry->name;
+        break;
+    default:
+        break;
+    }
+    return name != nullptr ? name : kUnknownName;
+}
+
+std::error_category const& ZNRErrorCategory() {
+    static ZNRErrorCategoryImpl const category;
+    return category;
+}
+
+std::error_code ZNRMakeErrorCode(std::uint64_t code) {
+    int const number = static_cast<int>(ZNRErrorNumber(code));
+    if (code == ZNR_ERROR_NONE) return std::error_code();
+    if (ZNRErrorKind(code) == 0) return std::error_code(number, std::generic_category());
+    if (ZNRErrorKind(code) == 1) return std::error_code(number, std::system_category());
+    // -1 keeps a code of foreign origin from passing for a library error.
+    return std::error_code(IsLibraryCode(code) ? number : -1, ZNRErrorCategory());
 }

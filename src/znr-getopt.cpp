@@ -3,14 +3,6 @@
 
 #include <cstring>
 
-namespace {
-
-std::uint64_t const kInvalidParam = ZNRUserError(1);
-std::uint64_t const kUnknownOption = ZNRUserError(53);
-std::uint64_t const kBadArgument = ZNRUserError(54);
-
-}  // namespace
-
 ZNRGetopt::ZNRGetopt() : permute_(true) {}
 
 ZNRGetopt::~ZNRGetopt() {}
@@ -18,18 +10,18 @@ ZNRGetopt::~ZNRGetopt() {}
 std::uint64_t ZNRGetopt::AddOption(int id, char short_name, char const* long_name,
                                    Argument_t argument) {
     std::string const name = long_name != nullptr ? long_name : "";
-    if (short_name == 0 && name.empty()) return kInvalidParam;
+    if (short_name == 0 && name.empty()) return ZNR_ERROR_INVALID_PARAM;
     // Printable ASCII by value: the C library's classes follow the global locale.
     if (short_name != 0 && (short_name <= ' ' || short_name >= 0x7F || short_name == '-'))
-        return kInvalidParam;
-    if (name.find('=') != std::string::npos || name[0] == '-') return kInvalidParam;
+        return ZNR_ERROR_INVALID_PARAM;
+    if (name.find('=') != std::string::npos || name[0] == '-') return ZNR_ERROR_INVALID_PARAM;
     if (argument != ARGUMENT_NONE && argument != ARGUMENT_REQUIRED &&
         argument != ARGUMENT_OPTIONAL)
-        return kInvalidParam;
+        return ZNR_ERROR_INVALID_PARAM;
     for (Option const& o : *options_) {
         if ((short_name != 0 && o.short_name == short_name) ||
             (!name.empty() && o.long_name == name))
-            return kInvalidParam;
+            return ZNR_ERROR_INVALID_PARAM;
     }
     options_->push_back({id, short_name, name, argument});
     return 0;
@@ -39,7 +31,7 @@ std::uint64_t ZNRGetopt::Parse(int argc, char const* const* argv) {
     found_->clear();
     operands_->clear();
     error_text_->clear();
-    if (argc > 0 && argv == nullptr) return kInvalidParam;
+    if (argc > 0 && argv == nullptr) return ZNR_ERROR_INVALID_PARAM;
     bool options_ended = false;
     for (int i = 1; i < argc && argv[i] != nullptr; ++i) {
         char const* const arg = argv[i];
@@ -70,12 +62,12 @@ std::uint64_t ZNRGetopt::ParseLong(char const* arg, int argc, char const* const*
     std::string const shown = "'--" + option->long_name + "'";
     if (eq != nullptr) {
         if (option->argument == ARGUMENT_NONE)
-            return Fail(kBadArgument, "option " + shown + " doesn't allow an argument");
+            return Fail(ZNR_ERROR_OPTION_ARGUMENT, "option " + shown + " doesn't allow an argument");
         Add(*option, eq + 1);
     } else if (option->argument == ARGUMENT_REQUIRED) {
         // Taken as it is, even when it looks like an option: "--name -x".
         if (*index + 1 >= argc || argv[*index + 1] == nullptr)
-            return Fail(kBadArgument, "option " + shown + " needs an argument");
+            return Fail(ZNR_ERROR_OPTION_ARGUMENT, "option " + shown + " needs an argument");
         Add(*option, argv[++*index]);
     } else {
         Add(*option, nullptr);
@@ -87,7 +79,7 @@ std::uint64_t ZNRGetopt::ParseShort(char const* arg, int argc, char const* const
                                     int* index) {
     for (char const* p = arg + 1; *p != '\0'; ++p) {
         Option const* const option = FindShort(*p);
-        if (option == nullptr) return Fail(kUnknownOption, std::string("unknown option '-") + *p + "'");
+        if (option == nullptr) return Fail(ZNR_ERROR_UNKNOWN_OPTION, std::string("unknown option '-") + *p + "'");
         if (option->argument == ARGUMENT_NONE) {
             Add(*option, nullptr);
             continue;
@@ -98,7 +90,7 @@ std::uint64_t ZNRGetopt::ParseShort(char const* arg, int argc, char const* const
         } else if (option->argument == ARGUMENT_OPTIONAL) {
             Add(*option, nullptr);
         } else if (*index + 1 >= argc || argv[*index + 1] == nullptr) {
-            return Fail(kBadArgument, std::string("option '-") + *p + "' needs an argument");
+            return Fail(ZNR_ERROR_OPTION_ARGUMENT, std::string("option '-") + *p + "' needs an argument");
         } else {
             Add(*option, argv[++*index]);
         }
@@ -132,8 +124,8 @@ std::uint64_t ZNRGetopt::FindLong(std::string const& name, Option const** out) {
         *out = prefixed;
         return 0;
     }
-    if (prefix_count > 1) return Fail(kUnknownOption, "option '--" + name + "' is ambiguous");
-    return Fail(kUnknownOption, "unknown option '--" + name + "'");
+    if (prefix_count > 1) return Fail(ZNR_ERROR_UNKNOWN_OPTION, "option '--" + name + "' is ambiguous");
+    return Fail(ZNR_ERROR_UNKNOWN_OPTION, "unknown option '--" + name + "'");
 }
 
 std::uint64_t ZNRGetopt::Fail(std::uint64_t code, std::string const& text) {

@@ -9,16 +9,14 @@
 
 namespace {
 
-std::uint64_t const kInvalidParam = ZNRUserError(1);
-std::uint64_t const kControlChar = ZNRUserError(55);
 std::uint64_t const kUnixEpochTick = 11644473600000ULL;  // 1970 in ZNRGetSysTick's count
 
 // UTF-8 of s, refusing the characters that would end a header line or the
 // C string a peer might keep it in.
 std::uint64_t Utf8(ZNRString const& s, std::string* out) {
     out->clear();
-    if (!s.ToUtf8Str(out)) return kInvalidParam;
-    if (out->find_first_of(std::string("\r\n\0", 3)) != std::string::npos) return kControlChar;
+    if (!s.ToUtf8Str(out)) return ZNR_ERROR_INVALID_PARAM;
+    if (out->find_first_of(std::string("\r\n\0", 3)) != std::string::npos) return ZNR_ERROR_CONTROL_CHAR;
     return 0;
 }
 
@@ -71,7 +69,7 @@ std::uint64_t BasicCredentials(ZNRString const& user, ZNRString const& password,
     std::uint64_t rc = Utf8(user, &u);
     if (rc == 0) rc = Utf8(password, &p);
     if (rc != 0) return rc;
-    if (u.find(':') != std::string::npos) return kInvalidParam;
+    if (u.find(':') != std::string::npos) return ZNR_ERROR_INVALID_PARAM;
     std::string const plain = u + ":" + p;
     std::string encoded(4 * ((plain.size() + 2) / 3) + 1, '\0');
     int const n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
@@ -232,9 +230,9 @@ std::uint64_t ZNRHttpCookie::Parse(ZNRString const& line, ZNRString const& reque
     std::size_t const semicolon = text.find(';');
     std::string const pair = text.substr(0, semicolon);
     std::size_t const eq = pair.find('=');
-    if (eq == std::string::npos) return kInvalidParam;
+    if (eq == std::string::npos) return ZNR_ERROR_INVALID_PARAM;
     std::string const name = Trimmed(pair.substr(0, eq));
-    if (name.empty()) return kInvalidParam;
+    if (name.empty()) return ZNR_ERROR_INVALID_PARAM;
 
     ZNRHttpCookie c;
     *c.name_ = name;
@@ -271,7 +269,7 @@ std::uint64_t ZNRHttpCookie::Parse(ZNRString const& line, ZNRString const& reque
         }
     }
     if (!domain.empty()) {
-        if (!DomainMatches(host, domain)) return kInvalidParam;
+        if (!DomainMatches(host, domain)) return ZNR_ERROR_INVALID_PARAM;
         c.host_only_ = false;
         *c.domain_ = domain;
     } else {
@@ -320,7 +318,7 @@ std::uint64_t ZNRHttpRequest::SetMethod(ZNRString const& method) {
     std::string m;
     std::uint64_t const rc = Utf8(method, &m);
     if (rc != 0) return rc;
-    if (!IsToken(m)) return kInvalidParam;
+    if (!IsToken(m)) return ZNR_ERROR_INVALID_PARAM;
     *method_ = m;
     return 0;
 }
@@ -329,10 +327,10 @@ std::uint64_t ZNRHttpRequest::SetHost(ZNRString const& host, unsigned short port
     std::string h;
     std::uint64_t const rc = Utf8(host, &h);
     if (rc != 0) return rc;
-    if (h.empty() || h.find_first_of(" \t/?#@") != std::string::npos) return kInvalidParam;
+    if (h.empty() || h.find_first_of(" \t/?#@") != std::string::npos) return ZNR_ERROR_INVALID_PARAM;
     // Two colons or more make an IPv6 address; one would be a port, which has its own argument.
     auto const colons = std::count(h.begin(), h.end(), ':');
-    if (colons == 1) return kInvalidParam;
+    if (colons == 1) return ZNR_ERROR_INVALID_PARAM;
     if (colons > 1 && h[0] != '[') h = "[" + h + "]";
     *host_ = h;
     port_ = port;
@@ -344,7 +342,7 @@ std::uint64_t ZNRHttpRequest::SetPath(ZNRString const& path) {
     std::string p;
     std::uint64_t const rc = Utf8(path, &p);
     if (rc != 0) return rc;
-    if (p.empty() || p[0] != '/') return kInvalidParam;
+    if (p.empty() || p[0] != '/') return ZNR_ERROR_INVALID_PARAM;
     *path_ = Encode(p, "/:@!$&'()*+,;=");
     return 0;
 }
@@ -355,7 +353,7 @@ std::uint64_t ZNRHttpRequest::AddQuery(ZNRString const& name, ZNRString const& v
     std::uint64_t rc = Utf8(name, &n);
     if (rc == 0) rc = Utf8(value, &v);
     if (rc != 0) return rc;
-    if (n.empty()) return kInvalidParam;
+    if (n.empty()) return ZNR_ERROR_INVALID_PARAM;
     if (!query_->empty()) *query_ += '&';
     *query_ += Encode(n, "") + "=" + Encode(v, "");
     return 0;
@@ -367,7 +365,7 @@ std::uint64_t ZNRHttpRequest::AddHeader(ZNRString const& name, ZNRString const& 
     std::uint64_t rc = Utf8(name, &n);
     if (rc == 0) rc = Utf8(value, &v);
     if (rc != 0) return rc;
-    if (!IsToken(n) || SameNoCase(n, "Host") || SameNoCase(n, "Content-Length")) return kInvalidParam;
+    if (!IsToken(n) || SameNoCase(n, "Host") || SameNoCase(n, "Content-Length")) return ZNR_ERROR_INVALID_PARAM;
     headers_->emplace_back(n, v);
     return 0;
 }
@@ -381,7 +379,7 @@ std::uint64_t ZNRHttpRequest::SetProxyAuth(ZNRString const& user, ZNRString cons
 }
 
 std::uint64_t ZNRHttpRequest::SetRange(std::uint64_t first, std::uint64_t last) {
-    if (last < first) return kInvalidParam;
+    if (last < first) return ZNR_ERROR_INVALID_PARAM;
     range_kind_ = RANGE_SPAN;
     range_first_ = first;
     range_last_ = last;
@@ -394,7 +392,7 @@ void ZNRHttpRequest::SetRangeFrom(std::uint64_t first) {
 }
 
 std::uint64_t ZNRHttpRequest::SetRangeSuffix(std::uint64_t length) {
-    if (length == 0) return kInvalidParam;
+    if (length == 0) return ZNR_ERROR_INVALID_PARAM;
     range_kind_ = RANGE_SUFFIX;
     range_last_ = length;
     return 0;
@@ -422,7 +420,7 @@ std::string ZNRHttpRequest::Authority(bool with_default_port) const {
 }
 
 std::uint64_t ZNRHttpRequest::Build(std::string* out, std::int64_t now) const {
-    if (out == nullptr || host_->empty()) return kInvalidParam;
+    if (out == nullptr || host_->empty()) return ZNR_ERROR_INVALID_PARAM;
     if (now < 0) now = static_cast<std::int64_t>((ZNRGetSysTick() - kUnixEpochTick) / 1000);
 
     std::vector<std::pair<std::string, std::string>> own;
@@ -453,7 +451,7 @@ std::uint64_t ZNRHttpRequest::Build(std::string* out, std::int64_t now) const {
     if (has_body_) own.emplace_back("Content-Length", std::to_string(body_->size()));
     for (auto const& mine : own) {
         for (auto const& added : *headers_) {
-            if (SameNoCase(mine.first, added.first)) return kInvalidParam;
+            if (SameNoCase(mine.first, added.first)) return ZNR_ERROR_INVALID_PARAM;
         }
     }
 

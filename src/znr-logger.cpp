@@ -161,7 +161,7 @@ ZNRNormalLoggerWriter::~ZNRNormalLoggerWriter() {
 void ZNRNormalLoggerWriter::Destroy() { delete this; }
 
 std::uint64_t ZNRNormalLoggerWriter::SetOption(unsigned int id, void const* value, unsigned int size) {
-    if (id > OPT_FILE_NAME) return ZNRUserError(2);
+    if (id > OPT_FILE_NAME) return ZNR_ERROR_UNKNOWN_OPTION_ID;
     if (value == nullptr) return ZNRCrtError(EINVAL);
     std::optional<ZNRGuardSpinLock> guard;
     if (ZNRThreadMutex const* lock = LoggerLock()) guard.emplace(lock, __FILE__, __LINE__);
@@ -190,7 +190,7 @@ std::uint64_t ZNRNormalLoggerWriter::SetOption(unsigned int id, void const* valu
 }
 
 std::uint64_t ZNRNormalLoggerWriter::GetOption(unsigned int id, void* value, unsigned int size) {
-    if (id > OPT_FILE_NAME) return ZNRUserError(2);
+    if (id > OPT_FILE_NAME) return ZNR_ERROR_UNKNOWN_OPTION_ID;
     if (value == nullptr) return ZNRCrtError(EINVAL);
     std::optional<ZNRGuardSpinLock> guard;
     if (ZNRThreadMutex const* lock = LoggerLock()) guard.emplace(lock, __FILE__, __LINE__);

@@ -9,10 +9,6 @@
 
 namespace {
 
-constexpr std::uint64_t kErrorOverLimit = 19;
-constexpr std::uint64_t kErrorReplaceRange = 20;
-constexpr std::uint64_t kErrorText = 21;
-
 // Writes the low `width` bytes of value, least significant first unless
 // bigendian.
 template <class T>
@@ -65,7 +61,7 @@ std::uint64_t ZNRPack::Reserve(unsigned int size) {
 }
 
 std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
-    if (!Fits(size)) return ZNRUserError(kErrorOverLimit);
+    if (!Fits(size)) return ZNR_ERROR_PACK_OVER_LIMIT;
     std::uint64_t const error = Reserve(size);
     if (error != 0) return error;
     buffer_->AppendData(data, size);
@@ -95,7 +91,7 @@ ZNR_PACK_PUSH(std::uint64_t)
 
 std::uint64_t ZNRPack::Push(ZNRString const& value) {
     std::string utf8;
-    if (!value.ToUtf8Str(&utf8) || utf8.size() >= 0xFFFFFFFFu) return ZNRUserError(kErrorText);
+    if (!value.ToUtf8Str(&utf8) || utf8.size() >= 0xFFFFFFFFu) return ZNR_ERROR_PACK_TEXT;
     unsigned int const count = static_cast<unsigned int>(utf8.size()) + 1;
     std::uint64_t const error = Push(count);
     if (error != 0) return error;
@@ -104,7 +100,7 @@ std::uint64_t ZNRPack::Push(ZNRString const& value) {
 }
 
 std::uint64_t ZNRPack::Push(std::string const& value) {
-    if (value.size() > 0xFFFF) return ZNRUserError(kErrorText);
+    if (value.size() > 0xFFFF) return ZNR_ERROR_PACK_TEXT;
     unsigned int const length = static_cast<unsigned int>(value.size());
     std::uint64_t const error = Push(static_cast<unsigned short>(length));
     if (error != 0) return error;
@@ -130,7 +126,7 @@ std::uint64_t ZNRPack::Concatenate(ZNRPack const& other) {
 }
 
 std::uint64_t ZNRPack::Concatenate(unsigned char const* data, unsigned int size) {
-    if (!Fits(size)) return ZNRUserError(kErrorOverLimit);
+    if (!Fits(size)) return ZNR_ERROR_PACK_OVER_LIMIT;
     if (size == 0 || data == nullptr) return 0;
     return Append(data, size);
 }
@@ -140,7 +136,7 @@ std::uint64_t ZNRPack::Replace(unsigned int offset, unsigned char const* data, u
     // On an empty pack only a replacement of nothing succeeds.
     bool const out_of_range =
         count == 0 ? size > 0 : (offset > count - 1 || count - offset < size);
-    if (out_of_range) return ZNRUserError(kErrorReplaceRange);
+    if (out_of_range) return ZNR_ERROR_PACK_RANGE;
     if (size > 0 && data != nullptr) std::memmove(buffer_->GetData() + offset, data, size);
     return 0;
 }

@@ -13,12 +13,6 @@
 
 namespace {
 
-std::uint64_t const kEndOfStream = ZNRUserError(4);
-std::uint64_t const kSendOverflow = ZNRUserError(8);
-std::uint64_t const kRecvOverflow = ZNRUserError(9);
-std::uint64_t const kNotSupported = ZNRUserError(37);
-std::uint64_t const kBadOffset = ZNRUserError(48);
-
 // Connections a listener takes from its backlog per completion. One per
 // completion would take one per pass over every busy connection of the
 // loop, and a backlog filling faster than that overflows.
@@ -101,7 +95,7 @@ std::uint64_t ZNRReactorIOCPDeviceBase::CloseWrite() {
 
 std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
     ZNRAsyncIO* const io = GetAsyncIO();
-    if (io == nullptr) return kNotSupported;
+    if (io == nullptr) return ZNR_ERROR_NOT_SUPPORTED;
     std::uint64_t rc = io->ResetReadIOStatus();
     if (rc != 0) return rc;
     unsigned int const count = recv_buffer_.GetDataCount();
@@ -110,7 +104,7 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
         ZNR_LOG(ERROR,
                 "IOCP device recv buffer is overflow, current_size=%d max_size=%d desc_info=\"%s\"",
                 static_cast<int>(count), recv_buff_max_size_, Narrow(desc_).c_str());
-        return kRecvOverflow;
+        return ZNR_ERROR_RECV_OVERFLOW;
     }
     unsigned int const grow = static_cast<unsigned int>(recv_buff_grow_size_);
     if (recv_buffer_.GetFreeCapacity() < grow) {
@@ -207,7 +201,7 @@ bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error)
                 "max_size=%d desc_info=\"%s\"",
                 queued, send_buff_max_size_, Narrow(desc_).c_str());
         delete buffer;
-        SetError(error, kSendOverflow);
+        SetError(error, ZNR_ERROR_SEND_OVERFLOW);
         return false;
     }
     send_queue_.push_back(buffer);
@@ -221,7 +215,7 @@ bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error)
 
 std::uint64_t ZNRReactorIOCPDeviceBase::PostSend() {
     ZNRAsyncIO* const io = GetAsyncIO();
-    if (io == nullptr) return kNotSupported;
+    if (io == nullptr) return ZNR_ERROR_NOT_SUPPORTED;
     std::uint64_t const rc = io->ResetWriteIOStatus();
     if (rc != 0) return rc;
     ZNRByteBuffer* const front = send_queue_.front();
@@ -303,9 +297,9 @@ bool ZNRReactorIOCPNormalDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* erro
 bool ZNRReactorIOCPNormalDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
     if (bytes == 0) {
         // The peer ended the stream in order.
-        device_->SetError(kEndOfStream);
+        device_->SetError(ZNR_ERROR_END_OF_STREAM);
         handler_->OnError();
-        SetError(error, kEndOfStream);
+        SetError(error, ZNR_ERROR_END_OF_STREAM);
         return false;
     }
     recv_buffer_.ResetDataCount(recv_buffer_.GetDataCount() + static_cast<unsigned int>(bytes));
@@ -322,7 +316,7 @@ bool ZNRReactorIOCPNormalDevice::Deliver(std::uint64_t* error) {
                 "Invalid recv buffer offset, above data handler may be received a invalid "
                 "package,current_recv_buff_size=%u, offset=%d, desc_info=\"%s\"",
                 count, offset, Narrow(desc_).c_str());
-        SetError(error, kBadOffset);
+        SetError(error, ZNR_ERROR_BAD_OFFSET);
         return false;
     }
     recv_buffer_.CutData(static_cast<unsigned int>(offset));
@@ -462,9 +456,9 @@ ZNRReactorIOCPFakeDevice::~ZNRReactorIOCPFakeDevice() { ReleaseHandler(reactor_,
 
 void ZNRReactorIOCPFakeDevice::Destroy() { delete this; }
 
-std::uint64_t ZNRReactorIOCPFakeDevice::CloseWrite() { return kNotSupported; }
+std::uint64_t ZNRReactorIOCPFakeDevice::CloseWrite() { return ZNR_ERROR_NOT_SUPPORTED; }
 
-std::uint64_t ZNRReactorIOCPFakeDevice::Recv() { return kNotSupported; }
+std::uint64_t ZNRReactorIOCPFakeDevice::Recv() { return ZNR_ERROR_NOT_SUPPORTED; }
 
 bool ZNRReactorIOCPFakeDevice::Send(ZNRByteBuffer* buffer, std::uint64_t*) {
     int offset = 0;
@@ -507,7 +501,7 @@ std::uint64_t ZNRReactorIOCPLoopEventReadDevice::Recv() {
 
 bool ZNRReactorIOCPLoopEventReadDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
     delete buffer;
-    SetError(error, kNotSupported);
+    SetError(error, ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 
@@ -532,11 +526,11 @@ ZNRReactorIOCPLoopEventWriteDevice::ZNRReactorIOCPLoopEventWriteDevice(ZNRReacto
                                                                        std::uint32_t id, int fd)
     : ZNRReactorIOCPDeviceBase(reactor, id, nullptr), fd_(fd) {}
 
-std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Recv() { return kNotSupported; }
+std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Recv() { return ZNR_ERROR_NOT_SUPPORTED; }
 
 bool ZNRReactorIOCPLoopEventWriteDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
     delete buffer;
-    SetError(error, kNotSupported);
+    SetError(error, ZNR_ERROR_NOT_SUPPORTED);
     return false;
 }
 

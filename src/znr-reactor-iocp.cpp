@@ -20,13 +20,6 @@
 namespace {
 
 std::uint64_t const kNoId = ZNR_ERROR_FAILED_ID;
-std::uint64_t const kSendOverflow = ZNRUserError(8);
-std::uint64_t const kNotReady = ZNRUserError(11);
-std::uint64_t const kNoDevice = ZNRUserError(12);
-std::uint64_t const kTimedOut = ZNRUserError(17);
-std::uint64_t const kSendNotFound = ZNRUserError(38);
-std::uint64_t const kQueueFull = ZNRUserError(39);
-std::uint64_t const kIdOverflow = ZNRUserError(40);
 std::uint32_t const kNoDeviceId = 0xFFFFFFFFu;
 std::uint64_t const kNearTimerMs = 1;
 
@@ -169,7 +162,7 @@ std::uint64_t ZNRReactorIOCP::Init() {
 // wait for a completion (as long as PlanWait said), hand it to its
 // device, run the due timers, destroy what was closed, plan the next wait.
 std::uint64_t ZNRReactorIOCP::Open() {
-    if (engine_ == nullptr) return kNotReady;
+    if (engine_ == nullptr) return ZNR_ERROR_NOT_READY;
     loop_thread_ = ZNRThreadMgr::Instance()->GetCurrent();
     std::uint64_t error = 0;
     EndTurn();
@@ -191,7 +184,7 @@ std::uint64_t ZNRReactorIOCP::Open() {
 bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
     ZNRCompletion completion{};
     std::uint64_t const rc = engine_->Wait(next_wait_, &completion);
-    if (rc == kTimedOut) {
+    if (rc == ZNR_ERROR_TIMED_OUT) {
         idle_wakeups_.fetch_add(1, std::memory_order_relaxed);
     } else if (rc != 0) {
         *error = rc;
@@ -315,9 +308,9 @@ std::uint64_t ZNRReactorIOCP::RegisterLoopEvent(ZNRReactorLoopEvent* event) {
 std::uint64_t ZNRReactorIOCP::AdmitLocked(bool bounded) {
     if (write_device_ == nullptr) {
         ZNR_LOG(ERROR, "Can not register loop event to reactor, not ready?");
-        return kNotReady;
+        return ZNR_ERROR_NOT_READY;
     }
-    return bounded && queued_count_ >= queue_max_ ? kQueueFull : 0;
+    return bounded && queued_count_ >= queue_max_ ? ZNR_ERROR_QUEUE_FULL : 0;
 }
 
 // A wake-up is owed only while none is pending: until the loop finds the
@@ -355,13 +348,13 @@ std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* d
         rc = AdmitLocked(true);
         if (rc == 0 && known && static_cast<long long>(held) + size > max) {
             desc = Narrow(*budget->second.desc);
-            rc = kSendOverflow;
+            rc = ZNR_ERROR_SEND_OVERFLOW;
         } else if (rc == 0) {
             rc = QueueLocked(event);
             if (rc == 0 && known) budget->second.queued += size;
         }
     }
-    if (rc == kSendOverflow) {
+    if (rc == ZNR_ERROR_SEND_OVERFLOW) {
         ZNR_LOG(ERROR,
                 "Can not send data to iocp device, send buffer is overflow, current_size=%d "
                 "max_size=%d desc_info=\"%s\"",
@@ -467,7 +460,7 @@ std::uint64_t ZNRReactorIOCP::UnregisterTimer(std::uint64_t timer_id) {
 // ---------------------------------------------------------------- devices
 
 std::uint64_t ZNRReactorIOCP::AddIOCPEvent(ZNRDevice* device, std::uint32_t key) {
-    if (engine_ == nullptr) return kNotReady;
+    if (engine_ == nullptr) return ZNR_ERROR_NOT_READY;
     auto* const io = dynamic_cast<ZNRAsyncIO*>(device);
     if (io == nullptr) return ZNRSysError(EINVAL);
     return engine_->Associate(device->GetFd(), key, io);
@@ -486,7 +479,7 @@ std::uint64_t ZNRReactorIOCP::RegisterDevice(ZNRDevice* device, ZNRDeviceHandler
     id_allocator_.AllocULONGNumId(&id);
     if (devices_->count(id) != 0 || id == read_device_id_) {
         ZNR_LOG(ERROR, "IOCP reactor device id is overflow!");
-        return fail(kIdOverflow);
+        return fail(ZNR_ERROR_ID_OVERFLOW);
     }
     int const type = device->GetType();
     if (type != ZNRDevice::TYPE_FAKE) {
@@ -561,11 +554,11 @@ bool ZNRReactorIOCP::IsDeviceExist(std::uint64_t device_id) {
 }
 
 std::uint64_t ZNRReactorIOCP::UnregisterDevice(std::uint64_t device_id) {
-    if ((device_id >> 32) != 0) return kNoDevice;
+    if ((device_id >> 32) != 0) return ZNR_ERROR_NO_DEVICE;
     if (!IsLoopThread() && loop_thread_.load() != nullptr) {
         return SendData(device_id, nullptr, 0);
     }
-    if (!IsDeviceExist(device_id)) return kNoDevice;
+    if (!IsDeviceExist(device_id)) return ZNR_ERROR_NO_DEVICE;
     DelIOCPDevice(static_cast<std::uint32_t>(device_id));
     return 0;
 }
@@ -596,7 +589,7 @@ void ZNRReactorIOCP::DestroyClosed() {
 }
 
 std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char const* data, int size) {
-    if ((device_id >> 32) != 0) return kNoDevice;
+    if ((device_id >> 32) != 0) return ZNR_ERROR_NO_DEVICE;
     if (size < 0 || (data == nullptr && size > 0)) return ZNRSysError(EINVAL);
     std::uint32_t const id = static_cast<std::uint32_t>(device_id);
     if (!IsLoopThread()) return QueueSend(id, data, size);
@@ -605,7 +598,7 @@ std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char co
         dispatching_ != nullptr && dispatching_->GetId() == id ? dispatching_ : FindDevice(id);
     if (device == nullptr) {
         ZNR_LOG(ERROR, "Can not send data to device which not found, id=%u", id);
-        return kSendNotFound;
+        return ZNR_ERROR_SEND_NO_DEVICE;
     }
     std::uint64_t error = 0;
     if (size != 0 && device->Send(data, size, &error)) return 0;

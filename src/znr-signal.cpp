@@ -8,8 +8,6 @@
 
 namespace {
 
-std::uint64_t const kInvalidParam = ZNRUserError(1);
-
 struct Connection;
 typedef std::shared_ptr<Connection> ConnectionPtr;
 typedef std::vector<ConnectionPtr> Items;
@@ -194,7 +192,7 @@ void ZNRSignalBase::Call(Invoke_t invoke, void* args) const {
 }
 
 std::uint64_t ZNRSignalBase::Refuse(std::uint64_t* error) {
-    if (error != nullptr) *error = kInvalidParam;
+    if (error != nullptr) *error = ZNR_ERROR_INVALID_PARAM;
     return ZNR_ERROR_FAILED_ID;
 }
 

@@ -9,13 +9,6 @@
 
 namespace {
 
-constexpr std::uint64_t kErrorReserved = 24;
-constexpr std::uint64_t kErrorCompressFlag = 25;
-constexpr std::uint64_t kErrorLength = 26;
-constexpr std::uint64_t kErrorNoHeader = 27;
-constexpr std::uint64_t kErrorCompress = 28;
-constexpr std::uint64_t kErrorBody = 29;
-
 std::atomic<unsigned int> g_default_max_inflate_size{ZNRTransMessage::DEFAULT_MAX_INFLATE_SIZE};
 
 void EncodeLength(unsigned int length, unsigned char* out) {
@@ -25,7 +18,7 @@ void EncodeLength(unsigned int length, unsigned char* out) {
 }
 
 ZNRTransMessage::ParseResult_t Fail(std::uint64_t code, std::uint64_t* error) {
-    if (error != nullptr) *error = ZNRUserError(code);
+    if (error != nullptr) *error = code;
     return ZNRTransMessage::PARSE_ERROR;
 }
 
@@ -78,9 +71,9 @@ unsigned char const* ZNRTransMessage::GetData() const {
 }
 
 std::uint64_t ZNRTransMessage::SetHeader(Header const& header) {
-    if (header.reserved > 15) return ZNRUserError(kErrorReserved);
-    if (header.compress_flag > COMPRESS_FLAG_GZIP) return ZNRUserError(kErrorCompressFlag);
-    if (header.length > MAX_LENGTH) return ZNRUserError(kErrorLength);
+    if (header.reserved > 15) return ZNR_ERROR_TRANS_RESERVED;
+    if (header.compress_flag > COMPRESS_FLAG_GZIP) return ZNR_ERROR_TRANS_COMPRESS_FLAG;
+    if (header.length > MAX_LENGTH) return ZNR_ERROR_TRANS_LENGTH;
 
     unsigned int const word = (header.bigendian ? 0x8000u : 0u) | (header.reserved << 11) |
                               (static_cast<unsigned int>(header.compress_flag) << 9);
@@ -95,7 +88,7 @@ std::uint64_t ZNRTransMessage::SetHeader(Header const& header) {
 }
 
 std::uint64_t ZNRTransMessage::SetData(unsigned char const* data, unsigned int* out_length) {
-    if (frame_.GetDataCount() < HEADER_SIZE) return ZNRUserError(kErrorNoHeader);
+    if (frame_.GetDataCount() < HEADER_SIZE) return ZNR_ERROR_TRANS_NO_HEADER;
     Header& header = header_->header;
 
     if (header.compress_flag == COMPRESS_FLAG_NONE) {
@@ -109,12 +102,12 @@ std::uint64_t ZNRTransMessage::SetData(unsigned char const* data, unsigned int* 
     ZNRGzip gzip;
     if (!gzip.Open(true)) {
         ZNR_LOG(WARNING, "Can not open gzip stream to compress trans message data");
-        return ZNRUserError(kErrorCompress);
+        return ZNR_ERROR_TRANS_COMPRESS;
     }
     ZNRByteBuffer compressed;
     if (!gzip.Compress(data, static_cast<int>(header.length), &compressed, true)) {
         ZNR_LOG(WARNING, "Can not use gzip to compress trans message data");
-        return ZNRUserError(kErrorCompress);
+        return ZNR_ERROR_TRANS_COMPRESS;
     }
     unsigned int const size = compressed.GetDataCount();
     if (size > MAX_LENGTH) {
@@ -122,7 +115,7 @@ std::uint64_t ZNRTransMessage::SetData(unsigned char const* data, unsigned int* 
                 "Can not set gzip compress data to trans message, compressed data is too large!, "
                 "                            before compress=%u compressed=%u",
                 header.length, size);
-        return ZNRUserError(kErrorCompress);
+        return ZNR_ERROR_TRANS_COMPRESS;
     }
     frame_.SetCapacity(HEADER_SIZE + size);
     frame_.ResetDataCount(HEADER_SIZE);
@@ -170,11 +163,11 @@ ZNRGzip* ThreadRawInflater() {
 ZNRTransMessage::ParseResult_t ZNRTransMessage::ParseGzipBody(unsigned char const* data,
                                                               unsigned int size, ZNRByteBuffer* out,
                                                               std::uint64_t* error) {
-    if (frame_.GetDataCount() < HEADER_SIZE) return Fail(kErrorNoHeader, error);
+    if (frame_.GetDataCount() < HEADER_SIZE) return Fail(ZNR_ERROR_TRANS_NO_HEADER, error);
     Header const& header = header_->header;
-    if (header.compress_flag != COMPRESS_FLAG_GZIP) return Fail(kErrorBody, error);
+    if (header.compress_flag != COMPRESS_FLAG_GZIP) return Fail(ZNR_ERROR_TRANS_BODY, error);
     if (size < header.length) return PARSE_NEED_MORE;
-    if (out == nullptr || (data == nullptr && header.length > 0)) return Fail(kErrorBody, error);
+    if (out == nullptr || (data == nullptr && header.length > 0)) return Fail(ZNR_ERROR_TRANS_BODY, error);
 
     ZNRGzip* const gzip = ThreadRawInflater();
     bool finished = false;
@@ -184,7 +177,7 @@ ZNRTransMessage::ParseResult_t ZNRTransMessage::ParseGzipBody(unsigned char cons
         !finished) {
         // Partial output of a bad body is not left behind.
         out->ResetDataCount(kept);
-        return Fail(kErrorBody, error);
+        return Fail(ZNR_ERROR_TRANS_BODY, error);
     }
     return PARSE_OK;
 }

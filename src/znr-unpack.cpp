@@ -10,9 +10,6 @@
 
 namespace {
 
-constexpr std::uint64_t kErrorShort = 22;
-constexpr std::uint64_t kErrorText = 23;
-
 // Always little-endian: the byte-order flag is not consulted.
 template <class T>
 T Decode(unsigned char const* in) {
@@ -63,7 +60,7 @@ void ZNRUnpack::CopyFrom(ZNRUnpack const& other) {
 }
 
 std::uint64_t ZNRUnpack::PopFixed(void* value, unsigned int size) {
-    if (Remain() < size) return ZNRUserError(kErrorShort);
+    if (Remain() < size) return ZNR_ERROR_UNPACK_SHORT;
     std::memcpy(value, Data() + position_, size);
     position_ += size;
     return 0;
@@ -90,15 +87,15 @@ ZNR_UNPACK_POP(std::uint64_t)
 std::uint64_t ZNRUnpack::Pop(ZNRString* value) {
     if (Remain() < 4) {
         ZNR_LOG(DEBUG, "Unpack string size error");
-        return ZNRUserError(kErrorShort);
+        return ZNR_ERROR_UNPACK_SHORT;
     }
     unsigned int count = 0;
     Pop(&count);
-    if (Remain() < count) return ZNRUserError(kErrorShort);
+    if (Remain() < count) return ZNR_ERROR_UNPACK_SHORT;
     // With a count of 0 the byte tested is the last byte of the count.
     if (Data()[position_ + count - 1] != 0) {
         ZNR_LOG(DEBUG, "Unpack string error, can not find string tail!, size=%u", count);
-        return ZNRUserError(kErrorText);
+        return ZNR_ERROR_UNPACK_TEXT;
     }
     // The terminator bounds the text; a count of 0 has none inside the
     // field, so the scan stops at the end of the data.
@@ -108,7 +105,7 @@ std::uint64_t ZNRUnpack::Pop(ZNRString* value) {
         zero != nullptr ? static_cast<unsigned char const*>(zero) - text : Remain();
     if (!value->NewFromUtf8Str(std::string(reinterpret_cast<char const*>(text), length))) {
         ZNR_LOG(DEBUG, "Unpack string error, can not convert utf8 string to locale!");
-        return ZNRUserError(kErrorText);
+        return ZNR_ERROR_UNPACK_TEXT;
     }
     position_ += count;
     return 0;
@@ -118,7 +115,7 @@ std::uint64_t ZNRUnpack::Pop(std::string* value) {
     unsigned short length = 0;
     std::uint64_t const error = Pop(&length);
     if (error != 0) return error;
-    if (Remain() < length) return ZNRUserError(kErrorShort);
+    if (Remain() < length) return ZNR_ERROR_UNPACK_SHORT;
     value->assign(reinterpret_cast<char const*>(Data() + position_), length);
     position_ += length;
     return 0;
@@ -128,7 +125,7 @@ std::uint64_t ZNRUnpack::Pop(ZNRByteBuffer* value) {
     unsigned int length = 0;
     std::uint64_t const error = Pop(&length);
     if (error != 0) return error;
-    if (Remain() < length) return ZNRUserError(kErrorShort);
+    if (Remain() < length) return ZNR_ERROR_UNPACK_SHORT;
     value->ResetDataCount(0);
     value->SetCapacity(length);
     value->AppendData(Data() + position_, length);

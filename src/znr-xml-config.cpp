@@ -331,14 +331,14 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
         ZNRString path = dictate.argument;
         std::uint64_t code = ZNRIsDirFile(path);
         // Names are case-sensitive here: fall back to the path as written.
-        if (code != 0 && code != ZNRUserError(18) && dictate.written != dictate.argument) {
+        if (code != 0 && code != ZNR_ERROR_NOT_DIRECTORY && dictate.written != dictate.argument) {
             path = dictate.written;
             code = ZNRIsDirFile(path);
         }
         std::vector<ZNRString> files;
         if (code == 0) {
             code = ZNRGetDirFiles(path, &files, true);
-        } else if (code == ZNRUserError(18)) {
+        } else if (code == ZNR_ERROR_NOT_DIRECTORY) {
             code = 0;
             files.push_back(path);
         }

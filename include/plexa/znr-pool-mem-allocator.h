@@ -90,7 +90,7 @@ public:
     /// one this thread does not hold (another thread's block stays used).
     std::uint64_t Free(void* p) final {
         PoolRecord* const record = CurrentRecord(false);
-        if (record == nullptr) return ZNRUserError(46);
+        if (record == nullptr) return ZNR_ERROR_POOL_FOREIGN;
         // Pool and heap blocks are distinct live allocations, so the order
         // of the two looks does not matter; the pool is the common case.
         std::uint64_t const result = record->pool.Pool::Free(p);

@@ -162,7 +162,7 @@ public:
         {
             ZNRGuardReadSpinLock guard(&lock_, __FILE__, __LINE__);
             wrap = Find(id);
-            if (wrap == nullptr) return ZNRUserError(30);
+            if (wrap == nullptr) return ZNR_ERROR_NO_REACTOR;
             if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
             Ref(wrap);
         }
@@ -178,7 +178,7 @@ public:
     virtual std::uint64_t StartThread(std::uint64_t id, ZNRString const& name, void* user_data) {
         ZNRGuardWriteSpinLock guard(&lock_, __FILE__, __LINE__);
         ReactorWrap* const wrap = Find(id);
-        if (wrap == nullptr) return ZNRUserError(30);
+        if (wrap == nullptr) return ZNR_ERROR_NO_REACTOR;
         if (wrap->own_thread || !BeginLoop(wrap)) return ZNRSysError(EBUSY);
         TH* const thread = OnCreateThread(id, user_data);
         OnThreadCreated(thread);
@@ -255,7 +255,7 @@ public:
     /// own refusal (library error 11 once its loop has ended) is returned.
     virtual std::uint64_t Stop(std::uint64_t id) {
         Pin const wrap(this, id);
-        if (!wrap) return ZNRUserError(30);
+        if (!wrap) return ZNR_ERROR_NO_REACTOR;
         return wrap->reactor->Stop();
     }
 
@@ -299,7 +299,7 @@ public:
                 "device desc=\"%s\"",
                 static_cast<unsigned long long>(reactor_id),
                 device != nullptr ? device->GetDescInfo().ToStdCStr().c_str() : "");
-            if (error != nullptr) *error = ZNRUserError(30);
+            if (error != nullptr) *error = ZNR_ERROR_NO_REACTOR;
             return 0xFFFFFFFFFFFFFFFFULL;
         }
         return wrap->reactor->RegisterDevice(device, handler, error, recv_buff_max_size,
@@ -316,7 +316,7 @@ public:
                 "device id=%llu",
                 static_cast<unsigned long long>(reactor_id),
                 static_cast<unsigned long long>(device_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->UnregisterDevice(device_id);
     }
@@ -329,7 +329,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterTask"))(
                 "Can not register task to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->RegisterTask(task);
     }
@@ -343,7 +343,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterBeginStopNotify"))(
                 "Can not register begin stop notify to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         wrap->reactor->RegisterBeginStopNotify(notify);
         return 0;
@@ -358,7 +358,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterEndStopNotify"))(
                 "Can not register end stop notify to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         wrap->reactor->RegisterEndStopNotify(notify);
         return 0;
@@ -374,7 +374,7 @@ public:
                                  PLEXA_REACTOR_MGR_FUNCTION("RegisterTimer"))(
                 "Can not register timer to reactor, reactor not found, reactor id=%llu",
                 static_cast<unsigned long long>(reactor_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->RegisterTimer(timer, error);
     }
@@ -389,7 +389,7 @@ public:
                 "timer id=%llu",
                 static_cast<unsigned long long>(reactor_id),
                 static_cast<unsigned long long>(timer_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->UnregisterTimer(timer_id);
     }
@@ -406,7 +406,7 @@ public:
                 "device id=%llu",
                 static_cast<unsigned long long>(reactor_id),
                 static_cast<unsigned long long>(device_id));
-            return ZNRUserError(30);
+            return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->SendData(device_id, data, size);
     }

@@ -12,8 +12,6 @@
 
 namespace {
 
-std::uint64_t const kTimedOut = ZNRUserError(17);
-
 // Completions handed out before readiness is polled again, so that
 // operations that keep finishing at once cannot starve other descriptors.
 unsigned int const kTurnsPerPoll = 64;
@@ -248,7 +246,7 @@ std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out) {
         if (rc != 0) return rc;
         turns_since_poll_ = 0;
         if (head_ == nullptr && wait_ms >= 0 && (timeout_ms == 0 || Clock::now() >= deadline)) {
-            return kTimedOut;
+            return ZNR_ERROR_TIMED_OUT;
         }
     }
 }

@@ -38,6 +38,10 @@ std::string ZNRCrtErrorText(int err) {
     return PickText(strerror_r(err, buffer, sizeof(buffer)), buffer);
 }
 
+char const* ZNRPlatformErrorName(int err) { return ZNRCrtErrorName(err); }
+
+char const* ZNRCrtErrorName(int err) { return strerrorname_np(err); }
+
 bool ZNRPlatformIsShortage(std::uint64_t code) {
     if ((code >> 32) != 0x40000001u) return false;
     int const err = static_cast<int>(code & 0xFFFFFFFFu);

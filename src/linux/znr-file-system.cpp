@@ -76,7 +76,7 @@ std::uint64_t CollectFiles(std::string const& dir, ZNRString const& prefix,
 
 std::uint64_t ZNRTestFile(char const* path, ZNRTestFileMode_t mode, bool* result) {
     static int const kAccessModes[] = {F_OK, W_OK, R_OK, R_OK | W_OK};
-    if (static_cast<unsigned int>(mode) > 3) return ZNRUserError(1);
+    if (static_cast<unsigned int>(mode) > 3) return ZNR_ERROR_INVALID_PARAM;
     if (path == nullptr) return ZNRCrtError(EINVAL);
     bool ok = access(path, kAccessModes[mode]) == 0;
     if (!ok) {
@@ -93,7 +93,7 @@ std::uint64_t ZNRIsDirFile(ZNRString const& path) {
     if (!ToFsPath(path, &p)) return ZNRSysError(EINVAL);
     struct stat st;
     if (stat(p.c_str(), &st) != 0) return ZNRSysError(errno);
-    return S_ISDIR(st.st_mode) ? 0 : ZNRUserError(18);
+    return S_ISDIR(st.st_mode) ? 0 : ZNR_ERROR_NOT_DIRECTORY;
 }
 
 std::uint64_t ZNRMakeDir(ZNRString const& path, bool recursive) {

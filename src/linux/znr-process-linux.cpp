@@ -22,9 +22,6 @@ extern char** environ;
 
 namespace {
 
-std::uint64_t const kNotReady = ZNRUserError(11);
-std::uint64_t const kTimedOut = ZNRUserError(17);
-
 void CloseFd(int* fd) {
     if (*fd < 0) return;
     ZNRFdClose(*fd);
@@ -95,7 +92,7 @@ int Prepare(SpawnSetup* s, int in, int out, int err) {
 std::uint64_t ReadFd(int fd, void* buf, unsigned int size, unsigned int* got) {
     if (got == nullptr || (buf == nullptr && size > 0)) return ZNRSysError(EINVAL);
     *got = 0;
-    if (fd < 0) return kNotReady;
+    if (fd < 0) return ZNR_ERROR_NOT_READY;
     int err = 0;
     int const n = ZNRFdRead(fd, static_cast<unsigned char*>(buf), static_cast<int>(std::min<unsigned int>(size, INT_MAX)), &err);
     if (n < 0) return ZNRSysError(err);
@@ -188,7 +185,7 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
 
 std::uint64_t ZNRProcessWin32::WriteInput(void const* data, unsigned int size) {
     if (data == nullptr && size > 0) return ZNRSysError(EINVAL);
-    if (in_fd_ < 0) return kNotReady;
+    if (in_fd_ < 0) return ZNR_ERROR_NOT_READY;
     auto const* p = static_cast<unsigned char const*>(data);
     while (size > 0) {
         int err = 0;
@@ -201,7 +198,7 @@ std::uint64_t ZNRProcessWin32::WriteInput(void const* data, unsigned int size) {
 }
 
 std::uint64_t ZNRProcessWin32::CloseInput() {
-    if (pid_ <= 0) return kNotReady;
+    if (pid_ <= 0) return ZNR_ERROR_NOT_READY;
     if (in_fd_ < 0) return 0;
     int const rc = ZNRFdClose(in_fd_);
     in_fd_ = -1;
@@ -222,7 +219,7 @@ std::uint64_t ZNRProcessWin32::Reap(bool block) {
     do {
         r = ::waitpid(pid_, &status, block ? 0 : WNOHANG);
     } while (r < 0 && errno == EINTR);
-    if (r == 0) return kTimedOut;
+    if (r == 0) return ZNR_ERROR_TIMED_OUT;
     // Even a failure (the host reaps children itself) ends the wait for good.
     reaped_ = true;
     CloseFd(&pidfd_);
@@ -233,7 +230,7 @@ std::uint64_t ZNRProcessWin32::Reap(bool block) {
 }
 
 std::uint64_t ZNRProcessWin32::Wait(int timeout_ms) {
-    if (pid_ <= 0) return kNotReady;
+    if (pid_ <= 0) return ZNR_ERROR_NOT_READY;
     if (reaped_) return 0;
     typedef std::chrono::steady_clock Clock;
     Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
@@ -246,7 +243,7 @@ std::uint64_t ZNRProcessWin32::Wait(int timeout_ms) {
             pollfd p = {pidfd_, POLLIN, 0};
             int const n = ::poll(&p, 1, timeout_ms < 0 ? -1 : left_ms());
             if (n > 0) return Reap(true);
-            if (n == 0) return kTimedOut;
+            if (n == 0) return ZNR_ERROR_TIMED_OUT;
             if (errno != EINTR) return ZNRSysError(errno);
         }
     }
@@ -255,8 +252,8 @@ std::uint64_t ZNRProcessWin32::Wait(int timeout_ms) {
     std::chrono::milliseconds pause(1);
     for (;;) {
         std::uint64_t const r = Reap(false);
-        if (r != kTimedOut) return r;
-        if (timeout_ms >= 0 && left_ms() == 0) return kTimedOut;
+        if (r != ZNR_ERROR_TIMED_OUT) return r;
+        if (timeout_ms >= 0 && left_ms() == 0) return ZNR_ERROR_TIMED_OUT;
         std::chrono::milliseconds const step =
             timeout_ms < 0 ? pause : std::min(pause, std::chrono::milliseconds(left_ms()));
         std::this_thread::sleep_for(step);
@@ -265,11 +262,11 @@ std::uint64_t ZNRProcessWin32::Wait(int timeout_ms) {
 }
 
 std::uint64_t ZNRProcessWin32::Kill() {
-    if (pid_ <= 0) return kNotReady;
+    if (pid_ <= 0) return ZNR_ERROR_NOT_READY;
     // Until reaped the number stays this child's, so it cannot hit another.
     if (reaped_) return 0;
     if (::kill(pid_, SIGKILL) != 0 && errno != ESRCH) return ZNRSysError(errno);
     return 0;
 }
 
-bool ZNRProcessWin32::IsRunning() { return pid_ > 0 && !reaped_ && Reap(false) == kTimedOut; }
+bool ZNRProcessWin32::IsRunning() { return pid_ > 0 && !reaped_ && Reap(false) == ZNR_ERROR_TIMED_OUT; }

@@ -70,9 +70,6 @@ bool ValidType(ZNRSocket::Type_t type) {
     return static_cast<unsigned int>(type) <= ZNRSocket::TYPE_UDP_V6;
 }
 
-std::uint64_t const kUnsupportedType = ZNRUserError(3);
-std::uint64_t const kEndOfStream = ZNRUserError(4);
-
 std::uint64_t SetIntOption(int fd, int name, int value) {
     if (setsockopt(fd, SOL_SOCKET, name, &value, sizeof(value)) != 0) return LastSysError();
     return 0;
@@ -118,7 +115,7 @@ void UrgentInline(int fd, ZNRSocket::Type_t type) {
 int RecvResult(ssize_t n, std::uint64_t* err) {
     if (n > 0) return static_cast<int>(n);
     if (n == 0) {
-        StoreError(err, kEndOfStream);
+        StoreError(err, ZNR_ERROR_END_OF_STREAM);
         return -1;
     }
     if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
@@ -352,7 +349,7 @@ ZNRSocket::~ZNRSocket() {
 }
 
 std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
-    if (!ValidType(type)) return kUnsupportedType;
+    if (!ValidType(type)) return ZNR_ERROR_BAD_SOCKET_TYPE;
     if (fd >= 0) UrgentInline(fd, type);
     type_ = type;
     fd_ = fd;
@@ -362,7 +359,7 @@ std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
 std::uint64_t ZNRSocket::Open(Type_t type) { return Create(type, false); }
 
 std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
-    if (!ValidType(type)) return kUnsupportedType;
+    if (!ValidType(type)) return ZNR_ERROR_BAD_SOCKET_TYPE;
     SocketKind const& kind = kSocketKinds[type];
     int const flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
     int const fd = ::socket(kind.family, kind.type | flags, kind.protocol);
@@ -391,7 +388,7 @@ std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
     socklen_t len = 0;
     socklen_t peer_len = 0;
     if (peer != nullptr) {
-        if (!IsTcp(type_)) return kUnsupportedType;
+        if (!IsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
         peer_len = kSocketKinds[type_].addr_len;
         len = peer_len;
         sa = reinterpret_cast<sockaddr*>(&storage);
@@ -444,7 +441,7 @@ int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetA
     socklen_t len_in = 0;
     if (from != nullptr) {
         if (!ValidType(type_)) {
-            StoreError(err, kUnsupportedType);
+            StoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
             return -1;
         }
         from_len = kSocketKinds[type_].addr_len;
@@ -544,7 +541,7 @@ std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
 }
 
 std::uint64_t ZNRSocket::GetLocalInfo(ZNRNetAddrInfo* addr) {
-    if (!ValidType(type_)) return kUnsupportedType;
+    if (!ValidType(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
     if (addr == nullptr) return ZNRSysError(EINVAL);
     sockaddr_storage storage;
     socklen_t const want = kSocketKinds[type_].addr_len;
