@@ -13,6 +13,24 @@ std::uint64_t const kNoId = ZNR_ERROR_FAILED_ID;
 
 ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
 
+// The listener is IPv4, so names resolve to IPv4 only. Resolving rather
+// than parsing keeps a text that is neither a name nor an address from
+// becoming 255.255.255.255.
+std::uint64_t ResolveListenAddr(ZNRString const& ip, ZNRString const& port, ZNRNetAddrInfo* out) {
+    std::uint64_t error = out->Open(port, ip);
+    if (error != 0) return ZNRSysError(static_cast<int>(error));  // a bad port text
+    ZNRHostInfo host;
+    // An empty text would ask the resolver for the wildcard address.
+    error = ip.empty() ? ZNRUserError(56) : host.Open(ip, ZNRString(), false);
+    if (error == 0 && host.GetAddrInfos().empty()) error = ZNRSysError(ENXIO);
+    if (error != 0) {
+        ZNR_LOG(ERROR, "Can not resolve tcp listen address, address=\"%s\" error=\"%s\"",
+                ip.ToStdCStr().c_str(), ZNRGetErrorText(error).c_str());
+        return ZNRUserError(56);  // a host name or address that does not resolve
+    }
+    return out->Open(port, host.GetAddrInfos()[0]->GetAddrStr());
+}
+
 } // namespace
 
 // Registers an accepted connection on the thread of its reactor.
@@ -115,8 +133,8 @@ std::uint64_t ZNRTcpAcceptor::Start(ZNRString const& ip, ZNRString const& port,
                                     ZNRNetAddrInfo* bound) {
     if (reactors.empty() || !reactors_->empty()) return ZNRSysError(EINVAL);
     ZNRNetAddrInfo local(ZNRNetAddrInfo::TYPE_IPV4);
-    std::uint64_t error = local.Open(port, ip);
-    if (error != 0) return ZNRSysError(static_cast<int>(error));  // a bad port text
+    std::uint64_t error = ResolveListenAddr(ip, port, &local);
+    if (error != 0) return error;
     ZNRTcpDeviceParam param;
     param.local_addr = &local;
     param.backlog = 128;  // room for a burst of connections

@@ -26,9 +26,15 @@ public:
     ZNRTcpAcceptor& operator=(ZNRTcpAcceptor const&) = delete;
     virtual ~ZNRTcpAcceptor();
 
-    // Listens on the IPv4 ip:port (port 0 picks a free one; *bound, when
-    // given, gets the address) and queues the listener on reactors[0].
-    // Clients may connect once it returns. Once, from any thread.
+    /// Listens on ip:port and queues the listener on reactors[0]; clients
+    /// may connect once it returns. Once per acceptor, from any thread.
+    /// ip is an IPv4 address or a host name, resolved to its first IPv4
+    /// address ("localhost" works); port 0 picks a free port. *bound, when
+    /// given (the caller's), gets the address listened on.
+    /// Errors: library error 56 (logged with the text) for an ip that is
+    /// empty or does not resolve; EINVAL for a port text that is no number
+    /// up to 65535, no reactors, or a second Start; the socket's error when
+    /// it can not bind or listen; the manager's when reactors[0] is gone.
     std::uint64_t Start(ZNRString const& ip, ZNRString const& port,
                         std::vector<std::uint64_t> const& reactors, ZNRNetAddrInfo* bound);
 
