@@ -198,7 +198,8 @@ int main(int argc, char** argv) {
     opt.AddOption('p', 0, "port", ZNRGetopt::ARGUMENT_REQUIRED);
     if (opt.Parse(argc, argv) != 0) return Refuse(opt.GetErrorText());
     if (opt.IsSet('h')) return Usage(stdout, 0);
-    if (opt.GetOperandCount() != 0) return Refuse(std::string("unexpected argument '") + opt.GetOperand(0) + "'");
+    if (opt.GetOperandCount() != 0)
+        return Refuse(std::string("unexpected argument '") + opt.GetOperand(0) + "'");
     long long port_option = -1;
     if (opt.GetNumber('p', 0, 65535, &port_option) != 0) return Refuse(opt.GetErrorText());
 
@@ -212,7 +213,8 @@ int main(int argc, char** argv) {
     // Checked here too, so that a bad address is told before anything starts.
     ZNRHostInfo resolved;
     if (resolved.Open(ZNRString(settings.address), ZNRString(), false) != 0 || settings.address.empty())
-        return Refuse("<address> '" + settings.address + "' is neither a host name nor an IPv4 address", false);
+        return Refuse("<address> '" + settings.address + "' is neither a host name nor an IPv4 address",
+                      false);
     StartLog(settings);
     std::string const address = settings.address;
     std::string const port = std::to_string(settings.port);
