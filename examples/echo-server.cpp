@@ -75,28 +75,39 @@ protected:
 
 int Usage(std::FILE* out, int code) {
     std::fprintf(out, "usage: echo-server [--help] [--reactors N] PORT [ADDRESS]\n"
-                      "Echoes TCP connections on the IPv4 ADDRESS:PORT (default address 127.0.0.1;\n"
-                      "port 0 picks a free one) with N reactor threads (default: one per core).\n"
-                      "Stop it with Ctrl-C.\n");
+                      "Echoes TCP connections on ADDRESS:PORT (an IPv4 address or host name, default\n"
+                      "127.0.0.1; port 0 picks a free one) with N reactor threads (1..1024, default:\n"
+                      "one per core); --reactors=N works too. Stop it with Ctrl-C.\n");
     return code;
+}
+
+// Bad input: the reason and a hint, before anything starts.
+int Refuse(std::string const& reason) {
+    std::fprintf(stderr, "echo-server: %s\nTry 'echo-server --help'.\n", reason.c_str());
+    return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::strcmp(argv[1], "--help") == 0) return Usage(stdout, 0);
-    unsigned long reactor_count = std::max(1u, std::thread::hardware_concurrency());
-    if (argc > 2 && std::strcmp(argv[1], "--reactors") == 0) {
-        reactor_count = std::strtoul(argv[2], nullptr, 10);
-        if (reactor_count == 0) return Usage(stderr, 2);
-        argc -= 2;
-        argv += 2;
-    }
-    if (argc < 2 || argc > 3) return Usage(stderr, 2);
-    char* end = nullptr;
-    unsigned long const port = std::strtoul(argv[1], &end, 10);
-    if (*end != '\0' || port > 65535) return Usage(stderr, 2);
-    char const* const address = argc > 2 ? argv[2] : "127.0.0.1";
+    ZNRGetopt opt;
+    opt.AddOption('h', 'h', "help", ZNRGetopt::ARGUMENT_NONE);
+    opt.AddOption('r', 0, "reactors", ZNRGetopt::ARGUMENT_REQUIRED);
+    if (opt.Parse(argc, argv) != 0) return Refuse(opt.GetErrorText());
+    if (opt.IsSet('h')) return Usage(stdout, 0);
+    long long reactor_count = std::max(1u, std::thread::hardware_concurrency());
+    if (opt.GetNumber('r', 1, 1024, &reactor_count) != 0) return Refuse(opt.GetErrorText());
+    if (opt.GetOperandCount() == 0) return Refuse("PORT is required");
+    if (opt.GetOperandCount() > 2) return Refuse(std::string("unexpected argument '") + opt.GetOperand(2) + "'");
+    std::string const port = opt.GetOperand(0);
+    unsigned short port_number = 0;
+    if (port.find_first_not_of("0123456789") != std::string::npos ||
+        !ZNRStrToUInt16(ZNRString(port), &port_number))
+        return Refuse("bad PORT '" + port + "' (expected 0..65535)");
+    char const* const address = opt.GetOperandCount() > 1 ? opt.GetOperand(1) : "127.0.0.1";
+    ZNRHostInfo resolved;
+    if (*address == '\0' || resolved.Open(ZNRString(address), ZNRString(), false) != 0)
+        return Refuse(std::string("ADDRESS '") + address + "' is neither a host name nor an IPv4 address");
 
     ZNRInit();
     ZNRSingleton<ZNRLogger>::Instance()->RegisterWriter(new ConsoleLog());
@@ -114,7 +125,7 @@ int main(int argc, char** argv) {
     int code = 1;
     std::vector<std::uint64_t> reactors;
     std::uint64_t error = 0;
-    for (unsigned long i = 0; i < reactor_count && error == 0; ++i) {
+    for (long long i = 0; i < reactor_count && error == 0; ++i) {
         std::uint64_t const id = Mgr()->New(&error);
         if (id != kNoId) reactors.push_back(id);
     }
@@ -123,17 +134,17 @@ int main(int argc, char** argv) {
     }
     EchoAcceptor acceptor;
     ZNRNetAddrInfo bound;
-    if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(argv[1]), reactors, &bound);
+    if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(port), reactors, &bound);
     if (error == 0) {
         std::printf("echo-server: listening on %s:%s\n", bound.GetAddrStr().ToStdCStr().c_str(),
                     bound.GetPortStr().ToStdCStr().c_str());
-        std::printf("echo-server: %lu reactors, Ctrl-C to stop\n", reactor_count);
+        std::printf("echo-server: %lld reactors, Ctrl-C to stop\n", reactor_count);
         std::fflush(stdout);
         int sig = 0;
         sigwait(&signals, &sig);
         code = 0;
     } else {
-        std::fprintf(stderr, "echo-server: can not listen on %s:%s: %s\n", address, argv[1],
+        std::fprintf(stderr, "echo-server: can not listen on %s:%s: %s\n", address, port.c_str(),
                      ZNRGetErrorText(error).c_str());
     }
 
