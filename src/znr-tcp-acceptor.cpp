@@ -6,6 +6,7 @@
 #include <plexa/znr-tcp-acceptor.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace {
 
@@ -41,6 +42,7 @@ public:
 
     bool Run() override {
         ZNRDeviceHandler* const handler = acceptor_->OnCreateHandler(reactor_);
+        if (handler == nullptr) return false;  // refused: Destroy closes the connection
         std::uint64_t error = 0;
         if (Mgr()->RegisterDevice(reactor_, client_, handler, &error, acceptor_->recv_buff_max_size_,
                                   acceptor_->recv_buff_grow_size_, acceptor_->send_buff_max_size_,
@@ -163,4 +165,16 @@ std::uint64_t ZNRTcpAcceptor::Start(ZNRString const& ip, ZNRString const& port,
 void ZNRTcpAcceptor::OnListenFailed(std::uint64_t error) {
     ZNR_LOG(ERROR, "Can not start accepting tcp connections, error=\"%s\"",
             ZNRGetErrorText(error).c_str());
+}
+
+ZNRTcpFactoryAcceptor::ZNRTcpFactoryAcceptor(HandlerFactory factory, int recv_buff_max_size,
+                                             int recv_buff_grow_size, int send_buff_max_size,
+                                             unsigned int timeout)
+    : ZNRTcpAcceptor(recv_buff_max_size, recv_buff_grow_size, send_buff_max_size, timeout),
+      factory_(std::move(factory)) {}
+
+ZNRTcpFactoryAcceptor::~ZNRTcpFactoryAcceptor() = default;
+
+ZNRDeviceHandler* ZNRTcpFactoryAcceptor::OnCreateHandler(std::uint64_t reactor) {
+    return factory_(reactor);
 }

@@ -59,10 +59,12 @@ public:
     // A task that returns true runs again on a later turn, behind what was
     // queued meanwhile; it keeps its place even when the queue is full.
     std::uint64_t RegisterTask(ZNRReactorTask* task) override;
+    using ZNRReactor::RegisterTask;
     std::uint64_t RegisterLoopEvent(ZNRReactorLoopEvent* event) override;
     void RegisterBeginStopNotify(ZNRReactorStopNotify* notify) override;
     void RegisterEndStopNotify(ZNRReactorStopNotify* notify) override;
     std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) override;
+    using ZNRReactor::RegisterTimer;
     std::uint64_t UnregisterTimer(std::uint64_t timer_id) override;
     // From another thread the bytes are copied into a loop event; what such
     // events and the device's send queue hold counts against its send

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 class ZNRDeviceHandler;
@@ -59,6 +60,27 @@ private:
     unsigned int timeout_;
     ZNRStlAdapter<std::vector<std::uint64_t>> reactors_;
     std::atomic<unsigned int> next_;
+};
+
+/// An acceptor whose connections get the handlers that a callable makes,
+/// for hosts that need no subclass of their own.
+class ZNR_API ZNRTcpFactoryAcceptor : public ZNRTcpAcceptor {
+public:
+    /// Makes one connection's handler (the reactor's from then on), or null
+    /// to close the connection; runs on the thread of the reactor that takes
+    /// the connection, whose id it gets.
+    typedef std::function<ZNRDeviceHandler*(std::uint64_t reactor)> HandlerFactory;
+
+    /// Takes factory; the sizes and timeout are ZNRTcpAcceptor's. Any thread.
+    ZNRTcpFactoryAcceptor(HandlerFactory factory, int recv_buff_max_size, int recv_buff_grow_size,
+                          int send_buff_max_size, unsigned int timeout = 0xFFFFFFFF);
+    ~ZNRTcpFactoryAcceptor() override;
+
+protected:
+    ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override;
+
+private:
+    HandlerFactory factory_;
 };
 
 #endif
