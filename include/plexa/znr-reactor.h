@@ -44,8 +44,11 @@ public:
     /// Takes fn; any thread.
     explicit ZNRFunctionTask(std::function<bool()> fn);
 
+    /// The callable's answer; on the reactor's thread.
     bool Run() override;
+    /// Does nothing: the reactor never calls it.
     void Cancel() override;
+    /// Deletes the task and the callable.
     void Destroy() override;
 
 protected:

@@ -74,9 +74,11 @@ public:
     /// Takes factory; the sizes and timeout are ZNRTcpAcceptor's. Any thread.
     ZNRTcpFactoryAcceptor(HandlerFactory factory, int recv_buff_max_size, int recv_buff_grow_size,
                           int send_buff_max_size, unsigned int timeout = 0xFFFFFFFF);
+    /// As ZNRTcpAcceptor's: after the reactors it serves are gone.
     ~ZNRTcpFactoryAcceptor() override;
 
 protected:
+    /// The factory's handler; on the thread of the reactor taking the connection.
     ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override;
 
 private:

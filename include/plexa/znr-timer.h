@@ -61,9 +61,13 @@ public:
     ZNRFunctionTimer(unsigned int interval, unsigned int repeat_limit,
                      std::function<bool(std::uint64_t now)> fn);
 
+    /// The callable's answer for the tick now; on the reactor's thread.
     bool OnExpires(std::uint64_t now) override;
+    /// Does nothing: the callable keeps its own state.
     void OnReset() override;
+    /// Does nothing: Destroy follows.
     void OnClose() override;
+    /// Deletes the timer and the callable.
     void Destroy() override;
 
 protected:

@@ -90,9 +90,9 @@ public:
     /// description (the parser's own for malformed XML, such as "Error
     /// reading end tag.").
     struct LoadError {
-        ZNRString file;
-        int row = 0;
-        ZNRString description;
+        ZNRString file;         ///< the file at fault; empty when nothing failed
+        int row = 0;            ///< from 1; 0 when the fault has no row
+        ZNRString description;  ///< what is wrong there
     };
     /// The reason the calling thread's last Load failed, by value; empty
     /// (no file, row 0) after a Load that succeeded or before any. Any
