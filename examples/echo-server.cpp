@@ -1,9 +1,10 @@
 // echo-server: a TCP server that sends back every byte it receives.
 //
-// One reactor per core, each on a thread of its own. The first reactor
-// owns the listener; every accepted connection is handed round-robin to a
-// reactor, which registers it from its own thread (devices belong to the
-// thread of their reactor). SIGINT or SIGTERM shuts everything down.
+// One reactor per core, each on a thread of its own, owned by a reactor
+// group. The first reactor owns the listener; every accepted connection is
+// handed round-robin to a reactor, which registers it from its own thread
+// (devices belong to the thread of their reactor) with the handler the
+// acceptor's factory makes. SIGINT or SIGTERM shuts everything down.
 //
 //   echo-server 7000            # then: nc 127.0.0.1 7000
 #include <plexa/plexa.h>
@@ -11,18 +12,14 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <pthread.h>
 #include <unistd.h>
 
 namespace {
 
-std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
 int const kRecvMax = 256 * 1024;
 int const kRecvGrow = 64 * 1024;  // as much per read as the peers in bench/peers
 int const kSendMax = 4 * 1024 * 1024;  // a peer that never reads is closed here
@@ -60,13 +57,15 @@ private:
     std::uint64_t reactor_;
 };
 
-// Hands each accepted connection an echo handler on its reactor.
-class EchoAcceptor : public ZNRTcpAcceptor {
+// Hands each accepted connection an echo handler on its reactor; a
+// listener that fails ends the server.
+class EchoAcceptor : public ZNRTcpFactoryAcceptor {
 public:
-    EchoAcceptor() : ZNRTcpAcceptor(kRecvMax, kRecvGrow, kSendMax) {}
+    EchoAcceptor()
+        : ZNRTcpFactoryAcceptor([](std::uint64_t reactor) { return new EchoHandler(reactor); }, kRecvMax,
+                                kRecvGrow, kSendMax) {}
 
 protected:
-    ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override { return new EchoHandler(reactor); }
     void OnListenFailed(std::uint64_t error) override {
         std::fprintf(stderr, "echo-server: %s\n", ZNRGetErrorText(error).c_str());
         kill(getpid(), SIGTERM);
@@ -75,28 +74,39 @@ protected:
 
 int Usage(std::FILE* out, int code) {
     std::fprintf(out, "usage: echo-server [--help] [--reactors N] PORT [ADDRESS]\n"
-                      "Echoes TCP connections on the IPv4 ADDRESS:PORT (default address 127.0.0.1;\n"
-                      "port 0 picks a free one) with N reactor threads (default: one per core).\n"
-                      "Stop it with Ctrl-C.\n");
+                      "Echoes TCP connections on ADDRESS:PORT (an IPv4 address or host name, default\n"
+                      "127.0.0.1; port 0 picks a free one) with N reactor threads (1..1024, default:\n"
+                      "one per core); --reactors=N works too. Stop it with Ctrl-C.\n");
     return code;
+}
+
+// Bad input: the reason and a hint, before anything starts.
+int Refuse(std::string const& reason) {
+    std::fprintf(stderr, "echo-server: %s\nTry 'echo-server --help'.\n", reason.c_str());
+    return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::strcmp(argv[1], "--help") == 0) return Usage(stdout, 0);
-    unsigned long reactor_count = std::max(1u, std::thread::hardware_concurrency());
-    if (argc > 2 && std::strcmp(argv[1], "--reactors") == 0) {
-        reactor_count = std::strtoul(argv[2], nullptr, 10);
-        if (reactor_count == 0) return Usage(stderr, 2);
-        argc -= 2;
-        argv += 2;
-    }
-    if (argc < 2 || argc > 3) return Usage(stderr, 2);
-    char* end = nullptr;
-    unsigned long const port = std::strtoul(argv[1], &end, 10);
-    if (*end != '\0' || port > 65535) return Usage(stderr, 2);
-    char const* const address = argc > 2 ? argv[2] : "127.0.0.1";
+    ZNRGetopt opt;
+    opt.AddOption('h', 'h', "help", ZNRGetopt::ARGUMENT_NONE);
+    opt.AddOption('r', 0, "reactors", ZNRGetopt::ARGUMENT_REQUIRED);
+    if (opt.Parse(argc, argv) != 0) return Refuse(opt.GetErrorText());
+    if (opt.IsSet('h')) return Usage(stdout, 0);
+    long long reactor_count = std::max(1u, std::thread::hardware_concurrency());
+    if (opt.GetNumber('r', 1, 1024, &reactor_count) != 0) return Refuse(opt.GetErrorText());
+    if (opt.GetOperandCount() == 0) return Refuse("PORT is required");
+    if (opt.GetOperandCount() > 2) return Refuse(std::string("unexpected argument '") + opt.GetOperand(2) + "'");
+    std::string const port = opt.GetOperand(0);
+    unsigned short port_number = 0;
+    if (port.find_first_not_of("0123456789") != std::string::npos ||
+        !ZNRStrToUInt16(ZNRString(port), &port_number))
+        return Refuse("bad PORT '" + port + "' (expected 0..65535)");
+    char const* const address = opt.GetOperandCount() > 1 ? opt.GetOperand(1) : "127.0.0.1";
+    ZNRHostInfo resolved;
+    if (*address == '\0' || resolved.Open(ZNRString(address), ZNRString(), false) != 0)
+        return Refuse(std::string("ADDRESS '") + address + "' is neither a host name nor an IPv4 address");
 
     ZNRInit();
     ZNRSingleton<ZNRLogger>::Instance()->RegisterWriter(new ConsoleLog());
@@ -112,34 +122,27 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     int code = 1;
-    std::vector<std::uint64_t> reactors;
-    std::uint64_t error = 0;
-    for (unsigned long i = 0; i < reactor_count && error == 0; ++i) {
-        std::uint64_t const id = Mgr()->New(&error);
-        if (id != kNoId) reactors.push_back(id);
-    }
-    for (std::uint64_t id : reactors) {
-        if (error == 0) error = Mgr()->StartThread(id, ZNRString("echo-" + std::to_string(id)), nullptr);
-    }
-    EchoAcceptor acceptor;
-    ZNRNetAddrInfo bound;
-    if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(argv[1]), reactors, &bound);
-    if (error == 0) {
-        std::printf("echo-server: listening on %s:%s\n", bound.GetAddrStr().ToStdCStr().c_str(),
-                    bound.GetPortStr().ToStdCStr().c_str());
-        std::printf("echo-server: %lu reactors, Ctrl-C to stop\n", reactor_count);
-        std::fflush(stdout);
-        int sig = 0;
-        sigwait(&signals, &sig);
-        code = 0;
-    } else {
-        std::fprintf(stderr, "echo-server: can not listen on %s:%s: %s\n", address, argv[1],
-                     ZNRGetErrorText(error).c_str());
+    {
+        EchoAcceptor acceptor;
+        // Declared after the acceptor, so its reactors end first.
+        ZNRReactorGroup reactors;
+        ZNRNetAddrInfo bound;
+        std::uint64_t error = reactors.Start(static_cast<unsigned int>(reactor_count), ZNRString("echo"));
+        if (error == 0) error = acceptor.Start(ZNRString(address), ZNRString(port), reactors.GetIds(), &bound);
+        if (error == 0) {
+            std::printf("echo-server: listening on %s:%s\n", bound.GetAddrStr().ToStdCStr().c_str(),
+                        bound.GetPortStr().ToStdCStr().c_str());
+            std::printf("echo-server: %lld reactors, Ctrl-C to stop\n", reactor_count);
+            std::fflush(stdout);
+            int sig = 0;
+            sigwait(&signals, &sig);
+            code = 0;
+        } else {
+            std::fprintf(stderr, "echo-server: can not listen on %s:%s: %s\n", address, port.c_str(),
+                         ZNRGetErrorText(error).c_str());
+        }
     }
 
-    // Stops and joins every reactor thread, then destroys the reactors with
-    // their devices and handlers.
-    Mgr()->RemoveAll();
     ZNRSingleton<ZNRReactorMgr>::Destroy();
     ZNRSingleton<ZNRLogger>::Instance()->UnregisterAllWriters();
     ZNRSingleton<ZNRLogger>::Destroy();

@@ -354,79 +354,71 @@ int Usage(std::FILE* out, int code) {
                  "  --threads N          client threads (default 1)\n"
                  "  --help               this text\n"
                  "The last line is: result rps= mbps= p50_us= p99_us= p999_us= errors=\n"
+                 "Options take their value as --name VALUE or --name=VALUE.\n"
                  "Exit status 0 when there were no errors, 1 otherwise, 2 for bad options.\n");
     return code;
 }
 
-bool ParseInt(char const* text, int low, int high, int* out) {
-    char* end = nullptr;
-    errno = 0;
-    long const v = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || v < low || v > high) return false;
-    *out = static_cast<int>(v);
-    return true;
+// Bad options: the reason, then a hint.
+int Refuse(std::string const& reason) {
+    std::fprintf(stderr, "plexa-bench: %s\nTry 'plexa-bench --help'.\n", reason.c_str());
+    return 2;
 }
+
+enum OptionId { HELP, RAW, HOST, PORT, CONNECTIONS, DURATION, MODE, DEPTH, SIZE, SERVICE, THREADS };
 
 // 0 when parsed, -1 after --help, else the exit code.
 int ParseOptions(int argc, char** argv, Options* opt) {
-    for (int i = 1; i < argc; ++i) {
-        std::string const name = argv[i];
-        if (name == "--help") return Usage(stdout, -1);
-        if (name == "--raw") {
-            opt->raw = true;
-            continue;
-        }
-        static char const* const kValued[] = {"--host",  "--port",    "--connections", "--duration",
-                                              "--mode",  "--depth",   "--size",        "--service",
-                                              "--threads"};
-        if (std::find(std::begin(kValued), std::end(kValued), name) == std::end(kValued)) {
-            std::fprintf(stderr, "plexa-bench: unknown option %s\n", name.c_str());
-            return Usage(stderr, 2);
-        }
-        if (i + 1 >= argc) {
-            std::fprintf(stderr, "plexa-bench: %s wants a value\n", name.c_str());
-            return 2;
-        }
-        char const* const value = argv[++i];
-        bool ok = true;
-        if (name == "--host") {
-            opt->host = value;
-        } else if (name == "--port") {
-            int port = 0;
-            ok = ParseInt(value, 1, 65535, &port);
-            opt->port = value;
-        } else if (name == "--connections") {
-            ok = ParseInt(value, 1, 100000, &opt->connections);
-        } else if (name == "--duration") {
-            char* end = nullptr;
-            opt->duration = std::strtod(value, &end);
-            ok = end != value && *end == '\0' && opt->duration > 0 && opt->duration < 1e6;
-        } else if (name == "--mode") {
-            ok = std::strcmp(value, "pingpong") == 0 || std::strcmp(value, "pipeline") == 0;
-            opt->pipeline = std::strcmp(value, "pipeline") == 0;
-        } else if (name == "--depth") {
-            ok = ParseInt(value, 1, 1 << 20, &opt->depth);
-        } else if (name == "--size") {
-            ok = ParseInt(value, 1, 8 << 20, &opt->size);
-        } else if (name == "--service") {
-            ok = std::strcmp(value, "echo") == 0 || std::strcmp(value, "kv") == 0;
-            opt->kv = std::strcmp(value, "kv") == 0;
-        } else {
-            ok = ParseInt(value, 1, 1024, &opt->threads);
-        }
-        if (!ok) {
-            std::fprintf(stderr, "plexa-bench: bad value for %s: %s\n", name.c_str(), value);
-            return 2;
-        }
+    ZNRGetopt getopt;
+    getopt.AddOption(HELP, 'h', "help", ZNRGetopt::ARGUMENT_NONE);
+    getopt.AddOption(RAW, 0, "raw", ZNRGetopt::ARGUMENT_NONE);
+    struct {
+        OptionId id;
+        char const* name;
+    } const valued[] = {{HOST, "host"},         {PORT, "port"}, {CONNECTIONS, "connections"},
+                        {DURATION, "duration"}, {MODE, "mode"}, {DEPTH, "depth"},
+                        {SIZE, "size"},         {SERVICE, "service"}, {THREADS, "threads"}};
+    for (auto const& v : valued) getopt.AddOption(v.id, 0, v.name, ZNRGetopt::ARGUMENT_REQUIRED);
+    if (getopt.Parse(argc, argv) != 0) return Refuse(getopt.GetErrorText());
+    if (getopt.IsSet(HELP)) return Usage(stdout, -1);
+    if (getopt.GetOperandCount() != 0)
+        return Refuse(std::string("unexpected argument '") + getopt.GetOperand(0) + "'");
+    long long port = 0;
+    long long connections = opt->connections;
+    long long depth = opt->depth;
+    long long size = opt->size;
+    long long threads = opt->threads;
+    if (getopt.GetNumber(PORT, 1, 65535, &port) != 0 ||
+        getopt.GetNumber(CONNECTIONS, 1, 100000, &connections) != 0 ||
+        getopt.GetNumber(DEPTH, 1, 1 << 20, &depth) != 0 || getopt.GetNumber(SIZE, 1, 8 << 20, &size) != 0 ||
+        getopt.GetNumber(THREADS, 1, 1024, &threads) != 0) {
+        return Refuse(getopt.GetErrorText());
     }
-    if (opt->port.empty()) {
-        std::fprintf(stderr, "plexa-bench: --port is required\n");
-        return Usage(stderr, 2);
+    if (port == 0) return Refuse("--port is required");
+    opt->port = std::to_string(port);
+    opt->connections = static_cast<int>(connections);
+    opt->depth = static_cast<int>(depth);
+    opt->size = static_cast<int>(size);
+    opt->threads = static_cast<int>(threads);
+    opt->raw = getopt.IsSet(RAW);
+    if (char const* host = getopt.GetArgument(HOST)) opt->host = host;
+    if (char const* duration = getopt.GetArgument(DURATION)) {
+        char* end = nullptr;
+        opt->duration = std::strtod(duration, &end);
+        if (end == duration || *end != '\0' || !(opt->duration > 0 && opt->duration < 1e6))
+            return Refuse(std::string("bad value for '--duration': '") + duration + "' (expected seconds, above 0)");
     }
-    if (opt->raw && opt->kv) {
-        std::fprintf(stderr, "plexa-bench: --raw has no key-value service\n");
-        return 2;
+    if (char const* mode = getopt.GetArgument(MODE)) {
+        if (std::strcmp(mode, "pingpong") != 0 && std::strcmp(mode, "pipeline") != 0)
+            return Refuse(std::string("bad value for '--mode': '") + mode + "' (expected pingpong or pipeline)");
+        opt->pipeline = std::strcmp(mode, "pipeline") == 0;
     }
+    if (char const* service = getopt.GetArgument(SERVICE)) {
+        if (std::strcmp(service, "echo") != 0 && std::strcmp(service, "kv") != 0)
+            return Refuse(std::string("bad value for '--service': '") + service + "' (expected echo or kv)");
+        opt->kv = std::strcmp(service, "kv") == 0;
+    }
+    if (opt->raw && opt->kv) return Refuse("--raw has no key-value service");
     opt->threads = std::min(opt->threads, opt->connections);
     return 0;
 }

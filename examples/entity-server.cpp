@@ -14,15 +14,18 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace entity_services;
@@ -30,19 +33,7 @@ using namespace entity_services;
 namespace {
 
 std::uint64_t const kNoId = 0xFFFFFFFFFFFFFFFFULL;
-
-char const kDefaultConfig[] =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<entity-server>\n"
-    "  <address>127.0.0.1</address>\n"
-    "  <port>0</port>\n"
-    "  <reactors>0</reactors>\n"  // 0: one per core
-    "  <log>\n"
-    "    <directory>./logs</directory>\n"
-    "    <file>plexa-entity-server.log</file>\n"
-    "    <max-size>10485760</max-size>\n"
-    "  </log>\n"
-    "</entity-server>\n";
+char const kRoot[] = "entity-server";
 
 ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
 
@@ -69,43 +60,126 @@ int Usage(std::FILE* out, int code) {
     std::fprintf(out,
                  "usage: plexa-entity-server [--config FILE] [--port N] [--help]\n"
                  "Serves echo (uri 0x00010001) and key-value (service 2) entities over TCP.\n"
-                 "  --config FILE  XML configuration (default: 127.0.0.1, a free port,\n"
-                 "                 one reactor per core, logs under ./logs)\n"
-                 "  --port N       listen on port N, whatever the configuration says\n"
-                 "Stop it with Ctrl-C.\n");
+                 "  --config FILE  XML configuration, every element optional:\n"
+                 "                   <entity-server>\n"
+                 "                     <address>127.0.0.1</address>  IPv4 address or host name\n"
+                 "                     <port>0</port>                0 picks a free port\n"
+                 "                     <reactors>0</reactors>        0: one per core\n"
+                 "                     <log><directory>./logs</directory><file>plexa-entity-server.log</file>\n"
+                 "                          <max-size>10485760</max-size><console>0</console></log>\n"
+                 "                   </entity-server>\n"
+                 "  --port N       listen on port N (0..65535), whatever the configuration says\n"
+                 "Options take their value as --name VALUE or --name=VALUE. Stop it with Ctrl-C.\n");
     return code;
 }
 
-std::string Text(ZNRXmlConfig const& config, char const* path, char const* fallback) {
-    ZNRString value;
-    if (!config.Get(ZNRString(std::string("entity-server/") + path), &value, nullptr)) return fallback;
-    return value.ToStdCStr();
+// Bad input: the reason (for the command line, with a hint), and nothing started.
+int Refuse(std::string const& reason, bool hint = true) {
+    std::fprintf(stderr, "plexa-entity-server: %s\n%s", reason.c_str(),
+                 hint ? "Try 'plexa-entity-server --help'.\n" : "");
+    return 2;
 }
 
-int Number(ZNRXmlConfig const& config, char const* path, int fallback) {
-    int value = fallback;
-    return config.GetInt(ZNRString(std::string("entity-server/") + path), &value) ? value : fallback;
-}
+struct Settings {
+    std::string address = "127.0.0.1";
+    int port = 0;
+    int reactors = 0;  // one per core
+    std::string log_directory = "./logs";
+    std::string log_file = "plexa-entity-server.log";
+    int log_max_size = 10485760;
+    int log_console = 0;
+};
 
-// The embedded default goes through a file, since the reader loads files.
-bool LoadConfig(ZNRXmlConfig* config, char const* file) {
-    if (file != nullptr) return config->Load(ZNRString(file), ZNRString("xml"));
-    char path[] = "/tmp/plexa-entity-server-XXXXXX.xml";
-    int const fd = mkstemps(path, 4);
-    if (fd < 0) return false;
-    bool const written = write(fd, kDefaultConfig, sizeof kDefaultConfig - 1) ==
-                         static_cast<ssize_t>(sizeof kDefaultConfig - 1);
-    close(fd);
-    bool const loaded = written && config->Load(ZNRString(path), ZNRString("xml"));
-    unlink(path);
-    return loaded;
-}
+// One element the configuration may hold: its path below the root, and
+// where its value goes (a text, or a number within bounds).
+struct Element {
+    char const* path;
+    std::string Settings::*text;
+    int Settings::*number;
+    int low;
+    int high;
+};
 
-void StartLog(ZNRXmlConfig const& config) {
-    std::string const directory = Text(config, "log/directory", "./logs");
-    std::string const file = Text(config, "log/file", "plexa-entity-server.log");
-    std::uint32_t const max_size = static_cast<std::uint32_t>(Number(config, "log/max-size", 10485760));
-    std::uint32_t const console = static_cast<std::uint32_t>(Number(config, "log/console", 0));
+Element const kElements[] = {
+    {"address", &Settings::address, nullptr, 0, 0},
+    {"port", nullptr, &Settings::port, 0, 65535},
+    {"reactors", nullptr, &Settings::reactors, 0, 1024},
+    {"log", nullptr, nullptr, 0, 0},
+    {"log/directory", &Settings::log_directory, nullptr, 0, 0},
+    {"log/file", &Settings::log_file, nullptr, 0, 0},
+    {"log/max-size", nullptr, &Settings::log_max_size, 1, 0x7FFFFFFF},
+    {"log/console", nullptr, &Settings::log_console, 0, 1},
+};
+
+// The reader's messages would go to a log that is not set up yet, so the
+// reasons are worked out here, each naming the file and, where there is
+// one, the line.
+class ConfigReader {
+public:
+    ConfigReader(char const* file, Settings* settings) : file_(file), settings_(settings) {}
+
+    // Empty when the file was read; else why not.
+    std::string Read() {
+        struct stat st;
+        if (stat(file_, &st) != 0) return Where(0) + std::strerror(errno);
+        if (S_ISDIR(st.st_mode)) return Where(0) + "is a directory, not a configuration file";
+        if (st.st_size == 0) return Where(0) + "is empty";
+        ZNRXmlConfig config;
+        if (!config.Load(ZNRString(file_), ZNRString("xml"))) {
+            ZNRXmlConfig::LoadError const e = ZNRXmlConfig::GetLastLoadError();
+            return e.file.ToStdCStr() + ":" + std::to_string(e.row) + ": " + e.description.ToStdCStr();
+        }
+        std::vector<ZNRXmlConfig::NodeInfo> roots;
+        config.GetNodes(ZNRString(kRoot), &roots);
+        if (roots.empty()) return Where(0) + "the root element is not <" + kRoot + ">";
+        return Walk(roots[0], "");
+    }
+
+private:
+    std::string Where(int line) const {
+        return std::string(file_) + (line > 0 ? ":" + std::to_string(line) : "") + ": ";
+    }
+
+    std::string Walk(ZNRXmlConfig::NodeInfo const& node, std::string const& prefix) {
+        std::set<std::string> seen;
+        for (ZNRXmlConfig::NodeInfo const* child : *node.children) {
+            std::string const path = prefix + child->name.ToStdCStr();
+            Element const* element = nullptr;
+            for (Element const& e : kElements) {
+                if (path == e.path) element = &e;
+            }
+            if (element == nullptr) return Where(child->line) + "unknown element <" + path + ">";
+            if (!seen.insert(path).second) return Where(child->line) + "<" + path + "> given twice";
+            std::string const value = child->value.ToStdCStr();
+            if (element->text != nullptr) {
+                if (value.empty()) return Where(child->line) + "<" + path + "> is empty";
+                settings_->*element->text = value;
+            } else if (element->number != nullptr) {
+                char* end = nullptr;
+                errno = 0;
+                long const number = std::strtol(value.c_str(), &end, 10);
+                if (value.empty() || value[0] < '0' || value[0] > '9' || *end != '\0' || errno != 0 ||
+                    number < element->low || number > element->high) {
+                    return Where(child->line) + "bad value for <" + path + ">: '" + value + "' (expected " +
+                           std::to_string(element->low) + ".." + std::to_string(element->high) + ")";
+                }
+                settings_->*element->number = static_cast<int>(number);
+            }
+            std::string const inner = Walk(*child, path + "/");
+            if (!inner.empty()) return inner;
+        }
+        return "";
+    }
+
+    char const* file_;
+    Settings* settings_;
+};
+
+void StartLog(Settings const& settings) {
+    std::uint32_t const max_size = static_cast<std::uint32_t>(settings.log_max_size);
+    std::uint32_t const console = static_cast<std::uint32_t>(settings.log_console);
+    std::string const& directory = settings.log_directory;
+    std::string const& file = settings.log_file;
     ZNRNormalLoggerWriter* const writer = new ZNRNormalLoggerWriter();
     writer->SetOption(ZNRNormalLoggerWriter::OPT_DIRECTORY, directory.c_str(),
                       static_cast<unsigned int>(directory.size()));
@@ -118,35 +192,33 @@ void StartLog(ZNRXmlConfig const& config) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    char const* config_file = nullptr;
-    char const* port_option = nullptr;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--help") == 0) return Usage(stdout, 0);
-        if (i + 1 < argc && std::strcmp(argv[i], "--config") == 0) {
-            config_file = argv[++i];
-        } else if (i + 1 < argc && std::strcmp(argv[i], "--port") == 0) {
-            port_option = argv[++i];
-        } else {
-            return Usage(stderr, 2);
-        }
-    }
-    if (port_option != nullptr) {
-        char* end = nullptr;
-        unsigned long const port = std::strtoul(port_option, &end, 10);
-        if (*port_option == '\0' || *end != '\0' || port > 65535) return Usage(stderr, 2);
-    }
+    ZNRGetopt opt;
+    opt.AddOption('h', 'h', "help", ZNRGetopt::ARGUMENT_NONE);
+    opt.AddOption('c', 0, "config", ZNRGetopt::ARGUMENT_REQUIRED);
+    opt.AddOption('p', 0, "port", ZNRGetopt::ARGUMENT_REQUIRED);
+    if (opt.Parse(argc, argv) != 0) return Refuse(opt.GetErrorText());
+    if (opt.IsSet('h')) return Usage(stdout, 0);
+    if (opt.GetOperandCount() != 0)
+        return Refuse(std::string("unexpected argument '") + opt.GetOperand(0) + "'");
+    long long port_option = -1;
+    if (opt.GetNumber('p', 0, 65535, &port_option) != 0) return Refuse(opt.GetErrorText());
 
     ZNRInit();
-    ZNRXmlConfig config;
-    if (!LoadConfig(&config, config_file)) {
-        std::fprintf(stderr, "plexa-entity-server: can not read the configuration %s\n",
-                     config_file != nullptr ? config_file : "(built in)");
-        return 1;
+    Settings settings;
+    if (opt.IsSet('c')) {
+        std::string const reason = ConfigReader(opt.GetArgument('c'), &settings).Read();
+        if (!reason.empty()) return Refuse(reason, false);
     }
-    StartLog(config);
-    std::string const address = Text(config, "address", "127.0.0.1");
-    std::string const port = port_option != nullptr ? port_option : Text(config, "port", "0");
-    int reactors = Number(config, "reactors", 0);
+    if (port_option >= 0) settings.port = static_cast<int>(port_option);
+    // Checked here too, so that a bad address is told before anything starts.
+    ZNRHostInfo resolved;
+    if (resolved.Open(ZNRString(settings.address), ZNRString(), false) != 0 || settings.address.empty())
+        return Refuse("<address> '" + settings.address + "' is neither a host name nor an IPv4 address",
+                      false);
+    StartLog(settings);
+    std::string const address = settings.address;
+    std::string const port = std::to_string(settings.port);
+    int reactors = settings.reactors;
     if (reactors <= 0) reactors = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
 
     AddServices(&g_services, &g_kv);

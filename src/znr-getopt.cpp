@@ -1,6 +1,8 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-getopt.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 ZNRGetopt::ZNRGetopt() : permute_(true) {}
@@ -156,6 +158,30 @@ unsigned int ZNRGetopt::Find(int id) const {
 }
 
 char const* ZNRGetopt::GetArgument(int id) const { return GetOptionArgument(Find(id)); }
+
+std::uint64_t ZNRGetopt::GetNumber(int id, long long low, long long high, long long* value) {
+    unsigned int const index = Find(id);
+    if (index == npos) return 0;
+    char const* const text = GetOptionArgument(index);
+    // strtoll would skip blanks and take a '+' before the digits.
+    char const* const first = text != nullptr && text[0] == '-' ? text + 1 : text;
+    bool const digits = first != nullptr && *first >= '0' && *first <= '9';
+    char* end = nullptr;
+    errno = 0;
+    long long const number = digits ? std::strtoll(text, &end, 10) : 0;
+    if (digits && errno == 0 && *end == '\0' && number >= low && number <= high) {
+        *value = number;
+        return 0;
+    }
+    std::string name;
+    for (Option const& o : *options_) {
+        if (o.id != id) continue;
+        name = o.long_name.empty() ? std::string("-") + o.short_name : "--" + o.long_name;
+        break;
+    }
+    return Fail(ZNR_ERROR_OPTION_ARGUMENT, "bad value for '" + name + "': '" + (text != nullptr ? text : "") +
+                                  "' (expected " + std::to_string(low) + ".." + std::to_string(high) + ")");
+}
 
 unsigned int ZNRGetopt::GetOperandCount() const {
     return static_cast<unsigned int>(operands_->size());

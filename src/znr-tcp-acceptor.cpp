@@ -6,12 +6,31 @@
 #include <plexa/znr-tcp-acceptor.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace {
 
 std::uint64_t const kNoId = ZNR_ERROR_FAILED_ID;
 
 ZNRReactorMgr* Mgr() { return ZNRSingleton<ZNRReactorMgr>::Instance(); }
+
+// The listener is IPv4, so names resolve to IPv4 only. Resolving rather
+// than parsing keeps a text that is neither a name nor an address from
+// becoming 255.255.255.255.
+std::uint64_t ResolveListenAddr(ZNRString const& ip, ZNRString const& port, ZNRNetAddrInfo* out) {
+    std::uint64_t error = out->Open(port, ip);
+    if (error != 0) return ZNRSysError(static_cast<int>(error));  // a bad port text
+    ZNRHostInfo host;
+    // An empty text would ask the resolver for the wildcard address.
+    error = ip.empty() ? ZNR_ERROR_UNRESOLVED_HOST : host.Open(ip, ZNRString(), false);
+    if (error == 0 && host.GetAddrInfos().empty()) error = ZNRSysError(ENXIO);
+    if (error != 0) {
+        ZNR_LOG(ERROR, "Can not resolve tcp listen address, address=\"%s\" error=\"%s\"",
+                ip.ToStdCStr().c_str(), ZNRGetErrorText(error).c_str());
+        return ZNR_ERROR_UNRESOLVED_HOST;
+    }
+    return out->Open(port, host.GetAddrInfos()[0]->GetAddrStr());
+}
 
 } // namespace
 
@@ -23,6 +42,7 @@ public:
 
     bool Run() override {
         ZNRDeviceHandler* const handler = acceptor_->OnCreateHandler(reactor_);
+        if (handler == nullptr) return false;  // refused: Destroy closes the connection
         std::uint64_t error = 0;
         if (Mgr()->RegisterDevice(reactor_, client_, handler, &error, acceptor_->recv_buff_max_size_,
                                   acceptor_->recv_buff_grow_size_, acceptor_->send_buff_max_size_,
@@ -115,8 +135,8 @@ std::uint64_t ZNRTcpAcceptor::Start(ZNRString const& ip, ZNRString const& port,
                                     ZNRNetAddrInfo* bound) {
     if (reactors.empty() || !reactors_->empty()) return ZNRSysError(EINVAL);
     ZNRNetAddrInfo local(ZNRNetAddrInfo::TYPE_IPV4);
-    std::uint64_t error = local.Open(port, ip);
-    if (error != 0) return ZNRSysError(static_cast<int>(error));  // a bad port text
+    std::uint64_t error = ResolveListenAddr(ip, port, &local);
+    if (error != 0) return error;
     ZNRTcpDeviceParam param;
     param.local_addr = &local;
     param.backlog = 128;  // room for a burst of connections
@@ -145,4 +165,16 @@ std::uint64_t ZNRTcpAcceptor::Start(ZNRString const& ip, ZNRString const& port,
 void ZNRTcpAcceptor::OnListenFailed(std::uint64_t error) {
     ZNR_LOG(ERROR, "Can not start accepting tcp connections, error=\"%s\"",
             ZNRGetErrorText(error).c_str());
+}
+
+ZNRTcpFactoryAcceptor::ZNRTcpFactoryAcceptor(HandlerFactory factory, int recv_buff_max_size,
+                                             int recv_buff_grow_size, int send_buff_max_size,
+                                             unsigned int timeout)
+    : ZNRTcpAcceptor(recv_buff_max_size, recv_buff_grow_size, send_buff_max_size, timeout),
+      factory_(std::move(factory)) {}
+
+ZNRTcpFactoryAcceptor::~ZNRTcpFactoryAcceptor() = default;
+
+ZNRDeviceHandler* ZNRTcpFactoryAcceptor::OnCreateHandler(std::uint64_t reactor) {
+    return factory_(reactor);
 }

@@ -186,3 +186,17 @@ void ZNRTimerMgr::Trace() {
     ZNR_LOG(DEBUG, "Timer manager, bits=%u shift=%u size=%u slots=%u,%u,%u,%u,%u,%u,%u", bits_,
             shift_, Size(), load[0], load[1], load[2], load[3], load[4], load[5], load[6]);
 }
+
+ZNRFunctionTimer::ZNRFunctionTimer(unsigned int interval, unsigned int repeat_limit,
+                                   std::function<bool(std::uint64_t now)> fn)
+    : ZNRTimer(interval, repeat_limit, nullptr), fn_(std::move(fn)) {}
+
+ZNRFunctionTimer::~ZNRFunctionTimer() = default;
+
+bool ZNRFunctionTimer::OnExpires(std::uint64_t now) { return fn_(now); }
+
+void ZNRFunctionTimer::OnReset() {}
+
+void ZNRFunctionTimer::OnClose() {}
+
+void ZNRFunctionTimer::Destroy() { delete this; }

@@ -28,6 +28,16 @@ std::atomic<unsigned int> g_max_load_files{10000};
 
 unsigned short const kBlanks[] = {' ', '\t', '\r', '\n', 0};
 
+// Per thread, as loads on different threads are independent.
+thread_local ZNRXmlConfig::LoadError t_last_load_error;
+
+// The innermost failure is the reason: an including file just passes it on.
+void RecordLoadError(ZNRString const& file, int row, std::string const& description) {
+    t_last_load_error.file = file;
+    t_last_load_error.row = row;
+    t_last_load_error.description = ZNRString(description);
+}
+
 // What one Load has read so far, against the limit it started with.
 struct LoadBudget {
     unsigned int files;
@@ -231,6 +241,7 @@ bool __ZNRXmlConfigVisitor::Visit(TiXmlUnknown const& unknown) {
     }
     ZNR_LOG(ERROR, "Invalid config tag, file=\"%s\" row=%d tag=\"%s\"", file_.ToStdCStr().c_str(),
             unknown.Row(), unknown.Value());
+    RecordLoadError(file_, unknown.Row(), std::string("invalid tag <") + unknown.Value() + ">");
     error_ = true;
     return false;
 }
@@ -271,6 +282,7 @@ ZNRXmlConfig& ZNRXmlConfig::operator=(ZNRXmlConfig const&) { return *this; }
 ZNRXmlConfig::~ZNRXmlConfig() { delete document_; }
 
 bool ZNRXmlConfig::Load(ZNRString const& file, ZNRString const& ext) {
+    t_last_load_error = LoadError();
     if (document_ == nullptr) document_ = new TiXmlDocument();
     return InnerLoad(nullptr, document_, file, ext);
 }
@@ -284,6 +296,7 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
     if (frame.stat.exists && !frame.stat.regular) {
         ZNR_LOG(ERROR, "Can not load config file, not a regular file, file=\"%s\"",
                 file.ToStdCStr().c_str());
+        RecordLoadError(file, 0, "not a regular file");
         return false;
     }
     // A file read as legacy text that declares UTF-8 is read again as UTF-8,
@@ -293,12 +306,14 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
         ((utf8 = DeclaresUtf8(*doc)) && !doc->LoadFile(fs_path.c_str(), TIXML_ENCODING_UTF8))) {
         ZNR_LOG(ERROR, "Can not load config file, file=\"%s\" line=%d error desc=\"%s\"",
                 file.ToStdCStr().c_str(), doc->ErrorRow(), doc->ErrorDesc());
+        RecordLoadError(file, doc->ErrorRow(), doc->ErrorDesc());
         return false;
     }
     TiXmlElement* root = doc->RootElement();
     if (root == nullptr) {
         ZNR_LOG(ERROR, "Can not load config file, root element not exist, file=\"%s\"",
                 file.ToStdCStr().c_str());
+        RecordLoadError(file, 0, "no root element");
         return false;
     }
     FileCharset* const charset = utf8 ? Utf8Charset() : LegacyCharset();
@@ -312,6 +327,7 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                 "Can not load config file, text not convertible, file=\"%s\" row=%d "
                 "charset=\"%s\"",
                 file.ToStdCStr().c_str(), check.row_, charset->name.c_str());
+        RecordLoadError(file, check.row_, "text not convertible from " + charset->name);
         return false;
     }
     // Before this file's own includes run, so theirs stay in this document.
@@ -347,6 +363,8 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                     "Can not load config file, execute dictate error,                               "
                     "file=\"%s\" line=%d error desc=\"%s\"",
                     file.ToStdCStr().c_str(), dictate.line, ZNRGetErrorText(code).c_str());
+            RecordLoadError(file, dictate.line,
+                            "can not include " + path.ToStdCStr() + ": " + ZNRGetErrorText(code));
             return false;
         }
         for (ZNRString const& name : files) {
@@ -356,6 +374,8 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                         "Can not load config file, include depth limit reached, file=\"%s\" "
                         "line=%d limit=%d",
                         file.ToStdCStr().c_str(), dictate.line, kMaxIncludeDepth);
+                RecordLoadError(file, dictate.line,
+                                "include depth limit reached: " + std::to_string(kMaxIncludeDepth));
                 return false;
             }
             ZNRXmlConfigFileStat stat;
@@ -365,6 +385,7 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                         "Can not load config file, include cycle, file=\"%s\" line=%d "
                         "include=\"%s\"",
                         file.ToStdCStr().c_str(), dictate.line, name.ToStdCStr().c_str());
+                RecordLoadError(file, dictate.line, "include cycle through " + name.ToStdCStr());
                 return false;
             }
             if (frame.budget->files >= frame.budget->max_files) {
@@ -373,6 +394,8 @@ bool ZNRXmlConfig::InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRStrin
                         "include=\"%s\" limit=%u",
                         file.ToStdCStr().c_str(), dictate.line, name.ToStdCStr().c_str(),
                         frame.budget->max_files);
+                RecordLoadError(file, dictate.line,
+                                "file count limit reached: " + std::to_string(frame.budget->max_files));
                 return false;
             }
             ++frame.budget->files;
@@ -480,6 +503,8 @@ bool ZNRXmlConfig::GetAttrInt(ZNRString const& path, ZNRString const& name, int*
 void ZNRXmlConfig::SetMaxLoadFiles(unsigned int max_files) { g_max_load_files.store(max_files); }
 
 unsigned int ZNRXmlConfig::GetMaxLoadFiles() { return g_max_load_files.load(); }
+
+ZNRXmlConfig::LoadError ZNRXmlConfig::GetLastLoadError() { return t_last_load_error; }
 
 void ZNRXmlConfig::Dump() {
     if (document_ == nullptr) return;

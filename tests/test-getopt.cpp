@@ -103,6 +103,36 @@ TEST_F(GetoptTest, DefinitionsLookupsAndPosixOrder) {
     EXPECT_EQ(-1, opt.GetOptionId(3));
     EXPECT_EQ(nullptr, opt.GetOperand(0));
 
+    // Numbers: bounds inclusive, decimal only, the whole text.
+    ASSERT_EQ(0u, opt.AddOption('n', 0, "port", ZNRGetopt::ARGUMENT_REQUIRED));
+    long long n = 7;
+    EXPECT_EQ(0u, opt.GetNumber('n', 1, 65535, &n));  // absent: untouched
+    EXPECT_EQ(7, n);
+    struct {
+        char const* text;
+        char const* result;
+    } const numbers[] = {
+        {"1", "1"}, {"65535", "65535"}, {"0080", "80"}, {"0", "'0' (expected 1..65535)"},
+        {"65536", "'65536' (expected 1..65535)"}, {"-1", "'-1' (expected 1..65535)"},
+        {" 80", "' 80' (expected 1..65535)"}, {"+80", "'+80' (expected 1..65535)"},
+        {"80x", "'80x' (expected 1..65535)"}, {"0x50", "'0x50' (expected 1..65535)"},
+        {"", "'' (expected 1..65535)"}, {"99999999999999999999", "'99999999999999999999' (expected 1..65535)"},
+    };
+    for (auto const& c : numbers) {
+        Run({"--port", c.text});
+        n = 7;
+        std::uint64_t const rc = opt.GetNumber('n', 1, 65535, &n);
+        std::string const got = rc == 0 ? std::to_string(n) : opt.GetErrorText();
+        EXPECT_EQ(rc == 0 ? c.result : std::string("bad value for '--port': ") + c.result, got) << c.text;
+        EXPECT_EQ(rc == 0 ? 0u : ZNRUserError(54), rc);
+    }
+    Run({"-o", "-5"});
+    EXPECT_EQ(0u, opt.GetNumber('o', -10, -1, &n));
+    EXPECT_EQ(-5, n);
+    Run({"-c"});  // an optional argument left out
+    EXPECT_EQ(ZNRUserError(54), opt.GetNumber('c', 0, 9, &n));
+    EXPECT_STREQ("bad value for '--color': '' (expected 0..9)", opt.GetErrorText());
+
     // Without permutation the first operand ends the options.
     opt.SetPermute(false);
     EXPECT_EQ("a | x -b --all", Run({"-a", "x", "-b", "--all"}));

@@ -1,4 +1,5 @@
 #include "log-capture.h"
+#include "net-test-util.h"
 #include "reactor-test-util.h"
 
 #include <algorithm>
@@ -108,6 +109,30 @@ public:
 
 private:
     std::function<void()> fn_;
+};
+
+// Journals "<what> gone" when the last copy of the callable holding it goes.
+std::shared_ptr<void> Watch(Journal* j, std::string what) {
+    return std::shared_ptr<void>(nullptr, [j, what](void*) { j->Add(what + " gone"); });
+}
+
+// Sends back what arrives; journals its end.
+class EchoHandler : public ZNRDeviceHandler {
+public:
+    EchoHandler(std::uint64_t reactor, Journal* j) : reactor_(reactor), j_(j) {}
+    bool OnData(ZNRByteBuffer const* b, int* offset) override {
+        *offset = static_cast<int>(b->GetDataCount());
+        ZNRSingleton<ZNRReactorMgr>::Instance()->SendData(reactor_, GetDeviceId(), b->GetData(), *offset);
+        return true;
+    }
+    void Destroy() override {
+        j_->Add("handler gone");
+        ZNRDeviceHandler::Destroy();
+    }
+
+private:
+    std::uint64_t reactor_;
+    Journal* j_;
 };
 
 class ReactorMgr : public LogCaptureTest {
@@ -382,4 +407,140 @@ TEST_F(ReactorMgr, HandlerInsideRegisterDeviceReachesBackIn) {
         });
     }
     EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
+}
+
+// The same callables through a reactor and through the manager: a task
+// runs until it says stop, a timer until its limit, each with its callable
+// destroyed at the end; a refused one is destroyed unrun.
+TEST_F(ReactorMgr, CallableTasksAndTimers) {
+    std::uint64_t err = 0;
+    std::uint64_t const id = mgr_.New(&err);
+    ASSERT_EQ(0u, mgr_.StartThread(id, ZNRString("rmgr-fn"), nullptr));
+    ZNRReactorIOCP* const reactor = new ZNRReactorIOCP(new ZNRTimerMgr());
+    ASSERT_EQ(0u, reactor->Init());
+    std::thread loop([reactor] { reactor->Open(); });
+    struct Via {
+        char const* name;
+        std::function<std::uint64_t(std::function<bool()>)> task;
+        std::function<std::uint64_t(unsigned int, std::function<bool(std::uint64_t)>, std::uint64_t*)> timer;
+    };
+    Via const vias[] = {
+        {"reactor", [&](std::function<bool()> fn) { return reactor->RegisterTask(std::move(fn)); },
+         [&](unsigned int limit, std::function<bool(std::uint64_t)> fn, std::uint64_t* e) {
+             return reactor->RegisterTimer(5, limit, std::move(fn), e);
+         }},
+        {"manager", [&](std::function<bool()> fn) { return mgr_.RegisterTask(id, std::move(fn)); },
+         [&](unsigned int limit, std::function<bool(std::uint64_t)> fn, std::uint64_t* e) {
+             return mgr_.RegisterTimer(id, 5, limit, std::move(fn), e);
+         }},
+    };
+    for (Via const& via : vias) {
+        SCOPED_TRACE(via.name);
+        Journal j;
+        std::uint64_t const start = ZNRGetSysTick();
+        ASSERT_EQ(0u, via.task([&j, n = 0, w = Watch(&j, "task")]() mutable {
+            j.Add("task " + std::to_string(++n));
+            return n < 3;
+        }));
+        ASSERT_TRUE(j.WaitFor("task gone"));
+        EXPECT_EQ((std::vector<std::string>{"task 1", "task 2", "task 3", "task gone"}), j.Get());
+
+        Journal t;
+        // Fire n is due interval * n after the timer was armed.
+        std::uint64_t const timer_id = via.timer(3, [&t, start, n = 0, w = Watch(&t, "timer")](std::uint64_t now) mutable {
+            t.Add(now >= start + 5 * ++n ? "fired on time" : "fired early");
+            return true;
+        }, &err);
+        EXPECT_NE(kNoId, timer_id);
+        ASSERT_TRUE(t.WaitFor("timer gone"));
+        EXPECT_EQ((std::vector<std::string>{"fired on time", "fired on time", "fired on time", "timer gone"}),
+                  t.Get());
+    }
+
+    // Refused: an unknown reactor (logged as for any task or timer), a
+    // stopped one.
+    logs_.clear();
+    Journal r;
+    EXPECT_EQ(kNotFound, mgr_.RegisterTask(77, [w = Watch(&r, "task 77")] { return false; }));
+    err = 0;
+    EXPECT_EQ(kNoId, mgr_.RegisterTimer(77, 5, 1, [w = Watch(&r, "timer 77")](std::uint64_t) { return false; },
+                                        &err));
+    EXPECT_EQ(kNotFound, err);
+    EXPECT_EQ((std::vector<std::string>{"Can not register task to reactor, reactor not found, reactor id=77",
+                                        "Can not register timer to reactor, reactor not found, reactor id=77"}),
+              Messages(ZNRLogger::LOGL_ERROR));
+    reactor->Stop();
+    loop.join();
+    EXPECT_NE(0u, reactor->RegisterTask([&r, w = Watch(&r, "task stopped")] {
+        r.Add("ran");
+        return false;
+    }));
+    EXPECT_EQ((std::vector<std::string>{"task 77 gone", "timer 77 gone", "task stopped gone"}), r.Get());
+    reactor->Destroy();
+}
+
+// The group owns its reactors only: its destructor stops, joins and
+// destroys them with their devices, a task still queued, a repeating task
+// and a timer, and leaves the manager's other reactors be.
+TEST_F(ReactorMgr, GroupEndsItsOwnReactorsWithTheirWork) {
+    std::uint64_t err = 0;
+    {
+        ZNRReactorGroup group(&mgr_);
+        EXPECT_EQ(ZNRSysError(EINVAL), group.Start(0, ZNRString("grp")));
+        ASSERT_EQ(0u, group.Start(2, ZNRString("grp")));
+        EXPECT_EQ(ZNRSysError(EINVAL), group.Start(1, ZNRString("grp")));
+        EXPECT_EQ((std::vector<std::uint64_t>{1, 2}), group.GetIds());
+        EXPECT_EQ(3u, mgr_.New(&err));  // not the group's
+        for (std::uint64_t id : group.GetIds()) {
+            ASSERT_EQ(0u, mgr_.RegisterTask(id, [this, id] {
+                j_.Add("on " + ThreadName());
+                mgr_.RegisterDevice(id, new ZNRFakeDevice(), new EchoHandler(id, &j_), nullptr, 100, 10, 100,
+                                    0xFFFFFFFF);
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the next task waits
+                return false;
+            }));
+            ASSERT_EQ(0u, mgr_.RegisterTask(id, [w = Watch(&j_, "queued")] { return false; }));
+            ASSERT_EQ(0u, mgr_.RegisterTask(id, [w = Watch(&j_, "repeating")] { return true; }));
+            ASSERT_NE(kNoId, mgr_.RegisterTimer(id, 1, ZNRTimer::REPEAT_FOREVER,
+                                                [w = Watch(&j_, "timer")](std::uint64_t) { return true; }, &err));
+        }
+        ASSERT_TRUE(j_.WaitCount(2));
+    }
+    std::vector<std::string> entries = j_.Get();
+    std::sort(entries.begin(), entries.end());
+    EXPECT_EQ((std::vector<std::string>{"destroyed 1", "destroyed 2", "handler gone", "handler gone", "on grp-1",
+                                        "on grp-2", "queued gone", "queued gone", "repeating gone",
+                                        "repeating gone", "timer gone", "timer gone"}),
+              entries);
+    EXPECT_EQ(1u, mgr_.GetCount());
+}
+
+// A handler factory in place of a subclass: each connection gets what it
+// makes on its reactor's thread, and a null refuses the connection.
+TEST_F(ReactorMgr, FactoryAcceptorServesConnections) {
+    std::atomic<int> made{0};
+    ZNRTcpFactoryAcceptor acceptor(
+        [this, &made](std::uint64_t reactor) -> ZNRDeviceHandler* {
+            bool const own = ZNRSingleton<ZNRReactorMgr>::Instance()->IsRunInCurrentThread(reactor);
+            j_.Add(std::string("made ") + (own ? "on its thread" : "elsewhere"));
+            return made++ == 0 ? nullptr : new EchoHandler(reactor, &j_);
+        },
+        4096, 512, 4096);
+    {
+        ZNRReactorGroup group;  // after the acceptor: its reactors go first
+        ASSERT_EQ(0u, group.Start(1, ZNRString("grp-acc")));
+        ZNRNetAddrInfo bound;
+        ASSERT_EQ(0u, acceptor.Start(ZNRString("127.0.0.1"), ZNRString("0"), group.GetIds(), &bound));
+        char reply[8] = {};
+        for (char const* expected : {"", "ping"}) {
+            int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            ASSERT_EQ(0, ::connect(fd, bound.GetAddr(), bound.GetAddrLen()));
+            ASSERT_EQ(4, ::send(fd, "ping", 4, MSG_NOSIGNAL));
+            ASSERT_TRUE(nettest::WaitFor(fd));
+            ssize_t const got = ::recv(fd, reply, sizeof reply, 0);
+            EXPECT_EQ(expected, std::string(reply, got > 0 ? static_cast<std::size_t>(got) : 0));
+            ::close(fd);
+        }
+    }
+    EXPECT_EQ((std::vector<std::string>{"made on its thread", "made on its thread", "handler gone"}), j_.Get());
 }

@@ -79,6 +79,38 @@ TEST(TcpAcceptor, SpreadsConnectionsRoundRobinOnTheirReactorsThreads) {
     for (int fd : clients) ::close(fd);
 }
 
+// Names resolve to IPv4; a text that is neither a name nor an IPv4
+// address is refused, logged with the text, and leaves the acceptor as it
+// was, rather than listening on 255.255.255.255.
+TEST(TcpAcceptor, ResolvesNamesAndRefusesWhatDoesNotResolve) {
+    ZNRReactorMgr* const mgr = ZNRSingleton<ZNRReactorMgr>::Instance();
+    std::uint64_t err = 0;
+    std::vector<std::uint64_t> reactors{mgr->New(&err)};
+    ASSERT_EQ(0u, mgr->StartThread(reactors[0], ZNRString("acceptor-test"), nullptr));
+    Journal journal;
+    Acceptor acceptor(&journal);
+    ZNRNetAddrInfo bound;
+    for (char const* text : {"", "::1", "garbage.invalid", "not an address", "127.0.0.1.5"}) {
+        LogCapture log;
+        EXPECT_EQ(ZNRUserError(56), acceptor.Start(ZNRString(text), ZNRString("0"), reactors, &bound)) << text;
+        std::vector<std::string> const errors = log.Messages(ZNRLogger::LOGL_ERROR);
+        ASSERT_EQ(1u, errors.size()) << text;
+        std::string const head = "Can not resolve tcp listen address, address=\"" + std::string(text) + "\" error=\"";
+        EXPECT_EQ(head, errors[0].substr(0, head.size()));
+    }
+
+    ASSERT_EQ(0u, acceptor.Start(ZNRString("localhost"), ZNRString("0"), reactors, &bound));
+    EXPECT_EQ("127.0.0.1", Str(bound.GetAddrStr()));
+    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, ::connect(fd, bound.GetAddr(), bound.GetAddrLen()));
+    ASSERT_EQ(1, ::send(fd, "x", 1, MSG_NOSIGNAL));
+    char c = 0;
+    ASSERT_TRUE(WaitFor(fd));
+    EXPECT_EQ(1, ::read(fd, &c, 1));
+    mgr->RemoveAll();
+    ::close(fd);
+}
+
 // Out of descriptors, the listener keeps the connection in the backlog and
 // tries again on a timer: it stays, logs once for the whole episode, and
 // serves the connection as soon as descriptors are free.

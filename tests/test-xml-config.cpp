@@ -186,11 +186,32 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
     std::string const m =
         Write("m.xml", "<r>\n" + Include(good) + "\n" + Include(dir_ + "/none.xml") + "</r>");
     std::string const missing = dir_ + "/missing.xml";
+    std::string const nested = Write("nested.xml", "<r>\n" + Include(open) + "</r>");
+    // What a host tells its user: the file at fault, its row, the reason.
+    auto const reason = [this] {
+        ZNRXmlConfig::LoadError const e = ZNRXmlConfig::GetLastLoadError();
+        std::string const file = e.file.ToStdCStr();
+        return (file.rfind(dir_, 0) == 0 ? file.substr(dir_.size()) : file) + ":" +
+               std::to_string(e.row) + ": " + e.description.ToStdCStr();
+    };
+    std::vector<std::string> reasons;
     for (std::string const& f :
-         {empty, define, blank, missing, text, open, bare, dir_, path, name, value, attr, utf8, m})
+         {empty, define, blank, missing, text, open, bare, dir_, path, name, value, attr, utf8, nested, m}) {
         EXPECT_FALSE(Load(f)) << f;
+        reasons.push_back(reason());
+    }
     ZNRString no_such;
     ZNRGetErrorMsg(ZNRSysError(ENOENT), &no_such);
+    EXPECT_EQ((std::vector<std::string>{
+                  "/empty.xml:3: invalid tag <#include>", "/define.xml:3: invalid tag <#Define X>",
+                  "/blank.xml:1: invalid tag <#include   >", "/missing.xml:0: Failed to open file",
+                  "/text.xml:0: Error document empty.", "/open.xml:3: Error reading end tag.",
+                  "/bare.xml:0: no root element", ":0: not a regular file",
+                  "/path.xml:2: text not convertible from GBK", "/name.xml:1: text not convertible from GBK",
+                  "/value.xml:3: text not convertible from GBK", "/attr.xml:2: text not convertible from GBK",
+                  "/utf8.xml:2: text not convertible from UTF-8", "/open.xml:3: Error reading end tag.",
+                  "/m.xml:3: can not include " + dir_ + "/none.xml: " + no_such.ToStdCStr()}),
+              reasons);
     std::string const load = "Can not load config file, ";
     std::vector<std::string> const expected = {
         "Invalid config tag, file=\"" + empty + "\" row=3 tag=\"#include\"",
@@ -207,11 +228,14 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
         load + "text not convertible, file=\"" + value + "\" row=3 charset=\"GBK\"",
         load + "text not convertible, file=\"" + attr + "\" row=2 charset=\"GBK\"",
         load + "text not convertible, file=\"" + utf8 + "\" row=2 charset=\"UTF-8\"",
+        load + "file=\"" + open + "\" line=3 error desc=\"Error reading end tag.\"",
         load + "execute dictate error,                               file=\"" + m +
             "\" line=3 error desc=\"" + no_such.ToStdCStr() + "\"",
     };
     EXPECT_EQ(expected, Errors());
     EXPECT_EQ("1", Values("r/good"));  // merged before the failure
+    ASSERT_TRUE(Load(good));
+    EXPECT_EQ(":0: ", reason());  // a load that succeeds clears it
 }
 
 TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {

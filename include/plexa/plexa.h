@@ -32,6 +32,7 @@
 #include <plexa/znr-async-pipe-device.h>
 #include <plexa/znr-reactor-iocp.h>
 #include <plexa/znr-reactor-mgr.h>
+#include <plexa/znr-reactor-group.h>
 #include <plexa/znr-tcp-acceptor.h>
 #include <plexa/znr-pack.h>
 #include <plexa/znr-unpack.h>

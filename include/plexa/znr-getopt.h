@@ -65,6 +65,13 @@ public:
     bool IsSet(int id) const { return Find(id) != npos; }
     /// The argument of the last occurrence of id; null when absent or none.
     char const* GetArgument(int id) const;
+    /// Reads the argument of the last occurrence of id as a decimal number
+    /// in [low, high] into *value (the caller's). Same thread as Parse.
+    /// Returns 0 when it is, or when id did not occur (*value untouched);
+    /// library error 54 otherwise (no argument, not a number, out of the
+    /// range), with GetErrorText() naming the option, the text and the
+    /// range ("bad value for '--port': '70000' (expected 0..65535)").
+    std::uint64_t GetNumber(int id, long long low, long long high, long long* value);
 
     /// The operands found, in command-line order.
     unsigned int GetOperandCount() const;

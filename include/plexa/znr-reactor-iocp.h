@@ -91,6 +91,7 @@ public:
     /// Null is Stop(). Refused (library error 39, queue full; 11) the task
     /// stays the caller's.
     std::uint64_t RegisterTask(ZNRReactorTask* task) override;
+    using ZNRReactor::RegisterTask;
     /// Any thread. Null is Stop(). Library error 39 when the queue is at
     /// its maximum, 11 when torn down; the event then stays the caller's.
     std::uint64_t RegisterLoopEvent(ZNRReactorLoopEvent* event) override;
@@ -103,6 +104,7 @@ public:
     /// when the reactor stops. All ones for a null timer or one already
     /// registered; *error is never written.
     std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) override;
+    using ZNRReactor::RegisterTimer;
     /// Any thread; 0 always. An unknown id (a timer that has ended, its
     /// object gone) is ignored.
     std::uint64_t UnregisterTimer(std::uint64_t timer_id) override;

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -377,6 +378,35 @@ public:
             return ZNR_ERROR_NO_REACTOR;
         }
         return wrap->reactor->RegisterTimer(timer, error);
+    }
+
+    /// Queues fn as a task on the reactor (see ZNRReactor::RegisterTask(fn)).
+    /// Any thread. Returns 0; library error 30 (logged as for a task) for
+    /// an unknown reactor, or the reactor's refusal: fn is then destroyed.
+    std::uint64_t RegisterTask(std::uint64_t reactor_id, std::function<bool()> fn) {
+        ZNRReactorTask* const task = new ZNRFunctionTask(std::move(fn));
+        std::uint64_t const error = RegisterTask(reactor_id, task);
+        if (error != 0) task->Destroy();
+        return error;
+    }
+
+    /// Arms fn as a timer on the reactor (see ZNRReactor::RegisterTimer(
+    /// interval, repeat_limit, fn, error)). Any thread. Returns the timer id,
+    /// or all ones with *error (when given) set: library error 30 (logged
+    /// as for a timer) for an unknown reactor, else the reactor's refusal;
+    /// fn is then destroyed.
+    std::uint64_t RegisterTimer(std::uint64_t reactor_id, unsigned int interval,
+                                unsigned int repeat_limit, std::function<bool(std::uint64_t now)> fn,
+                                std::uint64_t* error) {
+        std::uint64_t const not_found = ZNR_ERROR_NO_REACTOR;
+        ZNRTimer* const timer = new ZNRFunctionTimer(interval, repeat_limit, std::move(fn));
+        std::uint64_t rc = ZNRSysError(EINVAL);  // a reactor may refuse without saying why
+        std::uint64_t const id = RegisterTimer(reactor_id, timer, &rc);
+        // The routing call answers an unknown reactor with 30 in the place of the id.
+        if (id != 0xFFFFFFFFFFFFFFFFULL && id != not_found) return id;
+        timer->Destroy();
+        if (error != nullptr) *error = id == not_found ? not_found : rc;
+        return 0xFFFFFFFFFFFFFFFFULL;
     }
 
     /// ZNRReactorIOCP::UnregisterTimer on reactor_id.

@@ -4,6 +4,7 @@
 #include <plexa/znr-export.h>
 
 #include <cstdint>
+#include <functional>
 
 class ZNRDevice;
 class ZNRDeviceHandler;
@@ -44,6 +45,29 @@ public:
 
 protected:
     virtual ~ZNRReactorTask();
+};
+
+/// A task that runs a callable: what RegisterTask(std::function) queues.
+/// The callable runs on the reactor's thread; true runs it again on a
+/// later turn, false ends it. Destroy deletes the task and the callable
+/// with it, on the thread that releases the task.
+class ZNR_API ZNRFunctionTask : public ZNRReactorTask {
+public:
+    /// Takes fn; any thread.
+    explicit ZNRFunctionTask(std::function<bool()> fn);
+
+    /// The callable's answer; on the reactor's thread.
+    bool Run() override;
+    /// Does nothing: the reactor never calls it.
+    void Cancel() override;
+    /// Deletes the task and the callable.
+    void Destroy() override;
+
+protected:
+    ~ZNRFunctionTask() override;
+
+private:
+    std::function<bool()> fn_;
 };
 
 /// Told that a reactor stops (begin: before its devices close; end: after
@@ -104,6 +128,20 @@ public:
     /// Arms timer and returns its id; the reactor owns it until it ends
     /// or is unregistered.
     virtual std::uint64_t RegisterTimer(ZNRTimer* timer, std::uint64_t* error) = 0;
+    /// Queues fn as a task (ZNRFunctionTask): it runs on this reactor's
+    /// thread, again on later turns while it returns true. Any thread.
+    /// Returns 0, or RegisterTask's error (fn is then destroyed, not run).
+    std::uint64_t RegisterTask(std::function<bool()> fn);
+    /// Arms fn as a timer (ZNRFunctionTimer) of interval ms that fires at
+    /// most repeat_limit times (ZNRTimer::REPEAT_FOREVER: no limit). fn runs
+    /// on this reactor's thread with the tick it fires at; true keeps the
+    /// timer, false ends it. It is destroyed when it ends or the reactor
+    /// stops; UnregisterTimer detaches it without destroying it, as for any
+    /// timer, so end it early by having fn return false. Any thread.
+    /// Returns the timer id, or all ones with *error (when given) set to
+    /// RegisterTimer's error (fn is then destroyed, not run).
+    std::uint64_t RegisterTimer(unsigned int interval, unsigned int repeat_limit,
+                                std::function<bool(std::uint64_t now)> fn, std::uint64_t* error);
     /// Detaches a timer without calling it; the caller owns it again.
     virtual std::uint64_t UnregisterTimer(std::uint64_t timer_id) = 0;
     /// Sends a copy of size bytes of data to the device; the caller may

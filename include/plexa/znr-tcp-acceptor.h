@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 class ZNRDeviceHandler;
@@ -31,13 +32,15 @@ public:
     /// Stops nothing: the reactors must be gone first.
     virtual ~ZNRTcpAcceptor();
 
-    /// Listens on the IPv4 ip:port (port 0 picks a free one; *bound, when
-    /// given, gets the address) and queues the listener on reactors[0],
-    /// ids of the process-wide manager. Clients may connect once it
-    /// returns. Once, from any thread. EINVAL for an empty list, a second
-    /// call or a bad port text; the listener's system error; the
-    /// manager's error when the task cannot be queued (library error 30
-    /// for an unknown reactor).
+    /// Listens on ip:port and queues the listener on reactors[0]; clients
+    /// may connect once it returns. Once per acceptor, from any thread.
+    /// ip is an IPv4 address or a host name, resolved to its first IPv4
+    /// address ("localhost" works); port 0 picks a free port. *bound, when
+    /// given (the caller's), gets the address listened on.
+    /// Errors: library error 56 (logged with the text) for an ip that is
+    /// empty or does not resolve; EINVAL for a port text that is no number
+    /// up to 65535, no reactors, or a second Start; the socket's error when
+    /// it can not bind or listen; the manager's when reactors[0] is gone.
     std::uint64_t Start(ZNRString const& ip, ZNRString const& port,
                         std::vector<std::uint64_t> const& reactors, ZNRNetAddrInfo* bound);
 
@@ -64,6 +67,29 @@ private:
     unsigned int timeout_;
     ZNRStlAdapter<std::vector<std::uint64_t>> reactors_;
     std::atomic<unsigned int> next_;
+};
+
+/// An acceptor whose connections get the handlers that a callable makes,
+/// for hosts that need no subclass of their own.
+class ZNR_API ZNRTcpFactoryAcceptor : public ZNRTcpAcceptor {
+public:
+    /// Makes one connection's handler (the reactor's from then on), or null
+    /// to close the connection; runs on the thread of the reactor that takes
+    /// the connection, whose id it gets.
+    typedef std::function<ZNRDeviceHandler*(std::uint64_t reactor)> HandlerFactory;
+
+    /// Takes factory; the sizes and timeout are ZNRTcpAcceptor's. Any thread.
+    ZNRTcpFactoryAcceptor(HandlerFactory factory, int recv_buff_max_size, int recv_buff_grow_size,
+                          int send_buff_max_size, unsigned int timeout = 0xFFFFFFFF);
+    /// As ZNRTcpAcceptor's: after the reactors it serves are gone.
+    ~ZNRTcpFactoryAcceptor() override;
+
+protected:
+    /// The factory's handler; on the thread of the reactor taking the connection.
+    ZNRDeviceHandler* OnCreateHandler(std::uint64_t reactor) override;
+
+private:
+    HandlerFactory factory_;
 };
 
 #endif

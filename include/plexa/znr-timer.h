@@ -5,6 +5,7 @@
 #include <plexa/znr-id-allocator.h>
 #include <plexa/znr-stl-adapter.h>
 
+#include <functional>
 #include <map>
 
 /// @file
@@ -67,6 +68,33 @@ private:
     std::uint64_t id_;
     std::uint64_t expiry_;
     std::uint32_t slot_;
+};
+
+/// A timer that runs a callable: what RegisterTimer(interval, repeat
+/// limit, std::function) arms. On each expiry the callable gets the tick
+/// and returns as OnExpires does: true keeps the timer (until its repeat
+/// limit), false ends it. Destroy deletes the timer and the callable, on
+/// the reactor's thread.
+class ZNR_API ZNRFunctionTimer : public ZNRTimer {
+public:
+    /// Takes fn; any thread. interval in ms; repeat_limit as for ZNRTimer.
+    ZNRFunctionTimer(unsigned int interval, unsigned int repeat_limit,
+                     std::function<bool(std::uint64_t now)> fn);
+
+    /// The callable's answer for the tick now; on the reactor's thread.
+    bool OnExpires(std::uint64_t now) override;
+    /// Does nothing: the callable keeps its own state.
+    void OnReset() override;
+    /// Does nothing: Destroy follows.
+    void OnClose() override;
+    /// Deletes the timer and the callable.
+    void Destroy() override;
+
+protected:
+    ~ZNRFunctionTimer() override;
+
+private:
+    std::function<bool(std::uint64_t now)> fn_;
 };
 
 /// The timers of one reactor in a small hashed wheel. No lock: it is used on

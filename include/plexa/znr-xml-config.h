@@ -103,6 +103,22 @@ public:
     /// The current bound of SetMaxLoadFiles(). Safe from any thread.
     static unsigned int GetMaxLoadFiles();
 
+    /// Why a Load failed, for a host to tell its user: the file at fault
+    /// (an included one when the fault is there), the row in it counted
+    /// from 1 (0 when the fault has no row: a file that can not be opened,
+    /// is empty, is no regular file or has no root element) and a short
+    /// description (the parser's own for malformed XML, such as "Error
+    /// reading end tag.").
+    struct LoadError {
+        ZNRString file;         ///< the file at fault; empty when nothing failed
+        int row = 0;            ///< from 1; 0 when the fault has no row
+        ZNRString description;  ///< what is wrong there
+    };
+    /// The reason the calling thread's last Load failed, by value; empty
+    /// (no file, row 0) after a Load that succeeded or before any. Any
+    /// thread: each sees its own loads. Gives no errors.
+    static LoadError GetLastLoadError();
+
 private:
     bool InnerLoad(TiXmlDocument* parent, TiXmlDocument* doc, ZNRString const& file,
                    ZNRString const& ext);
