@@ -522,6 +522,45 @@ TEST_F(AsyncIO, ClosingWithCompletionsQueuedAndDescriptorReuse) {
     ::close(fds.second);
 }
 
+TEST_F(AsyncIO, CancelAbortsEachPendingOperationOnceAndKeepsFinishedOnes) {
+    auto const fds = StreamPair();
+    char chunk[4096] = {};
+    while (::write(fds.first, chunk, sizeof chunk) > 0) {
+    }
+    auto s = Adopt(fds.first, 8);
+    unsigned char in[8];
+    std::uint64_t err = 0;
+    ASSERT_EQ(0, s->Recv(in, sizeof in, &err));
+    ASSERT_EQ(0, s->Send(L("held"), 4, &err));
+    ExpectNothing();
+    EXPECT_EQ(2, engine_->Cancel(s.get()));
+    std::set<ZNRAsyncIOCB*> aborted;
+    for (int i = 0; i < 2; ++i) {
+        ZNRCompletion const c = Next();
+        EXPECT_EQ(8u, c.key);
+        EXPECT_TRUE(c.failed);
+        EXPECT_EQ(ZNRSysError(ECANCELED), c.error);
+        EXPECT_EQ(0, c.bytes);
+        aborted.insert(c.iocb);
+    }
+    EXPECT_EQ((std::set<ZNRAsyncIOCB*>{s->GetReadIOCB(), s->GetWriteIOCB()}), aborted);
+    // Nothing is left to abort; the peer's bytes do not revive the read.
+    EXPECT_EQ(0, engine_->Cancel(s.get()));
+    ASSERT_EQ(1, ::write(fds.second, "x", 1));
+    ExpectNothing();
+
+    // A finished operation whose completion is not handed out yet is
+    // counted, not aborted.
+    ASSERT_EQ(0u, s->ResetReadIOStatus());
+    ASSERT_EQ(0, s->Recv(in, sizeof in, &err));
+    ASSERT_EQ(ZNRAsyncIOCB::STATUS_DONE, s->GetReadIOCB()->status);
+    EXPECT_EQ(1, engine_->Cancel(s.get()));
+    ZNRCompletion const c = Next();
+    EXPECT_FALSE(c.failed);
+    EXPECT_EQ(1, c.bytes);
+    ::close(fds.second);
+}
+
 TEST_F(AsyncIO, RegistrationsFollowDetachAndFailedRebind) {
     unsigned char buf[8];
     std::uint64_t err = 0;
