@@ -38,8 +38,9 @@ class ZNRThread;
 ///
 /// A device ends the same way from every path (a handler callback, a timer,
 /// a task, a close request from another thread): it leaves the device
-/// table, its I/O stops, and it is destroyed at the end of the loop turn,
-/// when its handler gets OnClose and Destroy. Nothing of the handler is
+/// table, its I/O stops, and at the end of the loop turn its handler gets
+/// OnClose and Destroy; what it had under way is cancelled, and the device
+/// itself goes once those operations have completed. Nothing of the handler is
 /// called after that, and nothing is freed under a caller's stack. See
 /// @ref handler_life.
 ///
