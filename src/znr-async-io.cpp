@@ -13,11 +13,10 @@
 ZNRAsyncIOCB::ZNRAsyncIOCB()
     : operation(OP_NONE), fd(-1), method(METHOD_NONE), buf(nullptr), len(0), addr(nullptr),
       addr_len(0), accept_into(nullptr), accept_type(0), status(STATUS_IDLE), transferred(0),
-      error(0), read_side(false), peer(nullptr), engine(nullptr), slot(0), queue_prev(nullptr),
-      queue_next(nullptr), queued(false) {}
+      error(0), read_side_(false), peer_(nullptr), binding_(nullptr) {}
 
 ZNRAsyncIOCB::~ZNRAsyncIOCB() {
-    if (engine != nullptr) engine->Dissociate(this);
+    if (binding_ != nullptr) binding_->engine->Dissociate(this);
 }
 
 std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int size) {
@@ -31,8 +30,8 @@ std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int
     transferred = 0;
     error = 0;
     status = STATUS_PENDING;
-    if (engine != nullptr) {
-        engine->Start(this);
+    if (binding_ != nullptr) {
+        binding_->engine->Start(this);
     } else {
         ZNRAsyncPerform(this, false);
     }
@@ -43,12 +42,11 @@ void ZNRAsyncIOCB::Complete(int bytes, std::uint64_t err) {
     transferred = bytes;
     error = err;
     status = STATUS_DONE;
-    if (engine != nullptr) engine->Enqueue(this);
 }
 
-std::uint64_t ZNRAsyncIOCB::SwitchFd(int new_fd) {
-    if (engine != nullptr) {
-        std::uint64_t const rc = engine->Rebind(this, new_fd);
+std::uint64_t ZNRAsyncIOCB::SwitchFd(ZNRNativeHandle new_fd) {
+    if (binding_ != nullptr) {
+        std::uint64_t const rc = binding_->engine->Rebind(this, new_fd);
         if (rc != 0) {
             ZNRFdClose(new_fd);
             return rc;
@@ -56,14 +54,14 @@ std::uint64_t ZNRAsyncIOCB::SwitchFd(int new_fd) {
     }
     int const old_fd = fd;
     fd = new_fd;
-    if (peer != nullptr) peer->fd = new_fd;
+    if (peer_ != nullptr) peer_->fd = new_fd;
     if (old_fd >= 0) ZNRFdClose(old_fd);
     return 0;
 }
 
 std::uint64_t ZNRAsyncIOCB::Reset() {
     if (status == STATUS_PENDING) return ZNRSysError(EBUSY);
-    if (queued) engine->Dequeue(this);
+    if (binding_ != nullptr && status == STATUS_DONE) binding_->engine->Release(this);
     status = STATUS_IDLE;
     transferred = 0;
     error = 0;
@@ -72,6 +70,9 @@ std::uint64_t ZNRAsyncIOCB::Reset() {
 
 std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
     if (status == STATUS_IDLE) return ZNR_ERROR_TIMED_OUT;
+    // A watched side finishes only through its engine, which hands the
+    // completion out: here it can only be reported.
+    if (binding_ != nullptr && status == STATUS_PENDING) return ZNR_ERROR_TIMED_OUT;
     using Clock = std::chrono::steady_clock;
     Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     bool ready = false;
@@ -94,9 +95,9 @@ std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
 ZNRAsyncIO::~ZNRAsyncIO() = default;
 
 ZNRAsyncIOWin32::ZNRAsyncIOWin32() {
-    read_iocb_.read_side = true;
-    read_iocb_.peer = &write_iocb_;
-    write_iocb_.peer = &read_iocb_;
+    read_iocb_.read_side_ = true;
+    read_iocb_.peer_ = &write_iocb_;
+    write_iocb_.peer_ = &read_iocb_;
 }
 
 ZNRAsyncIOWin32::~ZNRAsyncIOWin32() { Detach(); }
@@ -113,13 +114,13 @@ std::uint64_t ZNRAsyncIOWin32::CheckWriteIOStatus(int timeout_ms, int* transferr
     return GetWriteIOCB()->Check(timeout_ms, transferred);
 }
 
-void ZNRAsyncIOWin32::SetIOFd(int fd) {
+void ZNRAsyncIOWin32::SetIOFd(ZNRNativeHandle fd) {
     read_iocb_.fd = fd;
     write_iocb_.fd = fd;
 }
 
 void ZNRAsyncIOWin32::Detach() {
-    if (read_iocb_.engine != nullptr) read_iocb_.engine->Dissociate(&read_iocb_);
+    if (read_iocb_.binding_ != nullptr) read_iocb_.binding_->engine->Dissociate(&read_iocb_);
     // Whatever was under way on the descriptor goes with it.
     for (ZNRAsyncIOCB* cb : {&read_iocb_, &write_iocb_}) {
         cb->status = ZNRAsyncIOCB::STATUS_IDLE;

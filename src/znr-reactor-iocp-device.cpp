@@ -22,7 +22,7 @@ std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
 
 // A handler hears of its device's closing only while the loop runs; at
 // shutdown it is just released.
-void ReleaseHandler(ZNRReactorIOCP* reactor, ZNRDeviceHandler* handler) {
+void EndHandler(ZNRReactorIOCP* reactor, ZNRDeviceHandler* handler) {
     if (!reactor->IsStopped()) handler->OnClose();
     handler->Destroy();
 }
@@ -39,22 +39,26 @@ ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std:
                                                    ZNRDevice* device)
     : reactor_(reactor), id_(id), device_(device), io_(nullptr), timer_(nullptr), recv_buff_grow_size_(512),
       recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr), queued_send_bytes_(0),
-      unreported_written_(0), sending_(false), connecting_(false), closing_(false) {
+      sending_(false), connecting_(false), closing_(false) {
     if (device != nullptr) desc_ = device->GetDescInfo();
     // Looked up once: every completion asks for it.
     io_ = dynamic_cast<ZNRAsyncIO*>(device);
 }
 
 ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
-    DropTimer(timer_);
     for (ZNRByteBuffer* buffer : send_queue_) delete buffer;
     delete spare_;
     if (device_ != nullptr) device_->Destroy();
 }
 
 // Its completions find it no more and nothing new is posted; what the
-// system still holds for it goes when the device does.
+// system still holds for it is cancelled at the end of the turn.
 void ZNRReactorIOCPDeviceBase::BeginClose() { closing_ = true; }
+
+void ZNRReactorIOCPDeviceBase::ReleaseHandler() {
+    DropTimer(timer_);
+    timer_ = nullptr;
+}
 
 int ZNRReactorIOCPDeviceBase::GetType() const {
     return device_ != nullptr ? device_->GetType() : ZNRDevice::TYPE_UNKNOWN;
@@ -138,32 +142,10 @@ void ZNRReactorIOCPDeviceBase::ShrinkRecvBuffer() {
     if (count < block / 4 && need < block / 2) recv_buffer_.SetCapacity(need);
 }
 
-// With nothing queued the write starts straight from the caller's bytes;
-// only what the system has not taken when this returns is copied. A write
-// still waiting reads its request only when it runs, so it is pointed at
-// the copy.
+// The write holds its bytes until it completes, long after the caller's
+// may have changed: they are copied before it starts.
 bool ZNRReactorIOCPDeviceBase::Send(unsigned char const* data, int size, std::uint64_t* error) {
-    ZNRAsyncIO* const io = GetAsyncIO();
-    TakeFinishedWrite();
-    if (io == nullptr || sending_ || connecting_ || !send_queue_.empty() || size <= 0 ||
-        size > send_buff_max_size_ || io->ResetWriteIOStatus() != 0 ||
-        device_->Write(const_cast<unsigned char*>(data), size) < 0) {
-        // Queued behind others, or refused: the usual path, failures included.
-        return Send(Copy(data, size), error);
-    }
-    sending_ = true;
-    AddQueued(size);
-    ZNRAsyncIOCB* const cb = io->GetWriteIOCB();
-    if (cb->status != ZNRAsyncIOCB::STATUS_DONE) {
-        ZNRByteBuffer* const copy = Copy(data, size);
-        cb->buf = copy->GetData();
-        send_queue_.push_back(copy);
-        return true;
-    }
-    send_queue_.push_back(nullptr);  // written, its completion on the way
-    int const taken = cb->error == 0 ? cb->transferred : size;
-    if (taken < size) send_queue_.push_back(Copy(data + taken, size - taken));
-    return true;
+    return Send(Copy(data, size), error);
 }
 
 ZNRByteBuffer* ZNRReactorIOCPDeviceBase::Copy(unsigned char const* data, int size) {
@@ -193,7 +175,6 @@ void ZNRReactorIOCPDeviceBase::Recycle(ZNRByteBuffer* buffer) {
 
 bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error) {
     int const size = static_cast<int>(buffer->GetDataCount());
-    TakeFinishedWrite();
     int const queued = GetQueuedSendBytes();
     if (static_cast<long long>(queued) + size > send_buff_max_size_) {
         ZNR_LOG(ERROR,
@@ -230,20 +211,6 @@ void ZNRReactorIOCPDeviceBase::Destroy() { delete this; }
 
 bool ZNRReactorIOCPDeviceBase::OnRecvEvent(int, std::uint64_t*) { return true; }
 
-// Only a write that took all that was queued: a partial one goes on
-// through its completion.
-void ZNRReactorIOCPDeviceBase::TakeFinishedWrite() {
-    if (!sending_ || io_ == nullptr || send_queue_.size() != 1) return;
-    ZNRAsyncIOCB* const cb = io_->GetWriteIOCB();
-    if (cb->status != ZNRAsyncIOCB::STATUS_DONE || cb->error != 0) return;
-    ZNRByteBuffer const* const front = send_queue_.front();
-    int const bytes = cb->transferred;
-    if (front != nullptr && static_cast<unsigned int>(bytes) != front->GetDataCount()) return;
-    if (cb->Reset() != 0) return;
-    Written(bytes);
-    unreported_written_ += bytes;
-}
-
 bool ZNRReactorIOCPDeviceBase::OnSendEvent(int bytes, std::uint64_t*) {
     Written(bytes);
     return true;
@@ -253,9 +220,7 @@ void ZNRReactorIOCPDeviceBase::Written(int bytes) {
     sending_ = false;
     if (send_queue_.empty()) return;
     ZNRByteBuffer* const front = send_queue_.front();
-    if (front == nullptr) {
-        send_queue_.pop_front();  // a write from the sender's own bytes
-    } else if (static_cast<unsigned int>(bytes) < front->GetDataCount()) {
+    if (static_cast<unsigned int>(bytes) < front->GetDataCount()) {
         front->CutData(static_cast<unsigned int>(bytes));  // the rest goes next
     } else {
         send_queue_.pop_front();
@@ -276,7 +241,12 @@ ZNRReactorIOCPNormalDevice::ZNRReactorIOCPNormalDevice(ZNRReactorIOCP* reactor, 
                                                        ZNRDevice* device, ZNRDeviceHandler* handler)
     : ZNRReactorIOCPDeviceBase(reactor, id, device), handler_(handler) {}
 
-ZNRReactorIOCPNormalDevice::~ZNRReactorIOCPNormalDevice() { ReleaseHandler(reactor_, handler_); }
+ZNRReactorIOCPNormalDevice::~ZNRReactorIOCPNormalDevice() = default;
+
+void ZNRReactorIOCPNormalDevice::ReleaseHandler() {
+    EndHandler(reactor_, handler_);
+    ZNRReactorIOCPDeviceBase::ReleaseHandler();
+}
 
 void ZNRReactorIOCPNormalDevice::Destroy() { delete this; }
 
@@ -334,9 +304,7 @@ bool ZNRReactorIOCPNormalDevice::Connected(std::uint64_t* error) {
 
 bool ZNRReactorIOCPNormalDevice::OnSendEvent(int bytes, std::uint64_t* error) {
     ZNRReactorIOCPDeviceBase::OnSendEvent(bytes, error);
-    int const written = bytes + unreported_written_;
-    unreported_written_ = 0;
-    if (!handler_->OnWriten(written)) return false;
+    if (!handler_->OnWriten(bytes)) return false;
     if (closing_ || sending_ || send_queue_.empty()) return true;
     std::uint64_t const rc = PostSend();
     return rc == 0 || Fail(rc, error);
@@ -452,7 +420,12 @@ ZNRReactorIOCPFakeDevice::ZNRReactorIOCPFakeDevice(ZNRReactorIOCP* reactor, std:
                                                    ZNRDevice* device, ZNRDeviceHandler* handler)
     : ZNRReactorIOCPDeviceBase(reactor, id, device), handler_(handler) {}
 
-ZNRReactorIOCPFakeDevice::~ZNRReactorIOCPFakeDevice() { ReleaseHandler(reactor_, handler_); }
+ZNRReactorIOCPFakeDevice::~ZNRReactorIOCPFakeDevice() = default;
+
+void ZNRReactorIOCPFakeDevice::ReleaseHandler() {
+    EndHandler(reactor_, handler_);
+    ZNRReactorIOCPDeviceBase::ReleaseHandler();
+}
 
 void ZNRReactorIOCPFakeDevice::Destroy() { delete this; }
 
@@ -510,7 +483,7 @@ bool ZNRReactorIOCPLoopEventReadDevice::OnRecvEvent(int bytes, std::uint64_t* er
         SetError(error, ZNRSysError(EIO));
         return false;
     }
-    if (!reactor_->DrainLoopEvents(error)) return false;
+    // The loop runs the queued events itself; the read only re-arms.
     std::uint64_t const rc = Recv();
     if (rc == 0) return true;
     SetError(error, rc);

@@ -41,9 +41,13 @@ public:
     virtual bool RetryLater(std::uint64_t error);
     virtual bool OnTimeoutEvent(std::uint64_t now);
 
-    // Closing: the reactor has taken it out of its table and destroys it at
-    // the end of the turn; its I/O stops and its handler hears no more.
+    // Closing: the reactor has taken it out of its table; its I/O stops and
+    // its handler hears no more. At the end of the turn the handler is
+    // released; the device goes once its cancelled operations are in.
     void BeginClose();
+    // OnClose (while the loop runs) and Destroy for the handler; the
+    // timeout check ends with it.
+    virtual void ReleaseHandler();
     bool IsClosing() const { return closing_; }
     std::uint32_t GetId() const { return id_; }
     int GetType() const;
@@ -65,10 +69,6 @@ protected:
     virtual ~ZNRReactorIOCPDeviceBase();
     // Posts a write of the oldest queued buffer.
     std::uint64_t PostSend();
-    // A write the system has finished whose completion is still on its way
-    // is taken now, so that a send behind it can go out at once instead of
-    // waiting in the queue; its bytes are reported with the next one.
-    void TakeFinishedWrite();
     void AddQueued(int bytes) {
         queued_send_bytes_.store(GetQueuedSendBytes() + bytes, std::memory_order_relaxed);
     }
@@ -93,11 +93,12 @@ protected:
     int send_buff_max_size_;
     ZNRByteBuffer recv_buffer_;
     ZNRByteBuffer* spare_;
-    std::deque<ZNRByteBuffer*> send_queue_;  // null: a write from the sender's bytes
+    // The front one is being written and belongs to its write until the
+    // completion.
+    std::deque<ZNRByteBuffer*> send_queue_;
     // Read by other threads' sends (under the reactor's loop-event lock),
     // written only here.
     std::atomic<int> queued_send_bytes_;
-    int unreported_written_;
     ZNRString desc_;
     // A write is posted; or the connection is not up yet, so sends queue.
     bool sending_;
@@ -113,6 +114,7 @@ public:
 
     bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
     void Destroy() override;
+    void ReleaseHandler() override;
     bool OnRecvEvent(int bytes, std::uint64_t* error) override;
     bool OnSendEvent(int bytes, std::uint64_t* error) override;
     void OnErrorEvent(std::uint64_t const& error) override;
@@ -189,6 +191,7 @@ public:
     bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
     ZNRAsyncIO* GetAsyncIO() override { return nullptr; }
     void Destroy() override;
+    void ReleaseHandler() override;
     bool OnRecvEvent(int bytes, std::uint64_t* error) override;
     bool OnSendEvent(int bytes, std::uint64_t* error) override;
     void OnErrorEvent(std::uint64_t const& error) override;

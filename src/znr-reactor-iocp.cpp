@@ -9,6 +9,7 @@
 #include <plexa/znr-utils.h>
 
 #include "znr-completion-engine.h"
+#include "znr-loop-tuning.h"
 #include "znr-reactor-iocp-device.h"
 #include "znr-wakeup.h"
 
@@ -21,7 +22,6 @@ namespace {
 
 std::uint64_t const kNoId = ZNR_ERROR_FAILED_ID;
 std::uint32_t const kNoDeviceId = 0xFFFFFFFFu;
-std::uint64_t const kNearTimerMs = 1;
 
 std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
 
@@ -100,7 +100,8 @@ ZNRReactorTask::~ZNRReactorTask() = default;
 ZNRReactorStopNotify::~ZNRReactorStopNotify() = default;
 
 ZNRReactor::ZNRReactor(ZNRTimerMgr* timer_mgr)
-    : timer_mgr_(timer_mgr), loop_event_dispose_size_(100), loop_event_queue_max_size_(100000) {}
+    : timer_mgr_(timer_mgr), loop_event_dispose_size_(kDefaultLoopEventDisposeSize),
+      loop_event_queue_max_size_(kDefaultLoopEventQueueMax) {}
 
 ZNRReactor::~ZNRReactor() {
     if (timer_mgr_ != nullptr) timer_mgr_->Destroy();
@@ -111,9 +112,10 @@ ZNRReactor::~ZNRReactor() {
 ZNRReactorIOCP::ZNRReactorIOCP(ZNRTimerMgr* timer_mgr)
     : ZNRReactor(timer_mgr), engine_(nullptr), loop_thread_(nullptr), stopped_(false),
       queued_count_(0), read_device_(nullptr), write_device_(nullptr),
-      read_device_id_(kNoDeviceId), planned_wake_(kNoId), dispose_size_(100),
-      queue_max_(100000), wake_pending_(false), stop_requested_(false), events_before_stop_(0),
-      dispatching_(nullptr), next_wait_(-1), idle_wakeups_(0) {}
+      read_device_id_(kNoDeviceId), planned_wake_(kNoId),
+      dispose_size_(kDefaultLoopEventDisposeSize), queue_max_(kDefaultLoopEventQueueMax),
+      wake_pending_(false), stop_requested_(false), events_before_stop_(0),
+      dispatching_(nullptr), now_(0), events_left_(false), idle_wakeups_(0) {}
 
 ZNRReactorIOCP::~ZNRReactorIOCP() {
     stopped_ = true;
@@ -158,14 +160,11 @@ std::uint64_t ZNRReactorIOCP::Init() {
     return 0;
 }
 
-// The loop, until a stop request or a failure of the engine; one turn:
-// wait for a completion (as long as PlanWait said), hand it to its
-// device, run the due timers, destroy what was closed, plan the next wait.
+// The loop, until a stop request or a failure of the engine.
 std::uint64_t ZNRReactorIOCP::Open() {
     if (engine_ == nullptr) return ZNR_ERROR_NOT_READY;
     loop_thread_ = ZNRThreadMgr::Instance()->GetCurrent();
     std::uint64_t error = 0;
-    EndTurn();
     while (Turn(&error)) {
     }
     // Closed while the loop ran: their handlers hear OnClose.
@@ -182,24 +181,63 @@ std::uint64_t ZNRReactorIOCP::Open() {
 }
 
 bool ZNRReactorIOCP::Turn(std::uint64_t* error) {
-    ZNRCompletion completion{};
-    std::uint64_t const rc = engine_->Wait(next_wait_, &completion);
-    if (rc == ZNR_ERROR_TIMED_OUT) {
-        idle_wakeups_.fetch_add(1, std::memory_order_relaxed);
-    } else if (rc != 0) {
-        *error = rc;
-        return false;
-    } else if (!Dispatch(completion, error)) {
-        return false;
+    UpdateTime();
+    RunTimers();
+    if (!RunLoopEvents(error)) return false;
+    ZNRCompletion batch[kCompletionBatch];
+    int count = 0;
+    if (!WaitCompletions(batch, &count, error)) return false;
+    for (int i = 0; i < count; ++i) {
+        if (!Dispatch(batch[i], error)) return false;
     }
-    EndTurn();
+    DestroyClosed();
     return true;
 }
 
-void ZNRReactorIOCP::EndTurn() {
-    RunTimers();
-    DestroyClosed();
-    next_wait_ = PlanWait();
+void ZNRReactorIOCP::UpdateTime() { now_ = ZNRGetSysTick(); }
+
+// The wheel fires only what is due, so a turn before the earliest expiry
+// skips it.
+void ZNRReactorIOCP::RunTimers() {
+    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+    ZNRTimerMgr* const timers = GetTimerMgr();
+    std::uint64_t const next = timers->GetNextExpiry();
+    if (next != kNoId && next <= now_) timers->ScheduleTimers(now_);
+}
+
+bool ZNRReactorIOCP::WaitCompletions(ZNRCompletion* batch, int* count, std::uint64_t* error) {
+    std::uint64_t const rc = engine_->Wait(PlanWait(), batch, kCompletionBatch, count);
+    if (rc == ZNR_ERROR_TIMED_OUT) {
+        idle_wakeups_.fetch_add(1, std::memory_order_relaxed);
+        *count = 0;
+        return true;
+    }
+    *error = rc;
+    return rc == 0;
+}
+
+int ZNRReactorIOCP::PlanWait() {
+    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
+    std::uint64_t const next = GetTimerMgr()->GetNextExpiry();
+    // Events left past the bound, or devices that timers and events closed
+    // and that this turn must still release.
+    if (events_left_ || !closed_->empty()) {
+        planned_wake_ = now_;
+        return 0;
+    }
+    if (next == kNoId) {
+        planned_wake_ = kNoId;
+        return -1;
+    }
+    // Timers may have run since the turn began.
+    std::uint64_t const now = ZNRGetSysTick();
+    if (next <= now + kNearTimerMs) {
+        planned_wake_ = now + 1;
+        return 1;
+    }
+    std::uint64_t const wait = std::min<std::uint64_t>(next - now - kNearTimerMs, INT_MAX);
+    planned_wake_ = now + wait;
+    return static_cast<int>(wait);
 }
 
 bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
@@ -214,7 +252,10 @@ bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
         return read_device_->OnRecvEvent(c.bytes, error);
     }
     ZNRReactorIOCPDeviceBase* const device = FindDevice(c.key);
-    if (device == nullptr) return true;  // closed earlier in this turn
+    if (device == nullptr) {
+        CountDrained(c.key);
+        return true;
+    }
     dispatching_ = device;
     bool keep = false;
     std::uint64_t err = 0;
@@ -235,37 +276,6 @@ bool ZNRReactorIOCP::Dispatch(ZNRCompletion const& c, std::uint64_t* error) {
     dispatching_ = nullptr;
     if (!keep) DelIOCPDevice(c.key);
     return true;
-}
-
-// The wheel fires only what is due, so a turn before the earliest expiry
-// skips it (and the clock).
-void ZNRReactorIOCP::RunTimers() {
-    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
-    ZNRTimerMgr* const timers = GetTimerMgr();
-    std::uint64_t const next = timers->GetNextExpiry();
-    if (next == kNoId) return;
-    std::uint64_t const now = ZNRGetSysTick();
-    if (next <= now) timers->ScheduleTimers(now);
-}
-
-int ZNRReactorIOCP::PlanWait() {
-    ZNRGuardSpinLock guard(&timer_lock_, __FILE__, __LINE__);
-    std::uint64_t const next = GetTimerMgr()->GetNextExpiry();
-    std::uint64_t const now = next != kNoId ? ZNRGetSysTick() : 0;
-    if (next == kNoId) {
-        planned_wake_ = kNoId;
-        return -1;
-    }
-    // The wheel fires a timer only on a tick whose slot is the timer's, so
-    // the loop wakes just before it and then every millisecond until it
-    // has fired; a sleep that overshot by a tick would wait a round.
-    if (next <= now + kNearTimerMs) {
-        planned_wake_ = now + 1;
-        return 1;
-    }
-    std::uint64_t const wait = std::min<std::uint64_t>(next - now - kNearTimerMs, INT_MAX);
-    planned_wake_ = now + wait;
-    return static_cast<int>(wait);
 }
 
 bool ZNRReactorIOCP::IsLoopThread() {
@@ -370,10 +380,11 @@ void ZNRReactorIOCP::ReleaseSendBudget(std::uint32_t id, int size) {
     if (budget != send_budgets_->end()) budget->second.queued -= size;
 }
 
-// Runs what was queued when the drain began, at most the dispose size, so
-// that device completions queued meanwhile get their turn before the rest
-// and an event queued again runs on a later turn.
-bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t* error) {
+// Runs what was queued when the turn began, at most the dispose size, so
+// that device completions get their turn before the rest and an event
+// queued again runs on a later turn. While events are left the wake-up
+// stays owed, so senders do not signal, and the turn's wait does not block.
+bool ZNRReactorIOCP::RunLoopEvents(std::uint64_t* error) {
     int budget = dispose_size_;
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
@@ -403,13 +414,9 @@ bool ZNRReactorIOCP::DrainLoopEvents(std::uint64_t* error) {
         ++queued_count_;
     }
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-    if (loop_events_->empty() && !stop_requested_) {
-        wake_pending_ = false;
-        return true;
-    }
-    std::uint64_t const rc = write_device_->Signal(1);
-    if (rc != 0) *error = rc;
-    return rc == 0;
+    events_left_ = !loop_events_->empty();
+    if (!events_left_) wake_pending_ = false;
+    return true;
 }
 
 void ZNRReactorIOCP::RegisterBeginStopNotify(ZNRReactorStopNotify* notify) {
@@ -477,7 +484,7 @@ std::uint64_t ZNRReactorIOCP::RegisterDevice(ZNRDevice* device, ZNRDeviceHandler
     if (device == nullptr || handler == nullptr) return fail(ZNRSysError(EINVAL));
     std::uint32_t id = 0;
     id_allocator_.AllocULONGNumId(&id);
-    if (devices_->count(id) != 0 || id == read_device_id_) {
+    if (devices_->count(id) != 0 || draining_->count(id) != 0 || id == read_device_id_) {
         ZNR_LOG(ERROR, "IOCP reactor device id is overflow!");
         return fail(ZNR_ERROR_ID_OVERFLOW);
     }
@@ -584,8 +591,28 @@ void ZNRReactorIOCP::DelIOCPDevice(std::uint32_t id) {
 
 // The handlers' OnClose may close further devices: they go in this turn too.
 void ZNRReactorIOCP::DestroyClosed() {
-    for (std::size_t i = 0; i < closed_->size(); ++i) (*closed_)[i]->Destroy();
+    for (std::size_t i = 0; i < closed_->size(); ++i) {
+        ZNRReactorIOCPDeviceBase* const device = (*closed_)[i];
+        device->ReleaseHandler();
+        ZNRAsyncIO* const io = device->GetAsyncIO();
+        int const left = io != nullptr && engine_ != nullptr ? engine_->Cancel(io) : 0;
+        if (left == 0) {
+            device->Destroy();
+        } else {
+            (*draining_)[device->GetId()] = Draining{device, left};
+        }
+    }
     closed_->clear();
+}
+
+void ZNRReactorIOCP::CountDrained(std::uint32_t id) {
+    auto const it = draining_->find(id);
+    // Else a completion for a device closed earlier in this batch: it was
+    // handed out before the cancel, which does not count it.
+    if (it == draining_->end() || --it->second.left > 0) return;
+    ZNRReactorIOCPDeviceBase* const device = it->second.device;
+    draining_->erase(it);
+    device->Destroy();
 }
 
 std::uint64_t ZNRReactorIOCP::SendData(std::uint64_t device_id, unsigned char const* data, int size) {
@@ -623,6 +650,9 @@ void ZNRReactorIOCP::CloseAll() {
         for (std::uint32_t id : ids) DelIOCPDevice(id);
         DestroyClosed();
     }
+    // The engine goes below, and with it whatever it still held for them.
+    for (auto const& entry : *draining_) entry.second.device->Destroy();
+    draining_->clear();
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
         for (ZNRReactorLoopEvent* event : *loop_events_) {

@@ -342,6 +342,77 @@ TEST_F(Reactor, LoopThreadSendsKeepNothingOfTheCallersBytes) {
     EXPECT_TRUE(journal_.WaitFor("pair destroy"));
 }
 
+// A device whose own end is journaled, to see when the reactor lets it go.
+class JournaledDevice : public ZNRAsyncUnknownDevice {
+public:
+    JournaledDevice(Journal* j, std::string name) : j_(j), name_(std::move(name)) {}
+    void Destroy() override {
+        j_->Add(name_ + " gone");
+        ZNRAsyncUnknownDevice::Destroy();
+    }
+
+private:
+    Journal* j_;
+    std::string name_;
+};
+
+// Ends of a stream pair whose first end has a full send buffer, so that a
+// write on it stays pending, registered as a device with a pending read.
+struct Stuffed {
+    int peer = -1;
+    std::size_t stuffed = 0;
+    std::uint64_t id = 0;
+};
+
+TEST_F(Reactor, ClosedDevicesWaitForTheirCancelledOperationsSilently) {
+    Start();
+    auto stuff = [this](Handler* handler, std::string const& name) {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+        ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        Stuffed s;
+        s.peer = fds[1];
+        char chunk[4096] = {};
+        for (ssize_t n; (n = ::write(fds[0], chunk, sizeof chunk)) > 0;) s.stuffed += static_cast<std::size_t>(n);
+        auto* device = new JournaledDevice(&journal_, name);
+        ZNRUnknownDeviceParam param;
+        param.fd = fds[0];
+        EXPECT_TRUE(device->Open(&param));
+        s.id = Register(device, handler);
+        return s;
+    };
+    // Closed with a read and a write under way: both are aborted, the
+    // handler hears of neither, and the device goes after its handler.
+    Stuffed a = stuff(new Handler(&journal_, "a"), "a");
+    OnLoop([&] {
+        EXPECT_EQ(0u, reactor_->SendData(a.id, L("pending"), 7));
+        EXPECT_EQ(0u, reactor_->SendData(a.id, nullptr, 0));
+    });
+    EXPECT_TRUE(journal_.WaitFor("a gone"));
+    EXPECT_EQ((std::vector<std::string>{"close", "destroy", "gone"}), Of("a"));
+    ::close(a.peer);
+
+    // The read that closes the device and its own write's completion come
+    // in one batch: the write's is dropped, OnWriten never follows OnClose.
+    auto* closer = new Handler(&journal_, "b");
+    closer->on_data = [closer](ZNRByteBuffer const*, int*) { return !closer->Log("data"); };
+    Stuffed b = stuff(closer, "b");
+    OnLoop([&] { EXPECT_EQ(0u, reactor_->SendData(b.id, L("late"), 4)); });
+    std::promise<void> release, holding;
+    std::shared_future<void> released(release.get_future());
+    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([&holding, released] {
+        holding.set_value();
+        released.wait();
+    })));
+    holding.get_future().wait();
+    ASSERT_EQ(1, ::send(b.peer, "x", 1, MSG_NOSIGNAL));
+    EXPECT_EQ(b.stuffed, ReadUpTo(b.peer, b.stuffed).size());
+    release.set_value();
+    EXPECT_TRUE(journal_.WaitFor("b gone"));
+    EXPECT_EQ((std::vector<std::string>{"data", "close", "destroy", "gone"}), Of("b"));
+    ::close(b.peer);
+}
+
 TEST_F(Reactor, ConsumedOffsetContract) {
     Start();
     // Consumes whole 4-byte packets only; a packet "bad!" answers -1.

@@ -5,12 +5,22 @@
 
 #include <cstdint>
 
-class ZNRCompletionEngine;
 class ZNRSocket;
+struct ZNRCompletionBinding;
 
 /// @file
 /// The control blocks of asynchronous operations and the two-sided
 /// interface that asynchronous devices and the reactor share.
+
+#if defined(_WIN32)
+/// The system's name for an open file, socket or pipe: a HANDLE (or a
+/// SOCKET, which fits one).
+typedef void* ZNRNativeHandle;
+#else
+/// The system's name for an open file, socket or pipe: a file descriptor,
+/// -1 for none.
+typedef int ZNRNativeHandle;
+#endif
 
 /// The request record of one asynchronous operation on one side (read or
 /// write) of a descriptor: what was started, and once done, its result.
@@ -62,26 +72,26 @@ public:
     virtual ~ZNRAsyncIOCB();
 
     /// Whether this is the read side of its pair.
-    bool IsReadSide() const { return read_side; }
+    bool IsReadSide() const { return read_side_; }
+    /// Whether an engine watches the side's descriptor.
+    bool IsBound() const { return binding_ != nullptr; }
 
-    /// Starts the operation described by the request fields: at once when
-    /// the descriptor is known to be ready, else when it becomes ready. The
-    /// result arrives through the engine that watches the descriptor, or
-    /// through Check when none does. A side runs one operation at a
-    /// time: a second start before the first was reset gives EBUSY; no
-    /// descriptor gives EBADF, a negative size or a null buffer EINVAL. A
-    /// pending operation reads its request fields only when it runs, so
-    /// its owner may point it at another buffer until then; data is not
-    /// taken and must stay alive until the operation completes.
+    /// Starts the operation described by the request fields. The result
+    /// arrives through the engine that watches the descriptor, or through
+    /// Check when none does. A side runs one operation at a time: a second
+    /// start before the first was reset gives EBUSY; no descriptor gives
+    /// EBADF, a negative size or a null buffer EINVAL. From here until its
+    /// completion is handed out the operation holds data and the request
+    /// fields: they must stay alive and unchanged.
     std::uint64_t Begin(int op, Method_t how, unsigned char* data, int size);
-    /// Marks the operation done; the engine, if any, queues its completion.
+    /// Marks the operation done with its result.
     void Complete(int bytes, std::uint64_t err);
     /// Puts new_fd in the place of the descriptor, which is closed: a local
     /// listener's instance becomes the connection it accepted. On failure
     /// (the engine's error) new_fd is closed and the old one kept.
-    std::uint64_t SwitchFd(int new_fd);
-    /// Forgets a finished operation (its queued completion included). A
-    /// pending one cannot be forgotten: EBUSY.
+    std::uint64_t SwitchFd(ZNRNativeHandle new_fd);
+    /// Forgets a finished operation (a completion not handed out yet
+    /// included). A pending one cannot be forgotten: EBUSY.
     std::uint64_t Reset();
     /// Waits up to timeout_ms (negative: without limit) for the operation
     /// to finish; library error 17 when it has not, at once for a side
@@ -93,7 +103,7 @@ public:
 
     // The request.
     /// The descriptor the side runs on; -1: none. Not owned.
-    int fd;
+    ZNRNativeHandle fd;
     /// How the operation is carried out.
     Method_t method;
     /// The bytes to transfer; not owned.
@@ -117,16 +127,14 @@ public:
     /// The operation's error (a system error), once done.
     std::uint64_t error;
 
-    /// @cond INTERNAL
-    // Links kept by the pair and the engine that watches the descriptor.
-    bool read_side;
-    ZNRAsyncIOCB* peer;
-    ZNRCompletionEngine* engine;
-    std::uint32_t slot;
-    ZNRAsyncIOCB* queue_prev;
-    ZNRAsyncIOCB* queue_next;
-    bool queued;
-    /// @endcond
+private:
+    friend class ZNRAsyncIOWin32;
+    friend struct ZNRCompletionBinding;
+
+    bool read_side_;
+    ZNRAsyncIOCB* peer_;
+    // The engine's record of the descriptor while one watches it; opaque here.
+    ZNRCompletionBinding* binding_;
 };
 
 /// A device's asynchronous side: one control block per direction. Owning
@@ -154,7 +162,9 @@ public:
 /// The platform's completion-based I/O: the two control blocks of one
 /// descriptor. The name is the one host code and the reactor know it by.
 /// Destroying it, or calling Detach, takes the descriptor out of the
-/// engine that watches it and drops completions still queued for it.
+/// engine that watches it and drops completions still queued for it; a
+/// reactor cancels what is under way first and waits for the aborted
+/// completions.
 class ZNR_API ZNRAsyncIOWin32 : public ZNRAsyncIO {
 public:
     /// Two idle control blocks without a descriptor.
@@ -171,7 +181,7 @@ public:
     std::uint64_t CheckWriteIOStatus(int timeout_ms, int* transferred) override;
 
     /// The descriptor both sides run on (-1: none); not taken over.
-    void SetIOFd(int fd);
+    void SetIOFd(ZNRNativeHandle fd);
     /// Takes the descriptor out of its engine and leaves both sides idle
     /// without a descriptor; what was under way is forgotten.
     void Detach();

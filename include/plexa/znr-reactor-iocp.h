@@ -38,8 +38,9 @@ class ZNRThread;
 ///
 /// A device ends the same way from every path (a handler callback, a timer,
 /// a task, a close request from another thread): it leaves the device
-/// table, its I/O stops, and it is destroyed at the end of the loop turn,
-/// when its handler gets OnClose and Destroy. Nothing of the handler is
+/// table, its I/O stops, and at the end of the loop turn its handler gets
+/// OnClose and Destroy; what it had under way is cancelled, and the device
+/// itself goes once those operations have completed. Nothing of the handler is
 /// called after that, and nothing is freed under a caller's stack. See
 /// @ref handler_life.
 ///
@@ -134,7 +135,6 @@ protected:
 
 private:
     friend class ZNRReactorIOCPDeviceBase;
-    friend class ZNRReactorIOCPLoopEventReadDevice;
     friend class ZNRReactorIOCPDeviceTimer;
     friend class ZNRReactorIOCPAcceptRetryTimer;
     friend class ZNRReactorIOCPSendDataLoopEvent;
@@ -156,11 +156,24 @@ private:
     // Takes the device out of the table and stops its I/O; it is destroyed
     // by DestroyClosed. Unknown ids (closed already) are ignored.
     void DelIOCPDevice(std::uint32_t id);
-    void DestroyClosed();
     ZNRReactorIOCPDeviceBase* FindDevice(std::uint32_t id);
+    // One turn of the loop, its phases in order; false ends the loop.
     bool Turn(std::uint64_t* error);
+    void UpdateTime();
+    void RunTimers();
+    bool RunLoopEvents(std::uint64_t* error);
+    // How long the wait may block, in ms: 0 when work is pending, else
+    // until the nearest timer, else -1 (without limit).
+    int PlanWait();
+    bool WaitCompletions(ZNRCompletion* batch, int* count, std::uint64_t* error);
     bool Dispatch(ZNRCompletion const& completion, std::uint64_t* error);
-    bool DrainLoopEvents(std::uint64_t* error);
+    // A completion for a device closed in an earlier turn: the last one
+    // it waited for destroys it.
+    void CountDrained(std::uint32_t id);
+    // Handlers of devices closed during the turn hear OnClose; their
+    // operations are cancelled, and each device goes once its last
+    // completion is in.
+    void DestroyClosed();
     // Under the loop-event lock, which the caller holds: whether the
     // channel takes more (bounded: also whether the queue has room), the
     // wake-up signal, queueing.
@@ -169,19 +182,21 @@ private:
     std::uint64_t QueueLocked(ZNRReactorLoopEvent* event);
     std::uint64_t QueueSend(std::uint32_t id, unsigned char const* data, int size);
     void ReleaseSendBudget(std::uint32_t id, int size);
-    // After a completion: due timers, closed devices, the next wait.
-    void EndTurn();
-    void RunTimers();
-    // The wait before the next turn, in ms (-1: until an event).
-    int PlanWait();
     void NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies);
     void CloseAll();
 
     ZNRCompletionEngine* engine_;
     ZNRIdAllocator id_allocator_;
     ZNRStlAdapter<DeviceMap> devices_;
-    // Closed during this turn, destroyed at its end in closing order.
+    // Closed during this turn, released at its end in closing order.
     ZNRStlAdapter<std::vector<ZNRReactorIOCPDeviceBase*>> closed_;
+    // Closed devices waiting for the completions of their cancelled
+    // operations, with how many are still to come.
+    struct Draining {
+        ZNRReactorIOCPDeviceBase* device;
+        int left;
+    };
+    ZNRStlAdapter<std::unordered_map<std::uint32_t, Draining>> draining_;
     ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> begin_stop_notifies_;
     ZNRStlAdapter<std::list<ZNRReactorStopNotify*>> end_stop_notifies_;
     ZNRThreadMutex timer_lock_;
@@ -209,7 +224,10 @@ private:
     // The device whose completion is being handled, so that its handler's
     // answers need no lookup; cleared when it closes.
     ZNRReactorIOCPDeviceBase* dispatching_;
-    int next_wait_;  // loop thread only
+    // Loop thread only: the tick of this turn, and whether loop events
+    // were left queued past the turn's bound.
+    std::uint64_t now_;
+    bool events_left_;
     std::atomic<std::uint64_t> idle_wakeups_;
 };
 

@@ -120,7 +120,7 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
 }
 
 bool ZNRAsyncWaitReady(ZNRAsyncIOCB const* cb, int timeout_ms) {
-    pollfd p = {cb->fd, static_cast<short>(cb->read_side ? POLLIN : POLLOUT), 0};
+    pollfd p = {cb->fd, static_cast<short>(cb->IsReadSide() ? POLLIN : POLLOUT), 0};
     int rc;
     do {
         rc = ::poll(&p, 1, timeout_ms);

@@ -3,18 +3,17 @@
 
 #include "znr-async-perform.h"
 #include "znr-completion-engine.h"
+#include "znr-loop-tuning.h"
 
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <sys/epoll.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-// Completions handed out before readiness is polled again, so that
-// operations that keep finishing at once cannot starve other descriptors.
-unsigned int const kTurnsPerPoll = 64;
 int const kEventsPerPoll = 64;
 
 enum Side { kRead = 0, kWrite = 1 };
@@ -25,31 +24,43 @@ enum Side { kRead = 0, kWrite = 1 };
 // what an edge said is remembered per side (ready), so an operation on a
 // side known to be ready runs its system call at once and one on a side
 // that is not waits for the next edge, with no epoll_ctl per operation.
-// Finished operations wait in a list threaded through their control
-// blocks, so queueing allocates nothing and a descriptor that goes away
+// Finished operations wait in a list threaded through the descriptors'
+// records, so queueing allocates nothing and a descriptor that goes away
 // takes its queued completions with it.
 class ZNREpollEngine final : public ZNRCompletionEngine {
 public:
     explicit ZNREpollEngine(int epfd) : epfd_(epfd) {}
     ~ZNREpollEngine() override;
 
-    std::uint64_t Associate(int fd, std::uint32_t key, ZNRAsyncIO* io) override;
-    std::uint64_t Wait(int timeout_ms, ZNRCompletion* out) override;
+    std::uint64_t Associate(ZNRNativeHandle fd, std::uint32_t key, ZNRAsyncIO* io) override;
+    std::uint64_t Wait(int timeout_ms, ZNRCompletion* out, int max, int* count) override;
+    int Cancel(ZNRAsyncIO* io) override;
     void Start(ZNRAsyncIOCB* cb) override;
-    void Enqueue(ZNRAsyncIOCB* cb) override;
-    void Dequeue(ZNRAsyncIOCB* cb) override;
-    std::uint64_t Rebind(ZNRAsyncIOCB* cb, int fd) override;
+    void Release(ZNRAsyncIOCB* cb) override;
+    std::uint64_t Rebind(ZNRAsyncIOCB* cb, ZNRNativeHandle fd) override;
     void Dissociate(ZNRAsyncIOCB* cb) override;
 
 private:
-    struct Handle {
+    struct Handle;
+    // One side of a watched descriptor, and its place in the ready list.
+    struct Entry {
+        ZNRAsyncIOCB* cb = nullptr;
+        Handle* handle = nullptr;
+        Entry* prev = nullptr;
+        Entry* next = nullptr;
+        bool queued = false;
+        bool ready = false;
+    };
+    // Kept for its slot once made, so that the bindings and list links
+    // pointing into it stay valid while slots come and go.
+    struct Handle : ZNRCompletionBinding {
         int fd = -1;
         std::uint32_t key = 0;
+        std::uint32_t slot = 0;
         // Changes whenever the slot's descriptor does, so that an event
         // fetched for an earlier one is recognised and dropped.
         std::uint32_t generation = 0;
-        ZNRAsyncIOCB* cb[2] = {nullptr, nullptr};
-        bool ready[2] = {false, false};
+        Entry side[2];
         // The peer has closed or the descriptor failed: no edge will come
         // again, so a short transfer must not make a side wait for one.
         bool hung_up = false;
@@ -58,17 +69,23 @@ private:
         bool urgent = false;
     };
 
+    static Handle* HandleOf(ZNRAsyncIOCB const* cb) {
+        return static_cast<Handle*>(ZNRCompletionBinding::Of(cb));
+    }
+    static Side SideOf(ZNRAsyncIOCB const* cb) { return cb->IsReadSide() ? kRead : kWrite; }
     std::uint64_t Watch(int fd, std::uint32_t slot, std::uint32_t generation, int op);
     std::uint64_t Poll(int timeout_ms);
-    void Ready(std::uint32_t slot, Side side);
+    void Ready(Handle& handle, Side side);
     void Perform(Handle& handle, Side side);
+    void Enqueue(Entry* entry);
+    void Dequeue(Entry* entry);
 
     int const epfd_;
-    std::vector<Handle> handles_;
+    std::vector<std::unique_ptr<Handle>> handles_;
     std::vector<std::uint32_t> free_slots_;
-    ZNRAsyncIOCB* head_ = nullptr;
-    ZNRAsyncIOCB* tail_ = nullptr;
-    unsigned int turns_since_poll_ = 0;
+    Entry* head_ = nullptr;
+    Entry* tail_ = nullptr;
+    unsigned int handed_since_poll_ = 0;
     epoll_event events_[kEventsPerPoll];
 };
 
@@ -83,12 +100,9 @@ ZNRCompletionEngine* ZNRCompletionEngine::Create(std::uint64_t* error) {
 
 ZNREpollEngine::~ZNREpollEngine() {
     // Control blocks may outlive the engine: they must not call back.
-    for (Handle& handle : handles_) {
-        for (ZNRAsyncIOCB* cb : handle.cb) {
-            if (cb == nullptr) continue;
-            cb->engine = nullptr;
-            cb->queued = false;
-            cb->queue_prev = cb->queue_next = nullptr;
+    for (auto const& handle : handles_) {
+        for (Entry& entry : handle->side) {
+            if (entry.cb != nullptr) ZNRCompletionBinding::Bind(entry.cb, nullptr);
         }
     }
     ::close(epfd_);
@@ -103,20 +117,22 @@ std::uint64_t ZNREpollEngine::Watch(int fd, std::uint32_t slot, std::uint32_t ge
     return 0;
 }
 
-std::uint64_t ZNREpollEngine::Associate(int fd, std::uint32_t key, ZNRAsyncIO* io) {
+std::uint64_t ZNREpollEngine::Associate(ZNRNativeHandle fd, std::uint32_t key, ZNRAsyncIO* io) {
     ZNRAsyncIOCB* const read_cb = io->GetReadIOCB();
     ZNRAsyncIOCB* const write_cb = io->GetWriteIOCB();
     if (fd < 0) return ZNRSysError(EBADF);
-    if (read_cb->engine != nullptr || write_cb->engine != nullptr) return ZNRSysError(EEXIST);
+    if (read_cb->IsBound() || write_cb->IsBound()) return ZNRSysError(EEXIST);
     std::uint32_t slot;
     if (free_slots_.empty()) {
         slot = static_cast<std::uint32_t>(handles_.size());
-        handles_.emplace_back();
+        handles_.emplace_back(new Handle());
+        handles_.back()->slot = slot;
+        handles_.back()->engine = this;
     } else {
         slot = free_slots_.back();
         free_slots_.pop_back();
     }
-    Handle& handle = handles_[slot];
+    Handle& handle = *handles_[slot];
     std::uint64_t const rc = Watch(fd, slot, handle.generation, EPOLL_CTL_ADD);
     if (rc != 0) {
         free_slots_.push_back(slot);
@@ -124,113 +140,138 @@ std::uint64_t ZNREpollEngine::Associate(int fd, std::uint32_t key, ZNRAsyncIO* i
     }
     handle.fd = fd;
     handle.key = key;
-    handle.cb[kRead] = read_cb;
-    handle.cb[kWrite] = write_cb;
-    // Readiness is learnt from the first edge, which registration reports.
-    handle.ready[kRead] = handle.ready[kWrite] = false;
     handle.hung_up = handle.urgent = false;
-    for (ZNRAsyncIOCB* cb : handle.cb) {
-        cb->fd = fd;
-        cb->engine = this;
-        cb->slot = slot;
-        if (cb->status == ZNRAsyncIOCB::STATUS_DONE) Enqueue(cb);
+    ZNRAsyncIOCB* const cbs[2] = {read_cb, write_cb};
+    for (Side side : {kRead, kWrite}) {
+        Entry& entry = handle.side[side];
+        entry = Entry{};
+        entry.cb = cbs[side];
+        entry.handle = &handle;
+        // Readiness is learnt from the first edge, which registration reports.
+        entry.cb->fd = fd;
+        ZNRCompletionBinding::Bind(entry.cb, &handle);
+        if (entry.cb->status == ZNRAsyncIOCB::STATUS_DONE) Enqueue(&entry);
     }
     return 0;
 }
 
 void ZNREpollEngine::Dissociate(ZNRAsyncIOCB* cb) {
-    std::uint32_t const slot = cb->slot;
-    Handle& handle = handles_[slot];
+    Handle& handle = *HandleOf(cb);
     // Closing the descriptor alone would leave it registered while a
     // duplicate of it lives on.
     ::epoll_ctl(epfd_, EPOLL_CTL_DEL, handle.fd, nullptr);
-    for (ZNRAsyncIOCB* bound : handle.cb) {
-        if (bound->queued) Dequeue(bound);
-        bound->engine = nullptr;
+    for (Entry& entry : handle.side) {
+        if (entry.queued) Dequeue(&entry);
+        ZNRCompletionBinding::Bind(entry.cb, nullptr);
+        entry = Entry{};
     }
-    std::uint32_t const generation = handle.generation + 1;
-    handle = Handle{};
-    handle.generation = generation;
-    free_slots_.push_back(slot);
+    handle.fd = -1;
+    handle.key = 0;
+    ++handle.generation;
+    free_slots_.push_back(handle.slot);
 }
 
-std::uint64_t ZNREpollEngine::Rebind(ZNRAsyncIOCB* cb, int fd) {
-    std::uint32_t const slot = cb->slot;
-    Handle& handle = handles_[slot];
+std::uint64_t ZNREpollEngine::Rebind(ZNRAsyncIOCB* cb, ZNRNativeHandle fd) {
+    Handle& handle = *HandleOf(cb);
     // The new descriptor is added before the old one goes, so that a
     // failure leaves the handle naming the descriptor still watched.
     std::uint32_t const generation = handle.generation + 1;
-    std::uint64_t const rc = Watch(fd, slot, generation, EPOLL_CTL_ADD);
+    std::uint64_t const rc = Watch(fd, handle.slot, generation, EPOLL_CTL_ADD);
     if (rc != 0) return rc;
     ::epoll_ctl(epfd_, EPOLL_CTL_DEL, handle.fd, nullptr);
     handle.fd = fd;
     handle.generation = generation;
-    handle.ready[kRead] = handle.ready[kWrite] = false;
+    handle.side[kRead].ready = handle.side[kWrite].ready = false;
     handle.hung_up = handle.urgent = false;
     return 0;
 }
 
 void ZNREpollEngine::Start(ZNRAsyncIOCB* cb) {
-    Handle& handle = handles_[cb->slot];
-    Side const side = cb->read_side ? kRead : kWrite;
-    if (handle.ready[side]) Perform(handle, side);
+    Handle& handle = *HandleOf(cb);
+    Side const side = SideOf(cb);
+    if (handle.side[side].ready) Perform(handle, side);
+}
+
+void ZNREpollEngine::Release(ZNRAsyncIOCB* cb) {
+    Entry& entry = HandleOf(cb)->side[SideOf(cb)];
+    if (entry.queued) Dequeue(&entry);
+}
+
+// Nothing is in the system's hands between edges, so aborting is only
+// finishing what waits for one.
+int ZNREpollEngine::Cancel(ZNRAsyncIO* io) {
+    Handle* const handle = HandleOf(io->GetReadIOCB());
+    if (handle == nullptr) return 0;
+    int count = 0;
+    for (Entry& entry : handle->side) {
+        if (entry.cb->status == ZNRAsyncIOCB::STATUS_PENDING) {
+            entry.cb->Complete(0, ZNRSysError(ECANCELED));
+            Enqueue(&entry);
+        }
+        if (entry.queued) ++count;
+    }
+    return count;
 }
 
 void ZNREpollEngine::Perform(Handle& handle, Side side) {
-    ZNRPerformResult const result = ZNRAsyncPerform(handle.cb[side], true);
+    Entry& entry = handle.side[side];
+    ZNRPerformResult const result = ZNRAsyncPerform(entry.cb, true);
     if (result == ZNR_PERFORM_AGAIN) {
-        handle.ready[side] = false;
+        entry.ready = false;
         // Emptied: any urgent mark has been read past.
         if (side == kRead) handle.urgent = false;
         return;
     }
+    Enqueue(&entry);
     // No edge comes after the peer's close, and a read stopped at an urgent
     // mark has more behind it: then a short transfer proves nothing.
     bool const short_means_empty = !handle.hung_up && !(side == kRead && handle.urgent);
-    if (result == ZNR_PERFORM_DRAINED && short_means_empty) handle.ready[side] = false;
+    if (result == ZNR_PERFORM_DRAINED && short_means_empty) entry.ready = false;
 }
 
-void ZNREpollEngine::Enqueue(ZNRAsyncIOCB* cb) {
-    cb->queue_prev = tail_;
-    cb->queue_next = nullptr;
+void ZNREpollEngine::Enqueue(Entry* entry) {
+    entry->prev = tail_;
+    entry->next = nullptr;
     if (tail_ != nullptr) {
-        tail_->queue_next = cb;
+        tail_->next = entry;
     } else {
-        head_ = cb;
+        head_ = entry;
     }
-    tail_ = cb;
-    cb->queued = true;
+    tail_ = entry;
+    entry->queued = true;
 }
 
-void ZNREpollEngine::Dequeue(ZNRAsyncIOCB* cb) {
-    if (cb->queue_prev != nullptr) {
-        cb->queue_prev->queue_next = cb->queue_next;
+void ZNREpollEngine::Dequeue(Entry* entry) {
+    if (entry->prev != nullptr) {
+        entry->prev->next = entry->next;
     } else {
-        head_ = cb->queue_next;
+        head_ = entry->next;
     }
-    if (cb->queue_next != nullptr) {
-        cb->queue_next->queue_prev = cb->queue_prev;
+    if (entry->next != nullptr) {
+        entry->next->prev = entry->prev;
     } else {
-        tail_ = cb->queue_prev;
+        tail_ = entry->prev;
     }
-    cb->queue_prev = cb->queue_next = nullptr;
-    cb->queued = false;
+    entry->prev = entry->next = nullptr;
+    entry->queued = false;
 }
 
-std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out) {
+std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, int* count) {
     using Clock = std::chrono::steady_clock;
     Clock::time_point deadline;
     if (timeout_ms > 0) deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        if (head_ != nullptr && turns_since_poll_ < kTurnsPerPoll) {
-            ZNRAsyncIOCB* const cb = head_;
-            Dequeue(cb);
-            ++turns_since_poll_;
-            out->key = handles_[cb->slot].key;
-            out->bytes = cb->transferred;
-            out->iocb = cb;
-            out->failed = cb->error != 0;
-            out->error = cb->error;
+        if (head_ != nullptr && handed_since_poll_ < kCompletionsPerPoll) {
+            int n = 0;
+            while (head_ != nullptr && n < max && handed_since_poll_ < kCompletionsPerPoll) {
+                Entry* const entry = head_;
+                Dequeue(entry);
+                ++handed_since_poll_;
+                ZNRAsyncIOCB* const cb = entry->cb;
+                out[n++] = ZNRCompletion{entry->handle->key, cb->transferred, cb, cb->error != 0,
+                                         cb->error};
+            }
+            *count = n;
             return 0;
         }
         int wait_ms = timeout_ms;
@@ -244,8 +285,9 @@ std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out) {
         }
         std::uint64_t const rc = Poll(wait_ms);
         if (rc != 0) return rc;
-        turns_since_poll_ = 0;
+        handed_since_poll_ = 0;
         if (head_ == nullptr && wait_ms >= 0 && (timeout_ms == 0 || Clock::now() >= deadline)) {
+            *count = 0;
             return ZNR_ERROR_TIMED_OUT;
         }
     }
@@ -256,25 +298,26 @@ std::uint64_t ZNREpollEngine::Poll(int timeout_ms) {
     if (n < 0) return errno == EINTR ? 0 : ZNRSysError(errno);
     for (int i = 0; i < n; ++i) {
         std::uint64_t const data = events_[i].data.u64;
-        std::uint32_t const slot = static_cast<std::uint32_t>(data);
+        Handle& handle = *handles_[static_cast<std::uint32_t>(data)];
         std::uint32_t const generation = static_cast<std::uint32_t>(data >> 32);
         std::uint32_t const events = events_[i].events;
-        if (handles_[slot].generation != generation) continue;
-        if ((events & (EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) handles_[slot].hung_up = true;
-        if ((events & EPOLLPRI) != 0) handles_[slot].urgent = true;
+        if (handle.generation != generation) continue;
+        if ((events & (EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) handle.hung_up = true;
+        if ((events & EPOLLPRI) != 0) handle.urgent = true;
         if ((events & (EPOLLIN | EPOLLPRI | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) {
-            Ready(slot, kRead);
+            Ready(handle, kRead);
         }
         // A read may have replaced the descriptor: the rest of the event was its predecessor's.
-        if (handles_[slot].generation != generation) continue;
-        if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) Ready(slot, kWrite);
+        if (handle.generation != generation) continue;
+        if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) Ready(handle, kWrite);
     }
     return 0;
 }
 
-void ZNREpollEngine::Ready(std::uint32_t slot, Side side) {
-    Handle& handle = handles_[slot];
-    handle.ready[side] = true;
-    ZNRAsyncIOCB* const cb = handle.cb[side];
-    if (cb != nullptr && cb->status == ZNRAsyncIOCB::STATUS_PENDING) Perform(handle, side);
+void ZNREpollEngine::Ready(Handle& handle, Side side) {
+    Entry& entry = handle.side[side];
+    entry.ready = true;
+    if (entry.cb != nullptr && entry.cb->status == ZNRAsyncIOCB::STATUS_PENDING) {
+        Perform(handle, side);
+    }
 }
