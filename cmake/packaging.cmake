@@ -49,4 +49,17 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
   "event-driven networking and service framework - tools\n${_plexa_about}\n\nThis package holds plexa-entity-server, a server of the library's entity\nprotocol (echo and key-value services), and plexa-bench, its load client.")
 
+# Debian wants a changelog in every package; this one only names the
+# release. Packages alone get it: a plain install has no use for it.
+string(TIMESTAMP _plexa_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+file(WRITE ${CMAKE_BINARY_DIR}/debian/changelog
+  "plexa (${PROJECT_VERSION}) unstable; urgency=medium\n\n  * Release ${PROJECT_VERSION}.\n\n -- ${PLEXA_PACKAGE_MAINTAINER}  ${_plexa_date}\n")
+execute_process(COMMAND gzip -9nf ${CMAKE_BINARY_DIR}/debian/changelog)
+foreach(_component runtime dev tools)
+  string(TOUPPER ${_component} _upper)
+  install(FILES ${CMAKE_BINARY_DIR}/debian/changelog.gz
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${_upper}_PACKAGE_NAME}
+    COMPONENT ${_component} EXCLUDE_FROM_ALL)
+endforeach()
+
 include(CPack)
