@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -133,6 +134,18 @@ protected:
             EXPECT_NE(kNoId, id) << err;
         });
         return id;
+    }
+    // Keeps the loop thread inside a task until the returned call.
+    std::function<void()> HoldLoop() {
+        auto const release = std::make_shared<std::promise<void>>();
+        std::shared_future<void> const released(release->get_future());
+        std::promise<void> holding;
+        EXPECT_EQ(0u, reactor_->RegisterTask(new Task([&holding, released] {
+            holding.set_value();
+            released.wait();
+        })));
+        holding.get_future().wait();
+        return [release] { release->set_value(); };
     }
     // A listener whose handler registers every accepted connection with a
     // handler from make; returns its port.
@@ -398,16 +411,10 @@ TEST_F(Reactor, ClosedDevicesWaitForTheirCancelledOperationsSilently) {
     closer->on_data = [closer](ZNRByteBuffer const*, int*) { return !closer->Log("data"); };
     Stuffed b = stuff(closer, "b");
     OnLoop([&] { EXPECT_EQ(0u, reactor_->SendData(b.id, L("late"), 4)); });
-    std::promise<void> release, holding;
-    std::shared_future<void> released(release.get_future());
-    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([&holding, released] {
-        holding.set_value();
-        released.wait();
-    })));
-    holding.get_future().wait();
+    std::function<void()> const release = HoldLoop();
     ASSERT_EQ(1, ::send(b.peer, "x", 1, MSG_NOSIGNAL));
     EXPECT_EQ(b.stuffed, ReadUpTo(b.peer, b.stuffed).size());
-    release.set_value();
+    release();
     EXPECT_TRUE(journal_.WaitFor("b gone"));
     EXPECT_EQ((std::vector<std::string>{"data", "close", "destroy", "gone"}), Of("b"));
     ::close(b.peer);
@@ -480,16 +487,10 @@ TEST_F(Reactor, SendLimitsCloseRequestsAndUnknownIds) {
     // Two turns first, so that the completion of "ok" is in.
     OnLoop([] {});
     OnLoop([] {});
-    std::promise<void> release, holding;
-    std::shared_future<void> released(release.get_future());
-    ASSERT_EQ(0u, reactor_->RegisterTask(new Task([&holding, released] {
-        holding.set_value();
-        released.wait();
-    })));
-    holding.get_future().wait();
+    std::function<void()> const release = HoldLoop();
     EXPECT_EQ(0u, reactor_->SendData(3, bytes, 1 << 20));
     EXPECT_EQ(E(8), reactor_->SendData(3, L("x"), 1));
-    release.set_value();
+    release();
     EXPECT_EQ(std::string(1 << 20, 'x'), ReadUpTo(a, 1 << 20));
     OnLoop([] {});  // the write's completion was queued before this task
     EXPECT_EQ(0u, reactor_->SendData(3, L("y"), 1));
