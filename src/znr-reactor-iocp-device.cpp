@@ -20,13 +20,6 @@ int const kAcceptBurst = 64;
 
 std::string Narrow(ZNRString const& text) { return text.ToStdCStr(); }
 
-// A handler hears of its device's closing only while the loop runs; at
-// shutdown it is just released.
-void EndHandler(ZNRReactorIOCP* reactor, ZNRDeviceHandler* handler) {
-    if (!reactor->IsStopped()) handler->OnClose();
-    handler->Destroy();
-}
-
 void SetError(std::uint64_t* error, std::uint64_t code) {
     if (error != nullptr) *error = code;
 }
@@ -36,9 +29,10 @@ void SetError(std::uint64_t* error, std::uint64_t code) {
 // ---------------------------------------------------------------- base
 
 ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id,
-                                                   ZNRDevice* device)
-    : reactor_(reactor), id_(id), device_(device), io_(nullptr), timer_(nullptr), recv_buff_grow_size_(512),
-      recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr), queued_send_bytes_(0),
+                                                   ZNRDevice* device, ZNRDeviceHandler* handler)
+    : reactor_(reactor), id_(id), device_(device), handler_(handler), io_(nullptr), timer_(nullptr),
+      recv_buff_grow_size_(512), recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr),
+      queued_send_bytes_(0),
       sending_(false), connecting_(false), closing_(false) {
     if (device != nullptr) desc_ = device->GetDescInfo();
     // Looked up once: every completion asks for it.
@@ -55,9 +49,15 @@ ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
 // system still holds for it is cancelled at the end of the turn.
 void ZNRReactorIOCPDeviceBase::BeginClose() { closing_ = true; }
 
+// A handler hears of its device's closing only while the loop runs; at
+// shutdown it is just released.
 void ZNRReactorIOCPDeviceBase::ReleaseHandler() {
     DropTimer(timer_);
     timer_ = nullptr;
+    if (handler_ == nullptr) return;
+    if (!reactor_->IsStopped()) handler_->OnClose();
+    handler_->Destroy();
+    handler_ = nullptr;
 }
 
 int ZNRReactorIOCPDeviceBase::GetType() const {
@@ -239,14 +239,9 @@ bool ZNRReactorIOCPDeviceBase::OnTimeoutEvent(std::uint64_t) { return true; }
 
 ZNRReactorIOCPNormalDevice::ZNRReactorIOCPNormalDevice(ZNRReactorIOCP* reactor, std::uint32_t id,
                                                        ZNRDevice* device, ZNRDeviceHandler* handler)
-    : ZNRReactorIOCPDeviceBase(reactor, id, device), handler_(handler) {}
+    : ZNRReactorIOCPDeviceBase(reactor, id, device, handler) {}
 
 ZNRReactorIOCPNormalDevice::~ZNRReactorIOCPNormalDevice() = default;
-
-void ZNRReactorIOCPNormalDevice::ReleaseHandler() {
-    EndHandler(reactor_, handler_);
-    ZNRReactorIOCPDeviceBase::ReleaseHandler();
-}
 
 void ZNRReactorIOCPNormalDevice::Destroy() { delete this; }
 
@@ -418,14 +413,9 @@ bool ZNRReactorIOCPPipeAcceptClientDevice::OnRecvEvent(int bytes, std::uint64_t*
 
 ZNRReactorIOCPFakeDevice::ZNRReactorIOCPFakeDevice(ZNRReactorIOCP* reactor, std::uint32_t id,
                                                    ZNRDevice* device, ZNRDeviceHandler* handler)
-    : ZNRReactorIOCPDeviceBase(reactor, id, device), handler_(handler) {}
+    : ZNRReactorIOCPDeviceBase(reactor, id, device, handler) {}
 
 ZNRReactorIOCPFakeDevice::~ZNRReactorIOCPFakeDevice() = default;
-
-void ZNRReactorIOCPFakeDevice::ReleaseHandler() {
-    EndHandler(reactor_, handler_);
-    ZNRReactorIOCPDeviceBase::ReleaseHandler();
-}
 
 void ZNRReactorIOCPFakeDevice::Destroy() { delete this; }
 

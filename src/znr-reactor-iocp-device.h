@@ -20,7 +20,9 @@ class ZNRReactorIOCP;
 // calls. Everything here runs on the reactor's loop thread.
 class ZNRReactorIOCPDeviceBase {
 public:
-    ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device);
+    // handler: none for the wake-up channel's own devices.
+    ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRDevice* device,
+                             ZNRDeviceHandler* handler = nullptr);
     ZNRReactorIOCPDeviceBase(ZNRReactorIOCPDeviceBase const&) = delete;
     ZNRReactorIOCPDeviceBase& operator=(ZNRReactorIOCPDeviceBase const&) = delete;
 
@@ -47,7 +49,7 @@ public:
     void BeginClose();
     // OnClose (while the loop runs) and Destroy for the handler; the
     // timeout check ends with it.
-    virtual void ReleaseHandler();
+    void ReleaseHandler();
     bool IsClosing() const { return closing_; }
     std::uint32_t GetId() const { return id_; }
     int GetType() const;
@@ -86,6 +88,7 @@ protected:
     ZNRReactorIOCP* reactor_;
     std::uint32_t id_;
     ZNRDevice* device_;
+    ZNRDeviceHandler* handler_;
     ZNRAsyncIO* io_;
     ZNRTimer* timer_;
     int recv_buff_grow_size_;
@@ -114,13 +117,10 @@ public:
 
     bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
     void Destroy() override;
-    void ReleaseHandler() override;
     bool OnRecvEvent(int bytes, std::uint64_t* error) override;
     bool OnSendEvent(int bytes, std::uint64_t* error) override;
     void OnErrorEvent(std::uint64_t const& error) override;
     bool OnTimeoutEvent(std::uint64_t now) override;
-
-    ZNRDeviceHandler* GetHandler() const { return handler_; }
 
 protected:
     ~ZNRReactorIOCPNormalDevice() override;
@@ -130,8 +130,6 @@ protected:
     bool Deliver(std::uint64_t* error);
     // The connection is up: reads start and queued sends go out.
     bool Connected(std::uint64_t* error);
-
-    ZNRDeviceHandler* handler_;
 };
 
 // A listener: a completed accept is offered to the handler as
@@ -191,7 +189,6 @@ public:
     bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
     ZNRAsyncIO* GetAsyncIO() override { return nullptr; }
     void Destroy() override;
-    void ReleaseHandler() override;
     bool OnRecvEvent(int bytes, std::uint64_t* error) override;
     bool OnSendEvent(int bytes, std::uint64_t* error) override;
     void OnErrorEvent(std::uint64_t const& error) override;
@@ -199,9 +196,6 @@ public:
 
 protected:
     ~ZNRReactorIOCPFakeDevice() override;
-
-private:
-    ZNRDeviceHandler* handler_;
 };
 
 // The read end of the wake-up channel: an eventfd counter, which a
@@ -234,7 +228,6 @@ private:
     int fd_;
 };
 
-// The repeating timeout check of one device.
 // Runs one more accept of a listener that ran out of descriptors.
 class ZNRReactorIOCPAcceptRetryTimer : public ZNRTimer {
 public:
@@ -252,6 +245,7 @@ private:
     ZNRReactorIOCPTcpServerDevice* device_;
 };
 
+// The repeating timeout check of one device.
 class ZNRReactorIOCPDeviceTimer : public ZNRTimer {
 public:
     ZNRReactorIOCPDeviceTimer(unsigned int period, ZNRReactorIOCPDeviceBase* device);
