@@ -15,6 +15,11 @@ enum ZNRPerformResult {
 // that a connect need not be probed before its result is read.
 ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready);
 
+// Finishes an accept that gave fd: the connection takes the listening
+// descriptor's place or fills the control block's socket. peer_known: the
+// accept itself wrote the peer's address into cb->addr.
+void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, int fd, bool peer_known);
+
 // Waits up to timeout_ms (negative: without limit) until cb's descriptor
 // is ready for its side. True when ready; false on time-out.
 bool ZNRAsyncWaitReady(ZNRAsyncIOCB const* cb, int timeout_ms);

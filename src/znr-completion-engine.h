@@ -5,6 +5,9 @@
 #include <plexa/znr-export.h>
 
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
 
 class ZNRCompletionEngine;
 
@@ -23,9 +26,71 @@ struct ZNRCompletion {
 // through it.
 struct ZNRCompletionBinding {
     ZNRCompletionEngine* engine = nullptr;
+    std::uint32_t slot = 0;
+    // Changes whenever the slot's descriptor does, so that a result the
+    // system reports for an earlier one is recognised and dropped.
+    std::uint32_t generation = 0;
 
     static ZNRCompletionBinding* Of(ZNRAsyncIOCB const* cb) { return cb->binding_; }
     static void Bind(ZNRAsyncIOCB* cb, ZNRCompletionBinding* binding) { cb->binding_ = binding; }
+};
+
+// A place in an engine's list of finished operations, kept in the engine's
+// own records so that queueing allocates nothing and a descriptor that
+// goes away takes its queued completions with it.
+struct ZNRCompletionLink {
+    ZNRCompletionLink* prev = nullptr;
+    ZNRCompletionLink* next = nullptr;
+    bool queued = false;
+};
+
+// Finished operations in the order they finished.
+class ZNRCompletionList {
+public:
+    bool Empty() const { return head_ == nullptr; }
+    ZNRCompletionLink* Front() const { return head_; }
+    void Push(ZNRCompletionLink* link);
+    void Remove(ZNRCompletionLink* link);
+
+private:
+    ZNRCompletionLink* head_ = nullptr;
+    ZNRCompletionLink* tail_ = nullptr;
+};
+
+// An engine's records of watched descriptors by slot, kept once made so
+// that bindings and list links pointing into them stay valid while slots
+// come and go; the slot and generation name one in what the system reports.
+template <class Record>
+class ZNRBindingTable {
+public:
+    Record* Acquire(ZNRCompletionEngine* engine) {
+        if (free_.empty()) {
+            records_.emplace_back(new Record());
+            Record* const record = records_.back().get();
+            record->slot = static_cast<std::uint32_t>(records_.size() - 1);
+            record->engine = engine;
+            return record;
+        }
+        Record* const record = records_[free_.back()].get();
+        free_.pop_back();
+        return record;
+    }
+    void Free(Record* record) {
+        ++record->generation;
+        free_.push_back(record->slot);
+    }
+    // The record the system's report names, or null when it is stale.
+    Record* Find(std::uint32_t slot, std::uint32_t generation, std::uint32_t generation_mask) const {
+        if (slot >= records_.size()) return nullptr;
+        Record* const record = records_[slot].get();
+        return (record->generation & generation_mask) == generation ? record : nullptr;
+    }
+    Record* At(std::uint32_t slot) const { return records_[slot].get(); }
+    std::size_t Size() const { return records_.size(); }
+
+private:
+    std::vector<std::unique_ptr<Record>> records_;
+    std::vector<std::uint32_t> free_;
 };
 
 // Turns operations started on control blocks into completions handed out
@@ -36,13 +101,21 @@ struct ZNRCompletionBinding {
 // blocks of the descriptors it watches call into it from that same thread.
 class ZNR_API ZNRCompletionEngine {
 public:
-    // The platform's engine; null with *error set when it cannot be made.
-    static ZNRCompletionEngine* Create(std::uint64_t* error);
+    // The engine named ("epoll", "io_uring"); null or empty: the one
+    // PLEXA_ENGINE names, else the best the system allows. A named engine
+    // that cannot start, or an unknown name, gives null with *error set;
+    // *choice (when given) says which engine was made and why.
+    static ZNRCompletionEngine* Create(char const* name, std::uint64_t* error,
+                                       std::string* choice);
+    static ZNRCompletionEngine* Create(std::uint64_t* error) { return Create(nullptr, error, nullptr); }
 
     ZNRCompletionEngine() = default;
     ZNRCompletionEngine(ZNRCompletionEngine const&) = delete;
     ZNRCompletionEngine& operator=(ZNRCompletionEngine const&) = delete;
     virtual ~ZNRCompletionEngine() = default;
+
+    // "epoll" or "io_uring".
+    virtual char const* GetName() const = 0;
 
     // Watches handle under key; io's control blocks run their operations
     // through this engine until they are dissociated. An operation started

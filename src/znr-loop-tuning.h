@@ -31,4 +31,9 @@ int const kDefaultLoopEventQueueMax = 100000;
 // would wait a whole round of the wheel.
 std::uint64_t const kNearTimerMs = 1;
 
+// How long a reactor that shuts down waits for the cancelled operations of
+// its closed devices to complete; cancels complete at once on every engine,
+// so this only bounds a misbehaving system.
+int const kDrainWaitMs = 1000;
+
 #endif

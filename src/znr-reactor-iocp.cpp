@@ -129,8 +129,15 @@ std::uint64_t ZNRReactorIOCP::Init() {
     dispose_size_ = std::max(1, GetLoopEventDisposeSize());
     queue_max_ = GetLoopEventQueueMaxSize();
     std::uint64_t rc = 0;
-    engine_ = ZNRCompletionEngine::Create(&rc);
-    if (engine_ == nullptr) return rc;
+    std::string choice;
+    engine_ = ZNRCompletionEngine::Create(engine_name_->c_str(), &rc, &choice);
+    if (engine_ == nullptr) {
+        ZNR_LOG(ERROR, "IOCP reactor can not start its completion engine, %s error=\"%s\"",
+                choice.c_str(), ZNRGetErrorText(rc).c_str());
+        return rc;
+    }
+    ZNR_LOG(INFO, "IOCP reactor uses the %s completion engine, %s", engine_->GetName(),
+            choice.c_str());
     id_allocator_.AllocULONGNumId(&read_device_id_);
     int fd = -1;
     rc = ZNRWakeupOpen(&fd);
@@ -158,6 +165,16 @@ std::uint64_t ZNRReactorIOCP::Init() {
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
     write_device_ = new ZNRReactorIOCPLoopEventWriteDevice(this, kNoDeviceId, fd);
     return 0;
+}
+
+std::uint64_t ZNRReactorIOCP::SetEngine(char const* name) {
+    if (engine_ != nullptr) return ZNRSysError(EBUSY);
+    *engine_name_ = name != nullptr ? name : "";
+    return 0;
+}
+
+char const* ZNRReactorIOCP::GetEngineName() const {
+    return engine_ != nullptr ? engine_->GetName() : nullptr;
 }
 
 // The loop, until a stop request or a failure of the engine.
@@ -605,6 +622,22 @@ void ZNRReactorIOCP::DestroyClosed() {
     closed_->clear();
 }
 
+// The system may still hold buffers of closed devices: their cancelled
+// operations complete before they go, within a bound after which freeing
+// them makes the engine let go synchronously.
+void ZNRReactorIOCP::DrainClosed() {
+    ZNRCompletion batch[kCompletionBatch];
+    while (!draining_->empty() && engine_ != nullptr) {
+        int count = 0;
+        if (engine_->Wait(kDrainWaitMs, batch, kCompletionBatch, &count) != 0) break;
+        for (int i = 0; i < count; ++i) {
+            if (batch[i].key != read_device_id_) CountDrained(batch[i].key);
+        }
+    }
+    for (auto const& entry : *draining_) entry.second.device->Destroy();
+    draining_->clear();
+}
+
 void ZNRReactorIOCP::CountDrained(std::uint32_t id) {
     auto const it = draining_->find(id);
     // Else a completion for a device closed earlier in this batch: it was
@@ -650,9 +683,7 @@ void ZNRReactorIOCP::CloseAll() {
         for (std::uint32_t id : ids) DelIOCPDevice(id);
         DestroyClosed();
     }
-    // The engine goes below, and with it whatever it still held for them.
-    for (auto const& entry : *draining_) entry.second.device->Destroy();
-    draining_->clear();
+    DrainClosed();
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
         for (ZNRReactorLoopEvent* event : *loop_events_) {

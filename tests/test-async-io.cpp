@@ -550,15 +550,26 @@ TEST_F(AsyncIO, CancelAbortsEachPendingOperationOnceAndKeepsFinishedOnes) {
     ExpectNothing();
 
     // A finished operation whose completion is not handed out yet is
-    // counted, not aborted.
+    // counted, not aborted: two reads finish together, one is handed out.
+    auto const other = StreamPair();
+    auto t = Adopt(other.first, 9);
+    ASSERT_EQ(1, ::write(other.second, "z", 1));
+    ExpectNothing();  // epoll learns that both can be read
+    unsigned char in2[8];
     ASSERT_EQ(0u, s->ResetReadIOStatus());
     ASSERT_EQ(0, s->Recv(in, sizeof in, &err));
-    ASSERT_EQ(ZNRAsyncIOCB::STATUS_DONE, s->GetReadIOCB()->status);
-    EXPECT_EQ(1, engine_->Cancel(s.get()));
+    ASSERT_EQ(0, t->Recv(in2, sizeof in2, &err));
+    ZNRCompletion first{};
+    int count = 0;
+    ASSERT_EQ(0u, engine_->Wait(5000, &first, 1, &count));
+    ASSERT_EQ(1, count);
+    ZNRAsyncIO* const left = first.key == 8u ? static_cast<ZNRAsyncIO*>(t.get()) : s.get();
+    EXPECT_EQ(1, engine_->Cancel(left));
     ZNRCompletion const c = Next();
+    EXPECT_NE(first.key, c.key);
     EXPECT_FALSE(c.failed);
     EXPECT_EQ(1, c.bytes);
-    ::close(fds.second);
+    for (int fd : {fds.second, other.second}) ::close(fd);
 }
 
 TEST_F(AsyncIO, RegistrationsFollowDetachAndFailedRebind) {
@@ -605,7 +616,11 @@ TEST_F(AsyncIO, RegistrationsFollowDetachAndFailedRebind) {
 
     // A rebind the system refuses leaves the old descriptor watched and
     // named: detaching it later must not unwatch the descriptor that took
-    // the refused one's number.
+    // the refused one's number. Only epoll refuses one (a regular file).
+    if (std::string(engine_->GetName()) != "epoll") {
+        ::close(fds.second);
+        return;
+    }
     int const file = ::memfd_create("plexa-test", MFD_CLOEXEC);
     ASSERT_GE(file, 0);
     ASSERT_EQ(ZNRSysError(EPERM), s->GetReadIOCB()->SwitchFd(file));

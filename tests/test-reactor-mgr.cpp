@@ -224,8 +224,8 @@ TEST_F(ReactorMgr, UnknownIdsAreRefused) {
     timer->Destroy();
 
     // Lifecycle calls on an unknown id neither crash nor log.
-    logs_.clear();
     mgr_.New(&err);
+    logs_.clear();
     EXPECT_EQ(kNotFound, mgr_.Start(id));
     EXPECT_EQ(kNotFound, mgr_.StartThread(id, ZNRString("x"), nullptr));
     EXPECT_EQ(kNotFound, mgr_.Stop(id));
@@ -258,9 +258,14 @@ TEST_F(ReactorMgr, ReactorThreadRunsTasksAndReportsItsEnd) {
     EXPECT_EQ((std::vector<std::string>{"task 0 rmgr-loop current", "task 1 rmgr-loop current"}), j_.Get());
     // The loop has ended, the reactor is still there.
     EXPECT_EQ(1u, mgr_.GetCount());
+    // Init names the engine it made, and why.
     auto const infos = Messages(ZNRLogger::LOGL_INFO);
-    ASSERT_EQ(1u, infos.size());
-    EXPECT_EQ("Reactor thread has stopped, id=1 thread name=\"rmgr-loop\"", infos[0]);
+    ASSERT_EQ(2u, infos.size());
+    std::string const engine = std::getenv("PLEXA_ENGINE") != nullptr ? std::getenv("PLEXA_ENGINE") : "";
+    EXPECT_EQ(engine.empty() ? "IOCP reactor uses the io_uring completion engine, the best the system offers"
+                             : "IOCP reactor uses the " + engine + " completion engine, chosen by PLEXA_ENGINE",
+              infos[0]);
+    EXPECT_EQ("Reactor thread has stopped, id=1 thread name=\"rmgr-loop\"", infos[1]);
     EXPECT_EQ(kFn + "OnThreadStopped", logs_.back().function);
     EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
 
@@ -315,7 +320,13 @@ TEST_F(ReactorMgr, RemoveAllStopsEveryReactorInIdOrder) {
                                         "end 2", "destroyed 2", "begin 3 count 1", "end 3",
                                         "destroyed 3", "destroyed 4"}),
               j_.Get());
-    EXPECT_EQ(3u, Messages(ZNRLogger::LOGL_INFO).size());
+    auto const infos = Messages(ZNRLogger::LOGL_INFO);
+    EXPECT_EQ(3, std::count_if(infos.begin(), infos.end(), [](std::string const& m) {
+                  return m.rfind("Reactor thread has stopped", 0) == 0;
+              }));
+    EXPECT_EQ(4, std::count_if(infos.begin(), infos.end(), [](std::string const& m) {
+                  return m.rfind("IOCP reactor uses the ", 0) == 0;
+              }));
     EXPECT_TRUE(Messages(ZNRLogger::LOGL_ERROR).empty());
     mgr_.RemoveAll();
 }

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <deque>
 #include <list>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -52,9 +53,21 @@ public:
     /// Owns timer_mgr from now on.
     explicit ZNRReactorIOCP(ZNRTimerMgr* timer_mgr);
 
+    /// Names the completion engine Init makes: "io_uring" or "epoll" on
+    /// Linux. Null or empty (the default): the one the PLEXA_ENGINE
+    /// environment variable names, else io_uring where the kernel allows
+    /// it and epoll otherwise. A named engine that cannot start, or an
+    /// unknown name, fails Init. Before Init (after it: EBUSY), from the
+    /// thread that will call Init.
+    std::uint64_t SetEngine(char const* name);
+    /// The engine Init made ("io_uring", "epoll"); null before Init and
+    /// after the loop has ended. Loop thread.
+    char const* GetEngineName() const;
     /// Creates the completion engine and the wake-up channel; 0 at once
-    /// when done before. A system error (errno) when either fails. Any
-    /// thread, before Open.
+    /// when done before. Logs which engine it made and why, as "IOCP
+    /// reactor uses the %s completion engine, %s". A system error (errno)
+    /// when either fails: a named engine the system refuses gives the
+    /// system's error, an unknown name EINVAL. Any thread, before Open.
     std::uint64_t Init() override;
     /// Runs the loop on the calling thread, which becomes the loop thread,
     /// until a stop request (0) or a failure of the engine (its error,
@@ -184,8 +197,10 @@ private:
     void ReleaseSendBudget(std::uint32_t id, int size);
     void NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies);
     void CloseAll();
+    void DrainClosed();
 
     ZNRCompletionEngine* engine_;
+    ZNRStlAdapter<std::string> engine_name_;
     ZNRIdAllocator id_allocator_;
     ZNRStlAdapter<DeviceMap> devices_;
     // Closed during this turn, released at its end in closing order.

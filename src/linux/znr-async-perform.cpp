@@ -47,14 +47,7 @@ ZNRPerformResult Accepted(ZNRAsyncIOCB* cb, int fd) {
         cb->Complete(0, ZNRSysError(errno));
         return ZNR_PERFORM_DONE;
     }
-    std::uint64_t rc = 0;
-    if (cb->method == ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT) {
-        rc = cb->SwitchFd(fd);
-    } else {
-        rc = cb->accept_into->Open(static_cast<ZNRSocket::Type_t>(cb->accept_type), fd);
-        if (rc != 0) ::close(fd);
-    }
-    cb->Complete(0, rc);
+    ZNRAsyncAdopt(cb, fd, true);
     return ZNR_PERFORM_DONE;
 }
 
@@ -117,6 +110,25 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
         break;
     }
     return ZNR_PERFORM_AGAIN;
+}
+
+void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, int fd, bool peer_known) {
+    if (!peer_known && cb->addr != nullptr) {
+        socklen_t len = cb->addr_len;
+        if (::getpeername(fd, static_cast<sockaddr*>(cb->addr), &len) == 0) {
+            cb->addr_len = len;
+        } else {
+            cb->addr_len = 0;
+        }
+    }
+    std::uint64_t rc = 0;
+    if (cb->method == ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT) {
+        rc = cb->SwitchFd(fd);
+    } else {
+        rc = cb->accept_into->Open(static_cast<ZNRSocket::Type_t>(cb->accept_type), fd);
+        if (rc != 0) ::close(fd);
+    }
+    cb->Complete(0, rc);
 }
 
 bool ZNRAsyncWaitReady(ZNRAsyncIOCB const* cb, int timeout_ms) {

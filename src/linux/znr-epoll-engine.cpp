@@ -3,14 +3,13 @@
 
 #include "znr-async-perform.h"
 #include "znr-completion-engine.h"
+#include "znr-linux-engines.h"
 #include "znr-loop-tuning.h"
 
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <sys/epoll.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -24,13 +23,12 @@ enum Side { kRead = 0, kWrite = 1 };
 // what an edge said is remembered per side (ready), so an operation on a
 // side known to be ready runs its system call at once and one on a side
 // that is not waits for the next edge, with no epoll_ctl per operation.
-// Finished operations wait in a list threaded through the descriptors'
-// records, so queueing allocates nothing and a descriptor that goes away
-// takes its queued completions with it.
 class ZNREpollEngine final : public ZNRCompletionEngine {
 public:
     explicit ZNREpollEngine(int epfd) : epfd_(epfd) {}
     ~ZNREpollEngine() override;
+
+    char const* GetName() const override { return "epoll"; }
 
     std::uint64_t Associate(ZNRNativeHandle fd, std::uint32_t key, ZNRAsyncIO* io) override;
     std::uint64_t Wait(int timeout_ms, ZNRCompletion* out, int max, int* count) override;
@@ -43,23 +41,14 @@ public:
 private:
     struct Handle;
     // One side of a watched descriptor, and its place in the ready list.
-    struct Entry {
+    struct Entry : ZNRCompletionLink {
         ZNRAsyncIOCB* cb = nullptr;
         Handle* handle = nullptr;
-        Entry* prev = nullptr;
-        Entry* next = nullptr;
-        bool queued = false;
         bool ready = false;
     };
-    // Kept for its slot once made, so that the bindings and list links
-    // pointing into it stay valid while slots come and go.
     struct Handle : ZNRCompletionBinding {
         int fd = -1;
         std::uint32_t key = 0;
-        std::uint32_t slot = 0;
-        // Changes whenever the slot's descriptor does, so that an event
-        // fetched for an earlier one is recognised and dropped.
-        std::uint32_t generation = 0;
         Entry side[2];
         // The peer has closed or the descriptor failed: no edge will come
         // again, so a short transfer must not make a side wait for one.
@@ -77,19 +66,15 @@ private:
     std::uint64_t Poll(int timeout_ms);
     void Ready(Handle& handle, Side side);
     void Perform(Handle& handle, Side side);
-    void Enqueue(Entry* entry);
-    void Dequeue(Entry* entry);
 
     int const epfd_;
-    std::vector<std::unique_ptr<Handle>> handles_;
-    std::vector<std::uint32_t> free_slots_;
-    Entry* head_ = nullptr;
-    Entry* tail_ = nullptr;
+    ZNRBindingTable<Handle> handles_;
+    ZNRCompletionList done_;
     unsigned int handed_since_poll_ = 0;
     epoll_event events_[kEventsPerPoll];
 };
 
-ZNRCompletionEngine* ZNRCompletionEngine::Create(std::uint64_t* error) {
+ZNRCompletionEngine* ZNRCreateEpollEngine(std::uint64_t* error) {
     int const epfd = ::epoll_create1(EPOLL_CLOEXEC);
     if (epfd < 0) {
         if (error != nullptr) *error = ZNRSysError(errno);
@@ -100,8 +85,8 @@ ZNRCompletionEngine* ZNRCompletionEngine::Create(std::uint64_t* error) {
 
 ZNREpollEngine::~ZNREpollEngine() {
     // Control blocks may outlive the engine: they must not call back.
-    for (auto const& handle : handles_) {
-        for (Entry& entry : handle->side) {
+    for (std::size_t slot = 0; slot < handles_.Size(); ++slot) {
+        for (Entry& entry : handles_.At(static_cast<std::uint32_t>(slot))->side) {
             if (entry.cb != nullptr) ZNRCompletionBinding::Bind(entry.cb, nullptr);
         }
     }
@@ -122,20 +107,10 @@ std::uint64_t ZNREpollEngine::Associate(ZNRNativeHandle fd, std::uint32_t key, Z
     ZNRAsyncIOCB* const write_cb = io->GetWriteIOCB();
     if (fd < 0) return ZNRSysError(EBADF);
     if (read_cb->IsBound() || write_cb->IsBound()) return ZNRSysError(EEXIST);
-    std::uint32_t slot;
-    if (free_slots_.empty()) {
-        slot = static_cast<std::uint32_t>(handles_.size());
-        handles_.emplace_back(new Handle());
-        handles_.back()->slot = slot;
-        handles_.back()->engine = this;
-    } else {
-        slot = free_slots_.back();
-        free_slots_.pop_back();
-    }
-    Handle& handle = *handles_[slot];
-    std::uint64_t const rc = Watch(fd, slot, handle.generation, EPOLL_CTL_ADD);
+    Handle& handle = *handles_.Acquire(this);
+    std::uint64_t const rc = Watch(fd, handle.slot, handle.generation, EPOLL_CTL_ADD);
     if (rc != 0) {
-        free_slots_.push_back(slot);
+        handles_.Free(&handle);
         return rc;
     }
     handle.fd = fd;
@@ -150,7 +125,7 @@ std::uint64_t ZNREpollEngine::Associate(ZNRNativeHandle fd, std::uint32_t key, Z
         // Readiness is learnt from the first edge, which registration reports.
         entry.cb->fd = fd;
         ZNRCompletionBinding::Bind(entry.cb, &handle);
-        if (entry.cb->status == ZNRAsyncIOCB::STATUS_DONE) Enqueue(&entry);
+        if (entry.cb->status == ZNRAsyncIOCB::STATUS_DONE) done_.Push(&entry);
     }
     return 0;
 }
@@ -161,14 +136,13 @@ void ZNREpollEngine::Dissociate(ZNRAsyncIOCB* cb) {
     // duplicate of it lives on.
     ::epoll_ctl(epfd_, EPOLL_CTL_DEL, handle.fd, nullptr);
     for (Entry& entry : handle.side) {
-        if (entry.queued) Dequeue(&entry);
+        if (entry.queued) done_.Remove(&entry);
         ZNRCompletionBinding::Bind(entry.cb, nullptr);
         entry = Entry{};
     }
     handle.fd = -1;
     handle.key = 0;
-    ++handle.generation;
-    free_slots_.push_back(handle.slot);
+    handles_.Free(&handle);
 }
 
 std::uint64_t ZNREpollEngine::Rebind(ZNRAsyncIOCB* cb, ZNRNativeHandle fd) {
@@ -194,7 +168,7 @@ void ZNREpollEngine::Start(ZNRAsyncIOCB* cb) {
 
 void ZNREpollEngine::Release(ZNRAsyncIOCB* cb) {
     Entry& entry = HandleOf(cb)->side[SideOf(cb)];
-    if (entry.queued) Dequeue(&entry);
+    if (entry.queued) done_.Remove(&entry);
 }
 
 // Nothing is in the system's hands between edges, so aborting is only
@@ -206,7 +180,7 @@ int ZNREpollEngine::Cancel(ZNRAsyncIO* io) {
     for (Entry& entry : handle->side) {
         if (entry.cb->status == ZNRAsyncIOCB::STATUS_PENDING) {
             entry.cb->Complete(0, ZNRSysError(ECANCELED));
-            Enqueue(&entry);
+            done_.Push(&entry);
         }
         if (entry.queued) ++count;
     }
@@ -222,38 +196,11 @@ void ZNREpollEngine::Perform(Handle& handle, Side side) {
         if (side == kRead) handle.urgent = false;
         return;
     }
-    Enqueue(&entry);
+    done_.Push(&entry);
     // No edge comes after the peer's close, and a read stopped at an urgent
     // mark has more behind it: then a short transfer proves nothing.
     bool const short_means_empty = !handle.hung_up && !(side == kRead && handle.urgent);
     if (result == ZNR_PERFORM_DRAINED && short_means_empty) entry.ready = false;
-}
-
-void ZNREpollEngine::Enqueue(Entry* entry) {
-    entry->prev = tail_;
-    entry->next = nullptr;
-    if (tail_ != nullptr) {
-        tail_->next = entry;
-    } else {
-        head_ = entry;
-    }
-    tail_ = entry;
-    entry->queued = true;
-}
-
-void ZNREpollEngine::Dequeue(Entry* entry) {
-    if (entry->prev != nullptr) {
-        entry->prev->next = entry->next;
-    } else {
-        head_ = entry->next;
-    }
-    if (entry->next != nullptr) {
-        entry->next->prev = entry->prev;
-    } else {
-        tail_ = entry->prev;
-    }
-    entry->prev = entry->next = nullptr;
-    entry->queued = false;
 }
 
 std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, int* count) {
@@ -261,11 +208,11 @@ std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, 
     Clock::time_point deadline;
     if (timeout_ms > 0) deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        if (head_ != nullptr && handed_since_poll_ < kCompletionsPerPoll) {
+        if (!done_.Empty() && handed_since_poll_ < kCompletionsPerPoll) {
             int n = 0;
-            while (head_ != nullptr && n < max && handed_since_poll_ < kCompletionsPerPoll) {
-                Entry* const entry = head_;
-                Dequeue(entry);
+            while (!done_.Empty() && n < max && handed_since_poll_ < kCompletionsPerPoll) {
+                auto* const entry = static_cast<Entry*>(done_.Front());
+                done_.Remove(entry);
                 ++handed_since_poll_;
                 ZNRAsyncIOCB* const cb = entry->cb;
                 out[n++] = ZNRCompletion{entry->handle->key, cb->transferred, cb, cb->error != 0,
@@ -275,7 +222,7 @@ std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, 
             return 0;
         }
         int wait_ms = timeout_ms;
-        if (head_ != nullptr) {
+        if (!done_.Empty()) {
             wait_ms = 0;
         } else if (timeout_ms > 0) {
             // Rounded up: a remainder under a millisecond must be slept,
@@ -286,7 +233,7 @@ std::uint64_t ZNREpollEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, 
         std::uint64_t const rc = Poll(wait_ms);
         if (rc != 0) return rc;
         handed_since_poll_ = 0;
-        if (head_ == nullptr && wait_ms >= 0 && (timeout_ms == 0 || Clock::now() >= deadline)) {
+        if (done_.Empty() && wait_ms >= 0 && (timeout_ms == 0 || Clock::now() >= deadline)) {
             *count = 0;
             return ZNR_ERROR_TIMED_OUT;
         }
@@ -298,7 +245,7 @@ std::uint64_t ZNREpollEngine::Poll(int timeout_ms) {
     if (n < 0) return errno == EINTR ? 0 : ZNRSysError(errno);
     for (int i = 0; i < n; ++i) {
         std::uint64_t const data = events_[i].data.u64;
-        Handle& handle = *handles_[static_cast<std::uint32_t>(data)];
+        Handle& handle = *handles_.At(static_cast<std::uint32_t>(data));
         std::uint32_t const generation = static_cast<std::uint32_t>(data >> 32);
         std::uint32_t const events = events_[i].events;
         if (handle.generation != generation) continue;
