@@ -132,7 +132,7 @@ std::uint64_t ZNRReactorIOCP::Init() {
     std::string choice;
     engine_ = ZNRCompletionEngine::Create(engine_name_->c_str(), &rc, &choice);
     if (engine_ == nullptr) {
-        ZNR_LOG(ERROR, "IOCP reactor can not start its completion engine, %s error=\"%s\"",
+        ZNR_LOG(ERROR, "IOCP reactor can not start its completion engine, %s, error=\"%s\"",
                 choice.c_str(), ZNRGetErrorText(rc).c_str());
         return rc;
     }

@@ -3,7 +3,13 @@
 #include "net-test-util.h"
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -923,4 +929,71 @@ TEST_F(Reactor, IdleLoopSleepsAndCrossThreadTimersWakeIt) {
     std::uint64_t const far_id = reactor_->RegisterTimer(far, &err);
     EXPECT_EQ(0u, reactor_->UnregisterTimer(far_id));
     far->Destroy();
+}
+
+namespace {
+
+// As a container's seccomp profile does: io_uring_setup fails with EPERM,
+// for the calling thread only. Its number is the same on every
+// architecture.
+void ForbidIoUring() {
+    sock_filter const filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_io_uring_setup, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program = {static_cast<unsigned short>(sizeof filter / sizeof filter[0]),
+                          const_cast<sock_filter*>(filter)};
+    ASSERT_EQ(0, ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+    ASSERT_EQ(0, ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program));
+}
+
+}  // namespace
+
+TEST_F(Reactor, EngineChoiceFallsBackToEpollWhereIoUringIsForbidden) {
+    LogCapture logs;
+    std::string const env = std::getenv("PLEXA_ENGINE") != nullptr ? std::getenv("PLEXA_ENGINE") : "";
+    ::unsetenv("PLEXA_ENGINE");
+    reactor_->Destroy();
+    reactor_ = nullptr;
+    std::string const eperm = ZNRGetErrorText(ZNRSysError(EPERM));
+    std::thread([&] {
+        ForbidIoUring();
+        // Forced, io_uring fails Init with the system's error; automatic,
+        // epoll serves.
+        auto* forced = new ZNRReactorIOCP(new ZNRTimerMgr());
+        ASSERT_EQ(0u, forced->SetEngine("io_uring"));
+        EXPECT_EQ(ZNRSysError(EPERM), forced->Init());
+        EXPECT_EQ(nullptr, forced->GetEngineName());
+        forced->Destroy();
+        reactor_ = new ZNRReactorIOCP(new ZNRTimerMgr());
+        ASSERT_EQ(0u, reactor_->Init());
+    }).join();
+    if (!env.empty()) ::setenv("PLEXA_ENGINE", env.c_str(), 1);
+    ASSERT_NE(nullptr, reactor_);
+    EXPECT_STREQ("epoll", reactor_->GetEngineName());
+    EXPECT_EQ(ZNRSysError(EBUSY), reactor_->SetEngine("io_uring"));
+    EXPECT_EQ((std::vector<std::string>{"IOCP reactor can not start its completion engine, io_uring chosen by "
+                                        "the host, error=\"" + eperm + "\""}),
+              logs.Messages(ZNRLogger::LOGL_ERROR));
+    EXPECT_EQ((std::vector<std::string>{"IOCP reactor uses the epoll completion engine, io_uring is "
+                                        "unavailable, error=\"" + eperm + "\""}),
+              logs.Messages(ZNRLogger::LOGL_INFO));
+
+    Start();
+    std::string const port = Listen([this] { return Echo(); });
+    int const fd = ConnectTo(port);
+    ASSERT_EQ(4, ::send(fd, "ping", 4, MSG_NOSIGNAL));
+    EXPECT_EQ("ping", ReadUpTo(fd, 4));
+    ::close(fd);
+
+    // An engine nobody knows is refused by name.
+    auto* const unknown = new ZNRReactorIOCP(new ZNRTimerMgr());
+    ASSERT_EQ(0u, unknown->SetEngine("kqueue"));
+    EXPECT_EQ(ZNRSysError(EINVAL), unknown->Init());
+    unknown->Destroy();
+    EXPECT_EQ("IOCP reactor can not start its completion engine, unknown engine \"kqueue\" chosen by the host, "
+              "error=\"" + ZNRGetErrorText(ZNRSysError(EINVAL)) + "\"",
+              logs.Messages(ZNRLogger::LOGL_ERROR).back());
 }

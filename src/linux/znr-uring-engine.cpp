@@ -63,7 +63,8 @@ Kind PollKind(Side side) { return side == kRead ? kPollRead : kPollWrite; }
 // listener's accept stay armed (multishot) and fill engine-owned buffers
 // or a queue of connections that the next read or accept takes from.
 // Requests are queued as they start and submitted with the next wait, so
-// one system call per loop turn serves them all.
+// one system call per loop turn serves them all; only a send that can go
+// out at once is made on the spot.
 class ZNRUringEngine final : public ZNRCompletionEngine {
 public:
     ZNRUringEngine() = default;
@@ -411,10 +412,20 @@ void ZNRUringEngine::Submit(Handle& h, Side side) {
         DeliverAccept(h);
         return;
     case ZNRAsyncIOCB::METHOD_RECVFROM:
-    case ZNRAsyncIOCB::METHOD_SEND:
-    case ZNRAsyncIOCB::METHOD_SENDTO:
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
         Transfer(h, side);
+        return;
+    case ZNRAsyncIOCB::METHOD_SEND:
+    case ZNRAsyncIOCB::METHOD_SENDTO:
+        // What can go out at once completes at once, as with epoll and a
+        // completion port that skips the port on success: a reply must not
+        // wait for the next turn behind the peer's end of stream, which
+        // ends the device and cancels what it has under way.
+        if (ZNRAsyncPerform(h.side[side].cb, true) == ZNR_PERFORM_AGAIN) {
+            Transfer(h, side);
+        } else {
+            Finish(h.side[side]);
+        }
         return;
     case ZNRAsyncIOCB::METHOD_CONNECT:
     case ZNRAsyncIOCB::METHOD_READ:

@@ -694,7 +694,10 @@ void ChurnLoop() {
         for (int fd : fds) {
             std::string got;
             if (!ReadToEnd(fd, &got)) Failure("churn reactor: a connection outlived its removed reactor");
-            if (want.compare(0, got.size(), got) != 0) Failure("churn reactor: wrong bytes before the end");
+            if (want.compare(0, got.size(), got) != 0) {
+                size_t k = 0; while (k < got.size() && got[k] == want[k]) ++k;
+                Failure("churn reactor: wrong bytes before the end got=%zu want=%zu first_diff=%zu", got.size(), want.size(), k);
+            }
             close(fd);
         }
         ++g_removed;
