@@ -33,7 +33,7 @@ ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std:
     : reactor_(reactor), id_(id), device_(device), handler_(handler), io_(nullptr), timer_(nullptr),
       recv_buff_grow_size_(512), recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr),
       queued_send_bytes_(0),
-      sending_(false), connecting_(false), closing_(false) {
+      sending_(false), connecting_(false), closing_(false), ended_(false) {
     if (device != nullptr) desc_ = device->GetDescInfo();
     // Looked up once: every completion asks for it.
     io_ = dynamic_cast<ZNRAsyncIO*>(device);
@@ -261,14 +261,23 @@ bool ZNRReactorIOCPNormalDevice::Send(ZNRByteBuffer* buffer, std::uint64_t* erro
 
 bool ZNRReactorIOCPNormalDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
     if (bytes == 0) {
-        // The peer ended the stream in order.
-        device_->SetError(ZNR_ERROR_END_OF_STREAM);
-        handler_->OnError();
-        SetError(error, ZNR_ERROR_END_OF_STREAM);
-        return false;
+        // A peer that ended its stream may still read: the replies to what
+        // it sent go out first, whether sends finish at once or a turn later.
+        if (sending_ || !send_queue_.empty()) {
+            ended_ = true;
+            return true;
+        }
+        return End(error);
     }
     recv_buffer_.ResetDataCount(recv_buffer_.GetDataCount() + static_cast<unsigned int>(bytes));
     return Deliver(error);
+}
+
+bool ZNRReactorIOCPNormalDevice::End(std::uint64_t* error) {
+    device_->SetError(ZNR_ERROR_END_OF_STREAM);
+    handler_->OnError();
+    SetError(error, ZNR_ERROR_END_OF_STREAM);
+    return false;
 }
 
 bool ZNRReactorIOCPNormalDevice::Deliver(std::uint64_t* error) {
@@ -300,7 +309,8 @@ bool ZNRReactorIOCPNormalDevice::Connected(std::uint64_t* error) {
 bool ZNRReactorIOCPNormalDevice::OnSendEvent(int bytes, std::uint64_t* error) {
     ZNRReactorIOCPDeviceBase::OnSendEvent(bytes, error);
     if (!handler_->OnWriten(bytes)) return false;
-    if (closing_ || sending_ || send_queue_.empty()) return true;
+    if (closing_ || sending_) return true;
+    if (send_queue_.empty()) return !ended_ || End(error);
     std::uint64_t const rc = PostSend();
     return rc == 0 || Fail(rc, error);
 }

@@ -107,6 +107,8 @@ protected:
     bool sending_;
     bool connecting_;
     bool closing_;
+    // The peer has ended its stream while sends were under way.
+    bool ended_;
 };
 
 // Stream and datagram devices with a handler: the full receive and send paths.
@@ -128,6 +130,8 @@ protected:
     bool Fail(std::uint64_t err, std::uint64_t* error);
     // Hands the buffer to OnData and posts the next read.
     bool Deliver(std::uint64_t* error);
+    // The peer's orderly close, heard once nothing is left to send.
+    bool End(std::uint64_t* error);
     // The connection is up: reads start and queued sends go out.
     bool Connected(std::uint64_t* error);
 };

@@ -323,6 +323,40 @@ TEST_F(Reactor, EchoOfMegabytesInOddPieces) {
     EXPECT_EQ("echo error 4", j.at(j.size() - 3));  // the peer's orderly close
 }
 
+// A peer that ends its stream while the replies to it still queue gets
+// them all, then the end; its device hears of the end only then.
+TEST_F(Reactor, HalfClosedPeerGetsEveryReplyBeforeTheEnd) {
+    Start();
+    // Small socket buffers at both ends: the replies back up into the
+    // device's queue.
+    int const small = 4096;
+    std::string const port = Listen([this, small] {
+        Handler* const h = Echo();
+        h->on_created = [h, small] {
+            return ::setsockopt(h->GetDevice()->GetFd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small) == 0;
+        };
+        return h;
+    });
+    int const fd = ConnectTo(port);
+    ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
+    std::string data(512 << 10, '\0');
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 13 + i / 509);
+    ASSERT_EQ(static_cast<ssize_t>(data.size()), ::send(fd, data.data(), data.size(), MSG_NOSIGNAL));
+    ::shutdown(fd, SHUT_WR);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::vector<std::string> const before = journal_.Get();
+    EXPECT_EQ(before.end(), std::find(before.begin(), before.end(), "echo error 4"));
+    // Read with room again, so that the rest comes quickly.
+    int const roomy = 1 << 20;
+    ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &roomy, sizeof roomy));
+    std::string const back = ReadUpTo(fd, data.size() + 1);
+    EXPECT_TRUE(back == data) << back.size();
+    ::close(fd);
+    EXPECT_TRUE(journal_.WaitFor("echo destroy"));
+    std::vector<std::string> const j = journal_.Get();
+    EXPECT_EQ("echo error 4", j.at(j.size() - 3));
+}
+
 // A send on the loop thread starts from the caller's bytes; whatever the
 // system has not taken when SendData returns must be the reactor's own
 // copy: a write that waits for room, one taken in part, one taken whole.

@@ -128,13 +128,14 @@ TEST(TcpAcceptor, ListenerOutOfDescriptorsWaitsAndServesAgain) {
     Journal journal;
     Acceptor acceptor(&journal);
     ZNRNetAddrInfo bound;
-    ASSERT_EQ(0u, acceptor.Start(ZNRString("127.0.0.1"), ZNRString("0"), reactors, &bound));
-    int const client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-
+    // Lowered before the listener starts: io_uring reads the limit when an
+    // accept is queued, not when it runs.
     rlimit const saved = [] { rlimit r{}; ::getrlimit(RLIMIT_NOFILE, &r); return r; }();
     rlimit low = saved;
     low.rlim_cur = 64;
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &low));
+    ASSERT_EQ(0u, acceptor.Start(ZNRString("127.0.0.1"), ZNRString("0"), reactors, &bound));
+    int const client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     std::vector<int> hogs;
     for (int fd; (fd = ::dup(client)) >= 0;) hogs.push_back(fd);
     ASSERT_EQ(EMFILE, errno);

@@ -41,7 +41,7 @@ int const kReapBatch = 64;
 
 // Receive memory is the engine's, shared by its connections and filled
 // only when data arrives: an idle connection holds none.
-unsigned const kBufferCount = 256;  // a power of two, as the ring needs
+unsigned const kBufferCount = 64;  // a power of two, as the ring needs
 unsigned const kBufferSize = 16384;
 unsigned short const kBufferGroup = 0;
 // A connection whose reader lags stops receiving after this many filled
@@ -63,8 +63,7 @@ Kind PollKind(Side side) { return side == kRead ? kPollRead : kPollWrite; }
 // listener's accept stay armed (multishot) and fill engine-owned buffers
 // or a queue of connections that the next read or accept takes from.
 // Requests are queued as they start and submitted with the next wait, so
-// one system call per loop turn serves them all; only a send that can go
-// out at once is made on the spot.
+// one system call per loop turn serves them all.
 class ZNRUringEngine final : public ZNRCompletionEngine {
 public:
     ZNRUringEngine() = default;
@@ -101,6 +100,7 @@ private:
         bool stream_stopping = false;
         bool starved = false;  // its receive ran out of ring buffers
         bool closing = false;
+        bool received = false;  // data came in the reap under way
         // Filled buffers not read yet, oldest first, linked by buffer id.
         int held_head = -1;
         int held_tail = -1;
@@ -160,6 +160,7 @@ private:
     ZNRBindingTable<Handle> handles_;
     ZNRCompletionList done_;
     std::vector<Handle*> starved_;
+    std::vector<Handle*> received_;
 };
 
 ZNRCompletionEngine* ZNRCreateUringEngine(std::uint64_t* error) {
@@ -412,20 +413,10 @@ void ZNRUringEngine::Submit(Handle& h, Side side) {
         DeliverAccept(h);
         return;
     case ZNRAsyncIOCB::METHOD_RECVFROM:
-    case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
-        Transfer(h, side);
-        return;
     case ZNRAsyncIOCB::METHOD_SEND:
     case ZNRAsyncIOCB::METHOD_SENDTO:
-        // What can go out at once completes at once, as with epoll and a
-        // completion port that skips the port on success: a reply must not
-        // wait for the next turn behind the peer's end of stream, which
-        // ends the device and cancels what it has under way.
-        if (ZNRAsyncPerform(h.side[side].cb, true) == ZNR_PERFORM_AGAIN) {
-            Transfer(h, side);
-        } else {
-            Finish(h.side[side]);
-        }
+    case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
+        Transfer(h, side);
         return;
     case ZNRAsyncIOCB::METHOD_CONNECT:
     case ZNRAsyncIOCB::METHOD_READ:
@@ -665,14 +656,25 @@ std::uint64_t ZNRUringEngine::Enter(int wait_ms) {
     return ZNRSysError(-rc);
 }
 
+// Receives are handed to their reads once everything there is has been
+// reaped, so that chunks that came together make one completion.
 void ZNRUringEngine::ReapAll() {
     io_uring_cqe* cqes[kReapBatch];
     for (;;) {
         unsigned const n = io_uring_peek_batch_cqe(&ring_, cqes, kReapBatch);
-        if (n == 0) return;
+        if (n == 0) break;
         for (unsigned i = 0; i < n; ++i) Reap(cqes[i]);
         io_uring_cq_advance(&ring_, n);
     }
+    for (Handle* h : received_) {
+        h->received = false;
+        Deliver(*h);
+        bool const reading = h->side[kRead].cb->status == ZNRAsyncIOCB::STATUS_PENDING;
+        if (h->stream != kNone && !h->stream_stopping && !reading && h->held_count >= kHeldBuffersMax) {
+            StopStream(*h);
+        }
+    }
+    received_.clear();
 }
 
 void ZNRUringEngine::Reap(io_uring_cqe const* cqe) {
@@ -730,11 +732,8 @@ void ZNRUringEngine::OnReceived(Handle& h, int res, unsigned int flags) {
     } else if (res < 0 && res != -ECANCELED && res != -EAGAIN && res != -EINTR) {
         h.read_error = ZNRSysError(-res);
     }
-    Deliver(h);
-    bool const reading = h.side[kRead].cb->status == ZNRAsyncIOCB::STATUS_PENDING;
-    if (h.stream != kNone && !h.stream_stopping && !reading && h.held_count >= kHeldBuffersMax) {
-        StopStream(h);
-    }
+    if (!h.received) received_.push_back(&h);
+    h.received = true;
 }
 
 void ZNRUringEngine::OnAccepted(Handle& h, int res, unsigned int flags) {
