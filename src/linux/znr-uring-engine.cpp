@@ -146,6 +146,9 @@ private:
     void Reap(io_uring_cqe const* cqe);
     void OnReceived(Handle& h, int res, unsigned int flags);
     void OnAccepted(Handle& h, int res, unsigned int flags);
+    // The side's request is back from the kernel: its entry, while its
+    // operation still waits for it.
+    Entry* Landed(Handle& h, Side side);
     void OnTransferred(Handle& h, Side side, int res);
     void OnPolled(Handle& h, Side side, int res);
     void RearmStarved();
@@ -753,11 +756,17 @@ void ZNRUringEngine::OnAccepted(Handle& h, int res, unsigned int flags) {
     }
 }
 
-void ZNRUringEngine::OnTransferred(Handle& h, Side side, int res) {
+ZNRUringEngine::Entry* ZNRUringEngine::Landed(Handle& h, Side side) {
     Entry& e = h.side[side];
     e.inflight = kNone;
+    return e.cb->status == ZNRAsyncIOCB::STATUS_PENDING ? &e : nullptr;
+}
+
+void ZNRUringEngine::OnTransferred(Handle& h, Side side, int res) {
+    Entry* const landed = Landed(h, side);
+    if (landed == nullptr) return;
+    Entry& e = *landed;
     ZNRAsyncIOCB* const cb = e.cb;
-    if (cb->status != ZNRAsyncIOCB::STATUS_PENDING) return;
     bool const retry = res == -EINTR || (cb->method == ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT &&
                                          (res == -ECONNABORTED || res == -EPROTO));
     if (!h.closing && retry) {
@@ -778,10 +787,10 @@ void ZNRUringEngine::OnTransferred(Handle& h, Side side, int res) {
 }
 
 void ZNRUringEngine::OnPolled(Handle& h, Side side, int res) {
-    Entry& e = h.side[side];
-    e.inflight = kNone;
+    Entry* const landed = Landed(h, side);
+    if (landed == nullptr) return;
+    Entry& e = *landed;
     ZNRAsyncIOCB* const cb = e.cb;
-    if (cb->status != ZNRAsyncIOCB::STATUS_PENDING) return;
     if (res < 0) {
         Fail(e, -res);
     } else if (h.closing) {
