@@ -713,3 +713,80 @@ TEST_F(AsyncIO, BusyDescriptorDoesNotStarveOthers) {
     ::close(busy_fds.second);
     ::close(quiet_fds.second);
 }
+
+namespace {
+
+// Bytes that tell their offset and their stream apart.
+std::string Pattern(std::size_t n, unsigned int seed) {
+    std::string out(n, '\0');
+    for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>(i * 31 + i / 253 + seed * 7);
+    return out;
+}
+
+}  // namespace
+
+// More readers with data than an engine has receive buffers at once, and a
+// reader that stops reading while its peer goes on writing: every byte
+// arrives once, in order, on the stream it was written to.
+TEST_F(AsyncIO, ReceiveMemoryRunningOutAndALaggingReaderLoseNothing) {
+    int const kStreams = 80;
+    std::size_t const kEach = 40 << 10;
+    std::vector<std::pair<int, int>> pairs;
+    std::vector<std::unique_ptr<ZNRAsyncSocket>> sockets;
+    std::vector<std::string> got(kStreams);
+    std::vector<std::vector<unsigned char>> bufs(kStreams, std::vector<unsigned char>(64 << 10));
+    std::uint64_t err = 0;
+    for (int i = 0; i < kStreams; ++i) {
+        pairs.push_back(StreamPair());
+        std::string const data = Pattern(kEach, static_cast<unsigned int>(i));
+        ASSERT_EQ(static_cast<ssize_t>(kEach), ::write(pairs.back().second, data.data(), kEach));
+        sockets.push_back(Adopt(pairs.back().first, static_cast<std::uint32_t>(100 + i)));
+        ASSERT_EQ(0, sockets.back()->Recv(bufs[i].data(), static_cast<int>(bufs[i].size()), &err));
+    }
+    for (std::size_t total = 0; total < kStreams * kEach;) {
+        ZNRCompletion const c = Next();
+        ASSERT_FALSE(c.failed) << c.error;
+        ASSERT_GE(c.key, 100u);
+        int const i = static_cast<int>(c.key - 100);
+        ASSERT_GT(c.bytes, 0) << "stream " << i << " ended early";
+        got[i].append(reinterpret_cast<char const*>(bufs[i].data()), static_cast<std::size_t>(c.bytes));
+        total += static_cast<std::size_t>(c.bytes);
+        ASSERT_EQ(0u, sockets[i]->ResetReadIOStatus());
+        if (got[i].size() < kEach) {
+            ASSERT_EQ(0, sockets[i]->Recv(bufs[i].data(), static_cast<int>(bufs[i].size()), &err));
+        }
+    }
+    for (int i = 0; i < kStreams; ++i) {
+        EXPECT_TRUE(got[i] == Pattern(kEach, static_cast<unsigned int>(i))) << "stream " << i;
+    }
+    for (auto const& p : pairs) ::close(p.second);
+    sockets.clear();
+
+    // Its read done and not started again while four megabytes come.
+    auto const fds = StreamPair();
+    auto s = Adopt(fds.first, 7);
+    unsigned char buf[65536];
+    ASSERT_EQ(1, ::write(fds.second, "a", 1));
+    ASSERT_EQ(0, s->Recv(buf, sizeof buf, &err));
+    EXPECT_EQ(1, Next().bytes);
+    std::string const flood = Pattern(4 << 20, 99);
+    std::thread writer([&] {
+        for (std::size_t sent = 0; sent < flood.size();) {
+            ssize_t const n = ::write(fds.second, flood.data() + sent, flood.size() - sent);
+            ASSERT_GT(n, 0);
+            sent += static_cast<std::size_t>(n);
+        }
+    });
+    ExpectNothing(100);
+    std::string back;
+    while (back.size() < flood.size()) {
+        ASSERT_EQ(0u, s->ResetReadIOStatus());
+        ASSERT_EQ(0, s->Recv(buf, sizeof buf, &err));
+        ZNRCompletion const c = Next();
+        ASSERT_GT(c.bytes, 0);
+        back.append(reinterpret_cast<char const*>(buf), static_cast<std::size_t>(c.bytes));
+    }
+    writer.join();
+    EXPECT_TRUE(back == flood) << back.size();
+    ::close(fds.second);
+}
