@@ -4,14 +4,14 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-string.h>
 
-#include <openssl/evp.h>
+#include "znr-crypto.h"
 
 #include <climits>
 #include <string>
 
 namespace {
 
-EVP_MD_CTX* Ctx(void* p) { return static_cast<EVP_MD_CTX*>(p); }
+ZNRHash* Hash(void* p) { return static_cast<ZNRHash*>(p); }
 
 int Base64Value(unsigned short c) {
     if (c >= 'A' && c <= 'Z') return c - 'A';
@@ -22,7 +22,7 @@ int Base64Value(unsigned short c) {
     return -1;
 }
 
-// EVP_DecodeBlock skips blanks and does not look at the padding, so the
+// The system's decoder may skip blanks and ignore the padding, so the
 // text is checked here first. Gives the number of "=" at the end, or -1.
 // Non-zero bits under the padding are refused too: each byte string has
 // exactly one encoding.
@@ -44,11 +44,13 @@ int CheckBase64(ZNRString const& text) {
 }  // namespace
 
 ZNRDigest::ZNRDigest(Algorithm_t algorithm)
-    : algorithm_(algorithm), ctx_(EVP_MD_CTX_new()), state_(ZNR_ERROR_NOT_READY) {
+    : algorithm_(algorithm), ctx_(nullptr), state_(ZNR_ERROR_NOT_READY) {
     Reset();
 }
 
-ZNRDigest::~ZNRDigest() { EVP_MD_CTX_free(Ctx(ctx_)); }
+ZNRDigest::~ZNRDigest() {
+    if (ctx_ != nullptr) ZNRHashClose(Hash(ctx_));
+}
 
 unsigned int ZNRDigest::GetSize() const {
     return algorithm_ == ALGORITHM_MD5 ? static_cast<unsigned int>(ZNRMd5::DIGEST_SIZE)
@@ -56,34 +58,30 @@ unsigned int ZNRDigest::GetSize() const {
 }
 
 std::uint64_t ZNRDigest::Reset() {
-    EVP_MD const* const md = algorithm_ == ALGORITHM_MD5 ? EVP_md5() : EVP_sha1();
-    bool const ok = ctx_ != nullptr && EVP_DigestInit_ex(Ctx(ctx_), md, nullptr) == 1;
-    state_ = ok ? 0 : ZNR_ERROR_NOT_READY;
+    if (ctx_ != nullptr) ZNRHashClose(Hash(ctx_));
+    ctx_ = ZNRHashOpen(algorithm_ == ALGORITHM_MD5 ? ZNR_HASH_MD5 : ZNR_HASH_SHA1);
+    state_ = ctx_ != nullptr ? 0 : ZNR_ERROR_NOT_READY;
     return state_;
 }
 
 std::uint64_t ZNRDigest::Update(void const* data, unsigned int size) {
     if (state_ != 0) return state_;
     if (size == 0) return 0;
-    if (EVP_DigestUpdate(Ctx(ctx_), data, size) != 1) state_ = ZNR_ERROR_NOT_READY;
+    if (!ZNRHashUpdate(Hash(ctx_), data, size)) state_ = ZNR_ERROR_NOT_READY;
     return state_;
 }
 
 std::uint64_t ZNRDigest::Final(unsigned char* digest) {
     if (state_ != 0) return state_;
-    unsigned char out[EVP_MAX_MD_SIZE];
-    unsigned int n = 0;
-    bool const ok = EVP_DigestFinal_ex(Ctx(ctx_), out, &n) == 1 && n == GetSize();
-    // The context is spent either way; only Reset opens a new message.
+    bool const ok = ZNRHashFinal(Hash(ctx_), digest, GetSize());
+    // The message is spent either way; only Reset opens a new one.
     state_ = ZNR_ERROR_NOT_READY;
-    if (!ok) return ZNR_ERROR_NOT_READY;
-    for (unsigned int i = 0; i < n; ++i) digest[i] = out[i];
-    return 0;
+    return ok ? 0 : ZNR_ERROR_NOT_READY;
 }
 
 std::uint64_t ZNRDigest::FinalHex(ZNRString* hex) {
     static char const kDigits[] = "0123456789abcdef";
-    unsigned char out[EVP_MAX_MD_SIZE];
+    unsigned char out[ZNRSha1::DIGEST_SIZE];
     std::uint64_t const err = Final(out);
     if (err != 0) return err;
     std::string text;
@@ -97,11 +95,7 @@ std::uint64_t ZNRDigest::FinalHex(ZNRString* hex) {
 
 std::uint64_t ZNRBase64::Encode(void const* data, unsigned int size, ZNRString* out) {
     if (size > INT_MAX / 4 * 3) return ZNR_ERROR_TOO_LARGE;
-    std::string text(4 * ((size + 2) / 3) + 1, '\0');
-    int const n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
-                                  static_cast<unsigned char const*>(data), static_cast<int>(size));
-    text.resize(static_cast<std::size_t>(n));
-    *out = ZNRString(text);
+    *out = ZNRString(ZNRBase64Text(data, size));
     return 0;
 }
 
@@ -116,8 +110,7 @@ std::uint64_t ZNRBase64::Decode(ZNRString const& text, ZNRByteBuffer* out) {
         std::uint64_t const err = out->ExtendCapacity(full - out->GetCapacity());
         if (err != 0) return err;
     }
-    int const n = EVP_DecodeBlock(out->GetData(), reinterpret_cast<unsigned char const*>(ascii.data()),
-                                  static_cast<int>(ascii.size()));
+    int const n = ZNRBase64Bytes(ascii, out->GetData());
     if (n < 0) return ZNR_ERROR_BAD_BASE64;
     out->ResetDataCount(static_cast<unsigned int>(n - pad));
     return 0;

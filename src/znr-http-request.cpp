@@ -2,7 +2,7 @@
 #include <plexa/znr-http-request.h>
 #include <plexa/znr-utils.h>
 
-#include <openssl/evp.h>
+#include "znr-crypto.h"
 
 #include <algorithm>
 #include <cstring>
@@ -71,12 +71,7 @@ std::uint64_t BasicCredentials(ZNRString const& user, ZNRString const& password,
     if (rc != 0) return rc;
     if (u.find(':') != std::string::npos) return ZNR_ERROR_INVALID_PARAM;
     std::string const plain = u + ":" + p;
-    std::string encoded(4 * ((plain.size() + 2) / 3) + 1, '\0');
-    int const n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
-                                  reinterpret_cast<unsigned char const*>(plain.data()),
-                                  static_cast<int>(plain.size()));
-    encoded.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
-    *out = "Basic " + encoded;
+    *out = "Basic " + ZNRBase64Text(plain.data(), static_cast<unsigned int>(plain.size()));
     return 0;
 }
 

@@ -43,7 +43,7 @@ protected:
 
 private:
     Algorithm_t algorithm_;
-    void* ctx_;            // EVP_MD_CTX
+    void* ctx_;            // the system's hash of the open message
     std::uint64_t state_;  // 0 while a message is open, else the error to give
 };
 
