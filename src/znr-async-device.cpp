@@ -59,7 +59,7 @@ bool ZNRAsyncTcpDevice::Accept(ZNRDevice* client) {
         SetError(ZNRSysError(EINVAL));
         return false;
     }
-    if (accept_socket_ == nullptr || accept_socket_->GetFd() < 0) {
+    if (accept_socket_ == nullptr || !ZNRIsHandle(accept_socket_->GetFd())) {
         SetError(ZNRSysError(EAGAIN));  // no accept has completed
         return false;
     }

@@ -11,7 +11,7 @@
 // ---------------------------------------------------------------- control block
 
 ZNRAsyncIOCB::ZNRAsyncIOCB()
-    : operation(OP_NONE), fd(-1), method(METHOD_NONE), buf(nullptr), len(0), addr(nullptr),
+    : operation(OP_NONE), fd(ZNRNoHandle()), method(METHOD_NONE), buf(nullptr), len(0), addr(nullptr),
       addr_len(0), accept_into(nullptr), accept_type(0), status(STATUS_IDLE), transferred(0),
       error(0), read_side_(false), peer_(nullptr), binding_(nullptr) {}
 
@@ -21,7 +21,7 @@ ZNRAsyncIOCB::~ZNRAsyncIOCB() {
 
 std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int size) {
     if (status != STATUS_IDLE) return ZNRSysError(EBUSY);
-    if (fd < 0) return ZNRSysError(EBADF);
+    if (!ZNRIsHandle(fd)) return ZNRSysError(EBADF);
     if (size < 0 || (data == nullptr && size > 0)) return ZNRSysError(EINVAL);
     operation = op;
     method = how;
@@ -52,10 +52,10 @@ std::uint64_t ZNRAsyncIOCB::SwitchFd(ZNRNativeHandle new_fd) {
             return rc;
         }
     }
-    int const old_fd = fd;
+    ZNRNativeHandle const old_fd = fd;
     fd = new_fd;
     if (peer_ != nullptr) peer_->fd = new_fd;
-    if (old_fd >= 0) ZNRFdClose(old_fd);
+    if (ZNRIsHandle(old_fd)) ZNRFdClose(old_fd);
     return 0;
 }
 
@@ -124,6 +124,6 @@ void ZNRAsyncIOWin32::Detach() {
     // Whatever was under way on the descriptor goes with it.
     for (ZNRAsyncIOCB* cb : {&read_iocb_, &write_iocb_}) {
         cb->status = ZNRAsyncIOCB::STATUS_IDLE;
-        cb->fd = -1;
+        cb->fd = ZNRNoHandle();
     }
 }

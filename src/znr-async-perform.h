@@ -1,6 +1,8 @@
 #ifndef PLEXA_SRC_ZNR_ASYNC_PERFORM_H
 #define PLEXA_SRC_ZNR_ASYNC_PERFORM_H
 
+#include <plexa/znr-native-handle.h>
+
 class ZNRAsyncIOCB;
 
 // The platform side of a control block: the one system call that carries
@@ -18,7 +20,7 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready);
 // Finishes an accept that gave fd: the connection takes the listening
 // descriptor's place or fills the control block's socket. peer_known: the
 // accept itself wrote the peer's address into cb->addr.
-void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, int fd, bool peer_known);
+void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, ZNRNativeHandle fd, bool peer_known);
 
 // Waits up to timeout_ms (negative: without limit) until cb's descriptor
 // is ready for its side. True when ready; false on time-out.

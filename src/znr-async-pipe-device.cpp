@@ -28,7 +28,7 @@ bool ZNRAsyncPipeDevice::Open(ZNRDeviceParam* param) {
         SetError(ZNRSysError(EINVAL));
         return false;
     }
-    int fd = -1;
+    ZNRNativeHandle fd = ZNRNoHandle();
     std::uint64_t const rc = p->is_server ? ZNRLocalListen(name, &fd)
                                           : ZNRLocalConnect(name, p->wait_timeout, &fd);
     if (rc != 0) {
@@ -88,7 +88,7 @@ bool ZNRAsyncPipeDevice::CloseWrite() {
 
 bool ZNRAsyncPipeDevice::Close() {
     if (!closed_) {
-        int const fd = GetFd();
+        ZNRNativeHandle const fd = GetFd();
         Detach();
         ZNRFdClose(fd);
         if (is_server_) {

@@ -20,7 +20,7 @@ int Started(std::uint64_t rc, std::uint64_t* err) {
 
 ZNRAsyncSocket::~ZNRAsyncSocket() { Detach(); }
 
-std::uint64_t ZNRAsyncSocket::Open(Type_t type, int fd) {
+std::uint64_t ZNRAsyncSocket::Open(Type_t type, ZNRNativeHandle fd) {
     std::uint64_t const rc = ZNRSocket::Open(type, fd);
     if (rc == 0) SetIOFd(fd);
     return rc;
@@ -80,7 +80,7 @@ std::uint64_t ZNRAsyncSocket::Accept2(ZNRSocket* client, ZNRByteBuffer& buffer) 
     unsigned int const slot = AddrSlot(GetType());
     if (buffer.GetCapacity() < 2 * slot) buffer.SetCapacity(2 * slot);
     if (buffer.GetCapacity() < 2 * slot) return ZNRSysError(ENOMEM);
-    if (client->GetFd() >= 0) client->Close();
+    if (ZNRIsHandle(client->GetFd())) client->Close();
     ZNRAsyncIOCB* const cb = GetReadIOCB();
     cb->addr = buffer.GetData();
     cb->addr_len = slot;

@@ -179,7 +179,7 @@ int ZNRTcpDevice::Write(unsigned char const* buf, int len) {
     return Transfer(this, socket_, [&](ZNRSocket* s, std::uint64_t* err) { return s->Send(buf, len, err); });
 }
 
-int ZNRTcpDevice::GetFd() { return socket_ != nullptr ? socket_->GetFd() : -1; }
+ZNRNativeHandle ZNRTcpDevice::GetFd() { return socket_ != nullptr ? socket_->GetFd() : ZNRNoHandle(); }
 
 bool ZNRTcpDevice::CloseRead() { return Kept(this, socket_ != nullptr ? socket_->CloseRecv() : kNoSocket); }
 
@@ -275,7 +275,7 @@ int ZNRUdpDevice::Write(unsigned char const* buf, int len) {
     });
 }
 
-int ZNRUdpDevice::GetFd() { return socket_ != nullptr ? socket_->GetFd() : -1; }
+ZNRNativeHandle ZNRUdpDevice::GetFd() { return socket_ != nullptr ? socket_->GetFd() : ZNRNoHandle(); }
 
 bool ZNRUdpDevice::CloseRead() { return Kept(this, socket_ != nullptr ? socket_->CloseRecv() : kNoSocket); }
 
@@ -323,7 +323,7 @@ ZNRSocket* ZNRUdpDevice::OnCreateSocket() { return new ZNRSocket(); }
 // ---------------------------------------------------------------- any descriptor
 
 ZNRUnknownDevice::ZNRUnknownDevice()
-    : closed_(true), eof_(true), fd_(-1), desc_(u"Unknown device") {}
+    : closed_(true), eof_(true), fd_(ZNRNoHandle()), desc_(u"Unknown device") {}
 
 ZNRUnknownDevice::~ZNRUnknownDevice() { ZNRUnknownDevice::Close(); }
 
@@ -390,7 +390,7 @@ bool ZNRUnknownDevice::Close() {
     if (closed_) return true;
     // The descriptor is released even when close reports an error.
     int const rc = ZNRFdClose(fd_);
-    fd_ = -1;
+    fd_ = ZNRNoHandle();
     closed_ = true;
     eof_ = true;
     if (rc != 0) {
@@ -434,18 +434,18 @@ void ZNRFakeDevice::Destroy() { delete this; }
 
 // ---------------------------------------------------------------- pipe
 
-ZNRPipe::ZNRPipe() : read_fd_(-1), write_fd_(-1) {}
+ZNRPipe::ZNRPipe() : read_fd_(ZNRNoHandle()), write_fd_(ZNRNoHandle()) {}
 
-ZNRPipe::ZNRPipe(int read_fd, int write_fd) : read_fd_(read_fd), write_fd_(write_fd) {}
+ZNRPipe::ZNRPipe(ZNRNativeHandle read_fd, ZNRNativeHandle write_fd) : read_fd_(read_fd), write_fd_(write_fd) {}
 
 ZNRPipe::~ZNRPipe() {
-    if (read_fd_ >= 0) ZNRFdClose(read_fd_);
-    if (write_fd_ >= 0) ZNRFdClose(write_fd_);
+    if (ZNRIsHandle(read_fd_)) ZNRFdClose(read_fd_);
+    if (ZNRIsHandle(write_fd_)) ZNRFdClose(write_fd_);
 }
 
 std::uint64_t ZNRPipe::Open() {
-    int read_fd = -1;
-    int write_fd = -1;
+    ZNRNativeHandle read_fd = ZNRNoHandle();
+    ZNRNativeHandle write_fd = ZNRNoHandle();
     int const rc = ZNRFdPipe(&read_fd, &write_fd);
     if (rc != 0) return ZNRSysError(rc);
     read_fd_ = read_fd;
@@ -455,10 +455,10 @@ std::uint64_t ZNRPipe::Open() {
 
 namespace {
 
-std::uint64_t CloseEnd(int* fd) {
-    if (*fd < 0) return ZNRSysError(EBADF);
+std::uint64_t CloseEnd(ZNRNativeHandle* fd) {
+    if (!ZNRIsHandle(*fd)) return ZNRSysError(EBADF);
     int const rc = ZNRFdClose(*fd);
-    *fd = -1;
+    *fd = ZNRNoHandle();
     return rc != 0 ? ZNRSysError(rc) : 0;
 }
 

@@ -1,6 +1,8 @@
 #ifndef PLEXA_SRC_ZNR_PROCESS_START_H
 #define PLEXA_SRC_ZNR_PROCESS_START_H
 
+#include <plexa/znr-native-handle.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +22,7 @@ bool ZNRProcessEnv(ZNRProcessParam const& param, std::vector<std::string> const&
 // reactor as an unknown device and sets it to -1. Fails with the
 // manager's error (the handlers then stay the caller's), after which a
 // descriptor may already be closed (-1).
-std::uint64_t ZNRProcessAttachOutput(ZNRProcessParam const& param, int* out_fd, int* err_fd);
+std::uint64_t ZNRProcessAttachOutput(ZNRProcessParam const& param, ZNRNativeHandle* out_fd,
+                                     ZNRNativeHandle* err_fd);
 
 #endif

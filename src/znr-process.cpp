@@ -68,10 +68,10 @@ private:
 };
 
 // The device adopts fd, which is then no longer the caller's.
-ZNRDevice* OpenDevice(int* fd, std::uint64_t* err) {
+ZNRDevice* OpenDevice(ZNRNativeHandle* fd, std::uint64_t* err) {
     ZNRUnknownDeviceParam param;
     param.fd = *fd;
-    *fd = -1;
+    *fd = ZNRNoHandle();
     auto* device = new ZNRAsyncUnknownDevice();
     if (device->Open(&param)) return device;
     *err = device->GetError();
@@ -121,10 +121,11 @@ bool ZNRProcessEnv(ZNRProcessParam const& param, std::vector<std::string> const&
     return true;
 }
 
-std::uint64_t ZNRProcessAttachOutput(ZNRProcessParam const& param, int* out_fd, int* err_fd) {
+std::uint64_t ZNRProcessAttachOutput(ZNRProcessParam const& param, ZNRNativeHandle* out_fd,
+                                     ZNRNativeHandle* err_fd) {
     if (param.reactor_id == ZNR_ERROR_FAILED_ID) return 0;
-    bool const out = param.output_handler != nullptr && *out_fd >= 0;
-    bool const err = param.error_handler != nullptr && *err_fd >= 0;
+    bool const out = param.output_handler != nullptr && ZNRIsHandle(*out_fd);
+    bool const err = param.error_handler != nullptr && ZNRIsHandle(*err_fd);
     if (!out && !err) return 0;
 
     auto* task = new ZNRProcessOutputTask(param.reactor_id);

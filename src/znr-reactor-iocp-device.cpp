@@ -496,7 +496,7 @@ void ZNRReactorIOCPLoopEventReadDevice::OnErrorEvent(std::uint64_t const& error)
 }
 
 ZNRReactorIOCPLoopEventWriteDevice::ZNRReactorIOCPLoopEventWriteDevice(ZNRReactorIOCP* reactor,
-                                                                       std::uint32_t id, int fd)
+                                                                       std::uint32_t id, ZNRNativeHandle fd)
     : ZNRReactorIOCPDeviceBase(reactor, id, nullptr), fd_(fd) {}
 
 std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Recv() { return ZNR_ERROR_NOT_SUPPORTED; }

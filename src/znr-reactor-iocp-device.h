@@ -222,14 +222,14 @@ private:
 // The write end: adds to the counter; never blocks.
 class ZNRReactorIOCPLoopEventWriteDevice : public ZNRReactorIOCPDeviceBase {
 public:
-    ZNRReactorIOCPLoopEventWriteDevice(ZNRReactorIOCP* reactor, std::uint32_t id, int fd);
+    ZNRReactorIOCPLoopEventWriteDevice(ZNRReactorIOCP* reactor, std::uint32_t id, ZNRNativeHandle fd);
 
     std::uint64_t Recv() override;
     bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
     std::uint64_t Signal(std::uint64_t count);
 
 private:
-    int fd_;
+    ZNRNativeHandle fd_;
 };
 
 // Runs one more accept of a listener that ran out of descriptors.

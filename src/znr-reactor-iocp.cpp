@@ -139,7 +139,7 @@ std::uint64_t ZNRReactorIOCP::Init() {
     ZNR_LOG(INFO, "IOCP reactor uses the %s completion engine, %s", engine_->GetName(),
             choice.c_str());
     id_allocator_.AllocULONGNumId(&read_device_id_);
-    int fd = -1;
+    ZNRNativeHandle fd = ZNRNoHandle();
     rc = ZNRWakeupOpen(&fd);
     if (rc == 0) {
         ZNRUnknownDeviceParam param;

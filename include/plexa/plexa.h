@@ -5,6 +5,7 @@
 /// Everything a host program needs: include this header only.
 
 #include <plexa/znr-export.h>
+#include <plexa/znr-native-handle.h>
 #include <plexa/znr-error.h>
 #include <plexa/znr-stl-adapter.h>
 #include <plexa/znr-thread-mutex.h>

@@ -2,6 +2,7 @@
 #define PLEXA_ZNR_ASYNC_IO_H
 
 #include <plexa/znr-export.h>
+#include <plexa/znr-native-handle.h>
 
 #include <cstdint>
 
@@ -12,15 +13,6 @@ struct ZNRCompletionBinding;
 /// The control blocks of asynchronous operations and the two-sided
 /// interface that asynchronous devices and the reactor share.
 
-#if defined(_WIN32)
-/// The system's name for an open file, socket or pipe: a HANDLE (or a
-/// SOCKET, which fits one).
-typedef void* ZNRNativeHandle;
-#else
-/// The system's name for an open file, socket or pipe: a file descriptor,
-/// -1 for none.
-typedef int ZNRNativeHandle;
-#endif
 
 /// The request record of one asynchronous operation on one side (read or
 /// write) of a descriptor: what was started, and once done, its result.

@@ -43,7 +43,7 @@ public:
     /// @copydoc Read
     int Write(unsigned char const* buf, int len) override;
     ZNRString const& GetDescInfo() const override { return desc_; }
-    int GetFd() override { return GetReadIOCB()->fd; }
+    ZNRNativeHandle GetFd() override { return GetReadIOCB()->fd; }
     /// Not supported: library error 37.
     bool CloseRead() override;
     /// Not supported: library error 37.

@@ -28,7 +28,7 @@ public:
     ~ZNRAsyncSocket() override;
 
     /// Adopts fd, which must already be non-blocking.
-    std::uint64_t Open(Type_t type, int fd) override;
+    std::uint64_t Open(Type_t type, ZNRNativeHandle fd) override;
     /// Creates a non-blocking socket of type.
     std::uint64_t Open(Type_t type) override;
     /// Starts connecting: 0 when under way (or already connected); the

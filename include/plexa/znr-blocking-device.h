@@ -32,7 +32,7 @@ public:
     int Read(unsigned char* buf, int len) override;
     int Write(unsigned char const* buf, int len) override;
     ZNRString const& GetDescInfo() const override { return desc_; }
-    int GetFd() override;
+    ZNRNativeHandle GetFd() override;
     bool CloseRead() override;
     bool CloseWrite() override;
     bool Close() override;
@@ -102,7 +102,7 @@ public:
     int Read(unsigned char* buf, int len) override;
     int Write(unsigned char const* buf, int len) override;
     ZNRString const& GetDescInfo() const override { return desc_; }
-    int GetFd() override;
+    ZNRNativeHandle GetFd() override;
     bool CloseRead() override;
     bool CloseWrite() override;
     bool Close() override;
@@ -157,7 +157,7 @@ public:
     int Read(unsigned char* buf, int len) override;
     int Write(unsigned char const* buf, int len) override;
     ZNRString const& GetDescInfo() const override { return desc_; }
-    int GetFd() override { return fd_; }
+    ZNRNativeHandle GetFd() override { return fd_; }
     /// Not supported: library error 37.
     bool CloseRead() override;
     /// Not supported: library error 37.
@@ -176,7 +176,7 @@ protected:
     /// At end of data.
     bool eof_;
     /// The adopted descriptor, owned; -1 when closed.
-    int fd_;
+    ZNRNativeHandle fd_;
     /// The description, "Unknown device".
     ZNRString desc_;
 };
@@ -195,7 +195,7 @@ public:
     int Read(unsigned char* buf, int len) override;
     int Write(unsigned char const* buf, int len) override;
     ZNRString const& GetDescInfo() const override { return desc_; }
-    int GetFd() override { return -1; }
+    ZNRNativeHandle GetFd() override { return ZNRNoHandle(); }
     /// Not supported: library error 37.
     bool CloseRead() override;
     /// Not supported: library error 37.
@@ -217,7 +217,7 @@ public:
     /// No descriptors yet: Open makes them.
     ZNRPipe();
     /// Adopts both descriptors.
-    ZNRPipe(int read_fd, int write_fd);
+    ZNRPipe(ZNRNativeHandle read_fd, ZNRNativeHandle write_fd);
     ZNRPipe(ZNRPipe const&) = delete;
     ZNRPipe& operator=(ZNRPipe const&) = delete;
     /// Closes the ends still open.
@@ -237,13 +237,13 @@ public:
     /// @copydoc Read
     int Write(unsigned char const* buf, int len, std::uint64_t* err);
     /// The read end, still owned by the pipe; -1 when closed.
-    int GetReadFd() const { return read_fd_; }
+    ZNRNativeHandle GetReadFd() const { return read_fd_; }
     /// The write end, still owned by the pipe; -1 when closed.
-    int GetWriteFd() const { return write_fd_; }
+    ZNRNativeHandle GetWriteFd() const { return write_fd_; }
 
 private:
-    int read_fd_;
-    int write_fd_;
+    ZNRNativeHandle read_fd_;
+    ZNRNativeHandle write_fd_;
 };
 
 #endif

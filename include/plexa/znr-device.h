@@ -6,6 +6,7 @@
 /// parameter records devices are opened from.
 
 #include <plexa/znr-export.h>
+#include <plexa/znr-native-handle.h>
 #include <plexa/znr-string.h>
 
 class ZNRByteBuffer;
@@ -85,7 +86,7 @@ public:
     ZNRUnknownDeviceParam& operator=(ZNRUnknownDeviceParam const&) = default;
 
     /// The descriptor handed over; the device owns it from a successful Open.
-    int fd = -1;
+    ZNRNativeHandle fd = ZNRNoHandle();
 };
 
 /// The parameter record of ZNRFakeDevice: nothing to set.
@@ -185,7 +186,7 @@ public:
     /// quotes; empty once closed.
     virtual ZNRString const& GetDescInfo() const = 0;
     /// The descriptor a reactor watches; -1 when there is none.
-    virtual int GetFd() = 0;
+    virtual ZNRNativeHandle GetFd() = 0;
     /// Shuts the receiving direction; false with the error stored (library
     /// error 37 where the device does not support it).
     virtual bool CloseRead() = 0;

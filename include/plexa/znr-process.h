@@ -2,6 +2,7 @@
 #define PLEXA_ZNR_PROCESS_H
 
 #include <plexa/znr-export.h>
+#include <plexa/znr-native-handle.h>
 #include <plexa/znr-stl-adapter.h>
 #include <plexa/znr-string.h>
 
@@ -110,13 +111,13 @@ private:
     std::uint64_t Reap(bool block);
 
     int pid_;
-    int pidfd_;  // -1 where the system has none: Wait then polls
+    ZNRNativeHandle pidfd_;  // none where the system has none: Wait then polls
     bool reaped_;
     int exit_code_;
     int exit_signal_;
-    int in_fd_;
-    int out_fd_;
-    int err_fd_;
+    ZNRNativeHandle in_fd_;
+    ZNRNativeHandle out_fd_;
+    ZNRNativeHandle err_fd_;
 };
 
 #endif

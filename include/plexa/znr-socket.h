@@ -2,6 +2,7 @@
 #define PLEXA_ZNR_SOCKET_H
 
 #include <plexa/znr-export.h>
+#include <plexa/znr-native-handle.h>
 #include <plexa/znr-stl-adapter.h>
 #include <plexa/znr-string.h>
 
@@ -138,7 +139,7 @@ public:
     virtual ~ZNRSocket();
 
     /// Adopts fd. A previously held descriptor is not closed by either Open.
-    virtual std::uint64_t Open(Type_t type, int fd);
+    virtual std::uint64_t Open(Type_t type, ZNRNativeHandle fd);
     /// Creates a blocking socket of type.
     virtual std::uint64_t Open(Type_t type);
     /// Binds to addr (not taken); EINVAL for a null address.
@@ -201,7 +202,7 @@ public:
     /// The type given to Open.
     Type_t GetType() const { return type_; }
     /// The descriptor, still owned by the socket; -1 when none.
-    int GetFd() const { return fd_; }
+    ZNRNativeHandle GetFd() const { return fd_; }
 
 protected:
     /// A new close-on-exec socket of type, non-blocking from the start when
@@ -210,7 +211,7 @@ protected:
 
 private:
     Type_t type_;
-    int fd_;
+    ZNRNativeHandle fd_;
 };
 
 #endif
