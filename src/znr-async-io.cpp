@@ -29,7 +29,7 @@ std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int
     len = size;
     transferred = 0;
     error = 0;
-    status = STATUS_PENDING;
+    status = STATUS_RUNNING;
     if (binding_ != nullptr) {
         binding_->engine->Start(this);
     } else {
@@ -60,7 +60,7 @@ std::uint64_t ZNRAsyncIOCB::SwitchFd(ZNRNativeHandle new_fd) {
 }
 
 std::uint64_t ZNRAsyncIOCB::Reset() {
-    if (status == STATUS_PENDING) return ZNRSysError(EBUSY);
+    if (status == STATUS_RUNNING) return ZNRSysError(EBUSY);
     if (binding_ != nullptr && status == STATUS_DONE) binding_->engine->Release(this);
     status = STATUS_IDLE;
     transferred = 0;
@@ -72,11 +72,11 @@ std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
     if (status == STATUS_IDLE) return ZNR_ERROR_TIMED_OUT;
     // A watched side finishes only through its engine, which hands the
     // completion out: here it can only be reported.
-    if (binding_ != nullptr && status == STATUS_PENDING) return ZNR_ERROR_TIMED_OUT;
+    if (binding_ != nullptr && status == STATUS_RUNNING) return ZNR_ERROR_TIMED_OUT;
     using Clock = std::chrono::steady_clock;
     Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     bool ready = false;
-    while (status == STATUS_PENDING && ZNRAsyncPerform(this, ready) == ZNR_PERFORM_AGAIN) {
+    while (status == STATUS_RUNNING && ZNRAsyncPerform(this, ready) == ZNR_PERFORM_AGAIN) {
         int wait_ms = -1;
         if (timeout_ms >= 0) {
             auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(

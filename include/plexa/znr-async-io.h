@@ -47,11 +47,12 @@ public:
         METHOD_LOCAL_ACCEPT,  ///< the new connection replaces the listening descriptor
         METHOD_CONNECT,       ///< completion of a connect under way
     };
-    /// Where the operation stands.
-    enum Status_t { STATUS_IDLE, STATUS_PENDING, STATUS_DONE };
+    /// Where the operation stands (not "pending": windows.h takes
+    /// STATUS_PENDING for a macro).
+    enum Status_t { STATUS_IDLE, STATUS_RUNNING, STATUS_DONE };
     /// @var ZNRAsyncIOCB::STATUS_IDLE
     /// Nothing started, or reset.
-    /// @var ZNRAsyncIOCB::STATUS_PENDING
+    /// @var ZNRAsyncIOCB::STATUS_RUNNING
     /// Started, not finished.
     /// @var ZNRAsyncIOCB::STATUS_DONE
     /// Finished: transferred and error hold the result.

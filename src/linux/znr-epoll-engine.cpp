@@ -178,7 +178,7 @@ int ZNREpollEngine::Cancel(ZNRAsyncIO* io) {
     if (handle == nullptr) return 0;
     int count = 0;
     for (Entry& entry : handle->side) {
-        if (entry.cb->status == ZNRAsyncIOCB::STATUS_PENDING) {
+        if (entry.cb->status == ZNRAsyncIOCB::STATUS_RUNNING) {
             entry.cb->Complete(0, ZNRSysError(ECANCELED));
             done_.Push(&entry);
         }
@@ -264,7 +264,7 @@ std::uint64_t ZNREpollEngine::Poll(int timeout_ms) {
 void ZNREpollEngine::Ready(Handle& handle, Side side) {
     Entry& entry = handle.side[side];
     entry.ready = true;
-    if (entry.cb != nullptr && entry.cb->status == ZNRAsyncIOCB::STATUS_PENDING) {
+    if (entry.cb != nullptr && entry.cb->status == ZNRAsyncIOCB::STATUS_RUNNING) {
         Perform(handle, side);
     }
 }

@@ -269,7 +269,7 @@ std::uint64_t ZNRUringEngine::Associate(ZNRNativeHandle fd, std::uint32_t key, Z
     for (Side side : {kRead, kWrite}) {
         ZNRAsyncIOCB* const cb = h.side[side].cb;
         if (cb->status == ZNRAsyncIOCB::STATUS_DONE) Finish(h.side[side]);
-        if (cb->status == ZNRAsyncIOCB::STATUS_PENDING) Submit(h, side);
+        if (cb->status == ZNRAsyncIOCB::STATUS_RUNNING) Submit(h, side);
     }
     return 0;
 }
@@ -346,7 +346,7 @@ int ZNRUringEngine::Cancel(ZNRAsyncIO* io) {
     h->closing = true;
     int count = 0;
     for (Entry& e : h->side) {
-        if (e.cb->status == ZNRAsyncIOCB::STATUS_PENDING) {
+        if (e.cb->status == ZNRAsyncIOCB::STATUS_RUNNING) {
             if (e.inflight != kNone) {
                 // Its completion comes from the kernel, aborted or not.
                 CancelRequest(UserData(*h, e.inflight));
@@ -499,7 +499,7 @@ void ZNRUringEngine::ArmPoll(Handle& h, Side side) {
 void ZNRUringEngine::Deliver(Handle& h) {
     Entry& e = h.side[kRead];
     ZNRAsyncIOCB* const cb = e.cb;
-    if (cb == nullptr || cb->status != ZNRAsyncIOCB::STATUS_PENDING) return;
+    if (cb == nullptr || cb->status != ZNRAsyncIOCB::STATUS_RUNNING) return;
     if (h.held_head >= 0) {
         cb->Complete(CopyHeld(h, cb->buf, cb->len), 0);
         Finish(e);
@@ -520,7 +520,7 @@ void ZNRUringEngine::Deliver(Handle& h) {
 void ZNRUringEngine::DeliverAccept(Handle& h) {
     Entry& e = h.side[kRead];
     ZNRAsyncIOCB* const cb = e.cb;
-    if (cb == nullptr || cb->status != ZNRAsyncIOCB::STATUS_PENDING) return;
+    if (cb == nullptr || cb->status != ZNRAsyncIOCB::STATUS_RUNNING) return;
     if (!h.accepted.empty()) {
         int const fd = h.accepted.front();
         h.accepted.erase(h.accepted.begin());
@@ -672,7 +672,7 @@ void ZNRUringEngine::ReapAll() {
     for (Handle* h : received_) {
         h->received = false;
         Deliver(*h);
-        bool const reading = h->side[kRead].cb->status == ZNRAsyncIOCB::STATUS_PENDING;
+        bool const reading = h->side[kRead].cb->status == ZNRAsyncIOCB::STATUS_RUNNING;
         if (h->stream != kNone && !h->stream_stopping && !reading && h->held_count >= kHeldBuffersMax) {
             StopStream(*h);
         }
@@ -749,7 +749,7 @@ void ZNRUringEngine::OnAccepted(Handle& h, int res, unsigned int flags) {
         h.read_error = ZNRSysError(-res);
     }
     DeliverAccept(h);
-    bool const accepting = h.side[kRead].cb->status == ZNRAsyncIOCB::STATUS_PENDING;
+    bool const accepting = h.side[kRead].cb->status == ZNRAsyncIOCB::STATUS_RUNNING;
     if (h.stream != kNone && !h.stream_stopping && !accepting &&
         h.accepted.size() >= kHeldAcceptsMax) {
         StopStream(h);
@@ -759,7 +759,7 @@ void ZNRUringEngine::OnAccepted(Handle& h, int res, unsigned int flags) {
 ZNRUringEngine::Entry* ZNRUringEngine::Landed(Handle& h, Side side) {
     Entry& e = h.side[side];
     e.inflight = kNone;
-    return e.cb->status == ZNRAsyncIOCB::STATUS_PENDING ? &e : nullptr;
+    return e.cb->status == ZNRAsyncIOCB::STATUS_RUNNING ? &e : nullptr;
 }
 
 void ZNRUringEngine::OnTransferred(Handle& h, Side side, int res) {
