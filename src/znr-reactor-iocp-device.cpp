@@ -5,6 +5,7 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-reactor-iocp.h>
 
+#include "znr-fd-io.h"
 #include "znr-reactor-iocp-device.h"
 #include "znr-error-platform.h"
 #include "znr-wakeup.h"
@@ -498,6 +499,8 @@ void ZNRReactorIOCPLoopEventReadDevice::OnErrorEvent(std::uint64_t const& error)
 ZNRReactorIOCPLoopEventWriteDevice::ZNRReactorIOCPLoopEventWriteDevice(ZNRReactorIOCP* reactor,
                                                                        std::uint32_t id, ZNRNativeHandle fd)
     : ZNRReactorIOCPDeviceBase(reactor, id, nullptr), fd_(fd) {}
+
+ZNRReactorIOCPLoopEventWriteDevice::~ZNRReactorIOCPLoopEventWriteDevice() { ZNRFdClose(fd_); }
 
 std::uint64_t ZNRReactorIOCPLoopEventWriteDevice::Recv() { return ZNR_ERROR_NOT_SUPPORTED; }
 

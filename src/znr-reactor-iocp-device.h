@@ -228,8 +228,11 @@ public:
     bool Send(ZNRByteBuffer* buffer, std::uint64_t* error) override;
     std::uint64_t Signal(std::uint64_t count);
 
+protected:
+    ~ZNRReactorIOCPLoopEventWriteDevice() override;
+
 private:
-    ZNRNativeHandle fd_;
+    ZNRNativeHandle fd_;  // owned
 };
 
 // Runs one more accept of a listener that ran out of descriptors.

@@ -9,6 +9,7 @@
 #include <plexa/znr-utils.h>
 
 #include "znr-completion-engine.h"
+#include "znr-fd-io.h"
 #include "znr-loop-tuning.h"
 #include "znr-reactor-iocp-device.h"
 #include "znr-wakeup.h"
@@ -140,7 +141,8 @@ std::uint64_t ZNRReactorIOCP::Init() {
             choice.c_str());
     id_allocator_.AllocULONGNumId(&read_device_id_);
     ZNRNativeHandle fd = ZNRNoHandle();
-    rc = ZNRWakeupOpen(&fd);
+    ZNRNativeHandle write_end = ZNRNoHandle();
+    rc = ZNRWakeupOpen(&fd, &write_end);
     if (rc == 0) {
         ZNRUnknownDeviceParam param;
         param.fd = fd;
@@ -155,6 +157,7 @@ std::uint64_t ZNRReactorIOCP::Init() {
     }
     if (rc == 0) rc = read_device_->Recv();
     if (rc != 0) {
+        if (ZNRIsHandle(write_end)) ZNRFdClose(write_end);
         if (read_device_ != nullptr) read_device_->Destroy();
         read_device_ = nullptr;
         read_device_id_ = kNoDeviceId;
@@ -163,7 +166,7 @@ std::uint64_t ZNRReactorIOCP::Init() {
         return rc;
     }
     ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
-    write_device_ = new ZNRReactorIOCPLoopEventWriteDevice(this, kNoDeviceId, fd);
+    write_device_ = new ZNRReactorIOCPLoopEventWriteDevice(this, kNoDeviceId, write_end);
     return 0;
 }
 

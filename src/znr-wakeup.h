@@ -5,9 +5,10 @@
 
 #include <cstdint>
 
-// A counter descriptor that becomes readable while non-zero: reading takes
-// (and clears) the count, adding never blocks.
-std::uint64_t ZNRWakeupOpen(ZNRNativeHandle* fd);
-std::uint64_t ZNRWakeupAdd(ZNRNativeHandle fd, std::uint64_t count);
+// A channel that becomes readable at its read end once something was added
+// at its write end; adding never blocks. The read end is read through the
+// reactor's engine; the write end is the caller's, closed with ZNRFdClose.
+std::uint64_t ZNRWakeupOpen(ZNRNativeHandle* read_end, ZNRNativeHandle* write_end);
+std::uint64_t ZNRWakeupAdd(ZNRNativeHandle write_end, std::uint64_t count);
 
 #endif

@@ -3,13 +3,22 @@
 #include "znr-wakeup.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-std::uint64_t ZNRWakeupOpen(int* fd) {
+// One eventfd; its write end is a duplicate, so that each end has one owner.
+std::uint64_t ZNRWakeupOpen(int* read_end, int* write_end) {
     int const e = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (e < 0) return ZNRSysError(errno);
-    *fd = e;
+    int const d = ::fcntl(e, F_DUPFD_CLOEXEC, 0);
+    if (d < 0) {
+        int const err = errno;
+        ::close(e);
+        return ZNRSysError(err);
+    }
+    *read_end = e;
+    *write_end = d;
     return 0;
 }
 
