@@ -2,6 +2,8 @@
 #include <plexa/znr-byte-buffer.h>
 #include <plexa/znr-error.h>
 
+#include "znr-error-platform.h"
+
 #include <cerrno>
 
 namespace {
@@ -34,7 +36,7 @@ std::uint64_t ZNRAsyncSocket::Open(Type_t type) {
 
 std::uint64_t ZNRAsyncSocket::Connect(ZNRNetAddrInfo const* addr) {
     std::uint64_t const rc = ZNRSocket::Connect(addr);
-    if (rc != 0 && rc != ZNRSysError(EINPROGRESS)) return rc;
+    if (rc != 0 && !ZNRPlatformIsInProgress(rc)) return rc;
     return GetWriteIOCB()->Begin(ZNRAsyncIOCB::OP_CONNECT, ZNRAsyncIOCB::METHOD_CONNECT, nullptr, 0);
 }
 

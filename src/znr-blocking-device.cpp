@@ -2,6 +2,7 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-socket.h>
 
+#include "znr-error-platform.h"
 #include "znr-fd-io.h"
 
 #include <cerrno>
@@ -133,7 +134,7 @@ bool ZNRTcpDevice::Connect() {
     }
     std::uint64_t const rc = socket_->Connect(remote_addr_);
     // A non-blocking connect under way counts as started.
-    if (rc == 0 || rc == ZNRSysError(EINPROGRESS)) return true;
+    if (rc == 0 || ZNRPlatformIsInProgress(rc)) return true;
     SetError(rc);
     return false;
 }

@@ -25,6 +25,9 @@ char const* ZNRCrtErrorName(int err);
 // system ran out of descriptors or buffers: worth trying again later.
 bool ZNRPlatformIsShortage(std::uint64_t code);
 
+// True for the error a non-blocking connect gives while it goes on.
+bool ZNRPlatformIsInProgress(std::uint64_t code);
+
 // Stops in an attached debugger; does nothing when none is attached.
 void ZNRPlatformDebugBreak();
 

@@ -1,3 +1,5 @@
+#include <plexa/znr-error.h>
+
 #include "znr-error-platform.h"
 
 #include <cerrno>
@@ -41,6 +43,8 @@ std::string ZNRCrtErrorText(int err) {
 char const* ZNRPlatformErrorName(int err) { return ZNRCrtErrorName(err); }
 
 char const* ZNRCrtErrorName(int err) { return strerrorname_np(err); }
+
+bool ZNRPlatformIsInProgress(std::uint64_t code) { return code == ZNRSysError(EINPROGRESS); }
 
 bool ZNRPlatformIsShortage(std::uint64_t code) {
     if ((code >> 32) != 0x40000001u) return false;
