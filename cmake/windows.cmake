@@ -29,6 +29,8 @@ if(PLEXA_BUILD_TESTS)
   if(PLEXA_GTEST_SOURCE_DIR)
     set(BUILD_GMOCK OFF)
     set(INSTALL_GTEST OFF)
+    # With MSVC, the DLL runtime that everything else links.
+    set(gtest_force_shared_crt ON)
     add_subdirectory("${PLEXA_GTEST_SOURCE_DIR}" googletest EXCLUDE_FROM_ALL)
   else()
     find_package(GTest REQUIRED)
