@@ -1,0 +1,69 @@
+#include <plexa/znr-error.h>
+
+#include "znr-wakeup.h"
+
+#include <windows.h>
+#include <rpc.h>
+
+#include <string>
+
+// Windows has no counter descriptor: the channel is a named pipe of its
+// own, read (overlapped) through the completion port and written to by
+// ZNRWakeupAdd. Each add is one 8-byte message and each read takes one,
+// so a read clears one add rather than the whole count.
+
+namespace {
+
+DWORD const kBufferSize = 64 * 1024;
+
+std::uint64_t LastError() { return ZNRSysError(static_cast<int>(GetLastError())); }
+
+// A name no other pipe has: \\.\pipe\plexa-wakeup-<uuid>.
+std::uint64_t UniquePath(std::string* path) {
+    UUID uuid;
+    RPC_STATUS status = UuidCreate(&uuid);
+    // A uuid unique to this machine is all a local pipe needs.
+    if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) return ZNRSysError(status);
+    RPC_CSTR text = nullptr;
+    status = UuidToStringA(&uuid, &text);
+    if (status != RPC_S_OK) return ZNRSysError(status);
+    *path = std::string("\\\\.\\pipe\\plexa-wakeup-") + reinterpret_cast<char const*>(text);
+    RpcStringFreeA(&text);
+    return 0;
+}
+
+} // namespace
+
+std::uint64_t ZNRWakeupOpen(ZNRNativeHandle* fd, ZNRNativeHandle* write_fd) {
+    std::string path;
+    std::uint64_t const rc = UniquePath(&path);
+    if (rc != 0) return rc;
+    HANDLE const read_end = CreateNamedPipeA(
+        path.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        PIPE_TYPE_MESSAGE | PIPE_READMODE_BYTE | PIPE_WAIT, 1, 0, kBufferSize, 0, nullptr);
+    if (read_end == INVALID_HANDLE_VALUE) return LastError();
+    // Opening the one instance connects it: no ConnectNamedPipe needed,
+    // and nobody else can connect any more.
+    HANDLE const write_end = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                         SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr);
+    // Adding never blocks: a full pipe takes the message or nothing.
+    DWORD mode = PIPE_NOWAIT;
+    if (write_end == INVALID_HANDLE_VALUE ||
+        !SetNamedPipeHandleState(write_end, &mode, nullptr, nullptr)) {
+        std::uint64_t const err = LastError();
+        if (write_end != INVALID_HANDLE_VALUE) CloseHandle(write_end);
+        CloseHandle(read_end);
+        return err;
+    }
+    *fd = read_end;
+    *write_fd = write_end;
+    return 0;
+}
+
+std::uint64_t ZNRWakeupAdd(ZNRNativeHandle write_fd, std::uint64_t count) {
+    DWORD written = 0;
+    if (!WriteFile(write_fd, &count, sizeof count, &written, nullptr)) return LastError();
+    // Nothing written means the pipe is full: wake-ups are pending already,
+    // as with a non-zero counter.
+    return 0;
+}
