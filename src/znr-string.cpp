@@ -140,7 +140,8 @@ int FormatTemplConversion(TemplConversion const& conv, va_list* args, int count,
             if (l == "t") return emit(va_arg(*args, std::make_unsigned_t<std::ptrdiff_t>));
             return emit(va_arg(*args, unsigned int));
         case 'c': case 'C':
-            return wide ? emit(va_arg(*args, std::wint_t)) : emit(va_arg(*args, int));
+            // wint_t is narrower than int where wchar_t is 16 bits: it comes promoted.
+            return wide ? emit(static_cast<std::wint_t>(va_arg(*args, int))) : emit(va_arg(*args, int));
         case 's': case 'S':
             return wide ? emit(va_arg(*args, wchar_t const*)) : emit(va_arg(*args, char const*));
         case 'p':
