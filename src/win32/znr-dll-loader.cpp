@@ -1,8 +1,6 @@
 #include "znr-dll-platform.h"
 #include "znr-error-platform.h"
-#include "znr-text-codec.h"
-
-#include <cstring>
+#include "znr-win32-wide.h"
 
 #include <windows.h>
 
@@ -20,14 +18,11 @@ std::string ErrorText(DWORD error, std::string const& what) {
 
 // path is UTF-8. LoadLibrary takes only backslashes as separators.
 void* ZNRDllOpen(std::string const& path, std::string* error_text) {
-    std::string units;
-    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf8Charset(), ZNRTextCodec::Utf16Charset(), path.data(),
-                               path.size(), &units)) {
+    std::wstring wide;
+    if (!ZNRWin32Widen(path, CP_UTF8, &wide)) {
         *error_text = path + ": not valid UTF-8";
         return nullptr;
     }
-    std::wstring wide(units.size() / sizeof(wchar_t), L'\0');
-    if (!wide.empty()) std::memcpy(&wide[0], units.data(), wide.size() * sizeof(wchar_t));
     for (wchar_t& c : wide)
         if (c == L'/') c = L'\\';
     // No "cannot find" message box for a missing dependency or media.

@@ -1,11 +1,10 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-tls.h>
 
-#include "../znr-text-codec.h"
 #include "../znr-thread-platform.h"
+#include "znr-win32-wide.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <process.h>
@@ -179,13 +178,10 @@ void ZNRPlatformThreadSetName(char const* name) {
         reinterpret_cast<void (*)()>(
             GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "SetThreadDescription")));
     if (set_description == nullptr) return;
-    // Names come from ZNRString::ToStdCStr in the library's default "chs".
-    std::string units;
-    ZNRTextCodec::Convert(ZNRTextCodec::CharsetOfLocale("chs").c_str(), ZNRTextCodec::Utf16Charset(),
-                          name, std::strlen(name), &units);
-    std::wstring wide(units.size() / sizeof(wchar_t), L'\0');
-    if (!wide.empty()) std::memcpy(&wide[0], units.data(), wide.size() * sizeof(wchar_t));
-    set_description(GetCurrentThread(), wide.c_str());
+    // Names come from ZNRString::ToStdCStr in the library's default "chs"
+    // (GBK, code page 936).
+    std::wstring wide;
+    if (ZNRWin32Widen(name, 936, &wide)) set_description(GetCurrentThread(), wide.c_str());
 }
 
 void ZNRPlatformThreadExit(long code) { _endthreadex(static_cast<unsigned>(code)); }
