@@ -7,6 +7,10 @@
 
 #include <windows.h>
 
+// Exported by ntdll since Windows XP, declared in no SDK header: true once
+// the process has begun to end.
+extern "C" BOOLEAN NTAPI RtlDllShutdownInProgress();
+
 namespace {
 
 typedef std::vector<ZNRThreadExitHook*> ExitHooks;
@@ -41,8 +45,10 @@ ExitSlots const& Slots() {
 }
 
 // Each list is taken off the slot before it runs, so hooks added by these
-// hooks start a new list, run in the next round.
+// hooks start a new list, run in the next round. FLS callbacks also run for
+// the thread that ends the process, which must run no hooks.
 void WINAPI RunExitHooks(void*) {
+    if (RtlDllShutdownInProgress()) return;
     DWORD const tls = Slots().tls;
     while (ExitHooks* hooks = static_cast<ExitHooks*>(TlsGetValue(tls))) {
         TlsSetValue(tls, nullptr);
