@@ -21,7 +21,7 @@ struct NamedCodePage {
 };
 
 NamedCodePage const kNames[] = {
-    {"UTF-8", CP_UTF8}, {"UTF8", CP_UTF8},     {"GBK", 936},          {"ASCII", kAscii},
+    {"UTF-8", CP_UTF8},  {"UTF8", CP_UTF8},           {"GBK", 936},        {"ASCII", kAscii},
     {"US-ASCII", kAscii}, {"ANSI_X3.4-1968", kAscii}, {"UTF-16LE", kWide},
 };
 
@@ -111,8 +111,8 @@ bool Encode(UINT code_page, std::wstring const& wide, std::string* out) {
 
 }  // namespace
 
-// The C locale converts nothing on Windows; its narrow text is what the
-// ANSI code page says.
+// An empty name is the C runtime locale's code page. The "C" locale has none
+// (0): the process's narrow text is then in the ANSI code page.
 std::string ZNRTextCodec::CharsetOfLocale(char const* locale_name) {
     if (locale_name == nullptr || locale_name[0] == '\0') {
         UINT const code_page = ___lc_codepage_func();
