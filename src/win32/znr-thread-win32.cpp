@@ -8,7 +8,6 @@
 #include <memory>
 #include <new>
 #include <process.h>
-#include <string>
 #include <utility>
 
 #include <windows.h>
@@ -90,7 +89,8 @@ std::uint64_t ZNRPlatformThreadCreate(void (*body)(void*), void* arg, int priori
         _beginthreadex(nullptr, 0, &Trampoline, block, CREATE_SUSPENDED, nullptr);
     if (started == 0) {
         delete block;
-        return ZNRSysError(static_cast<int>(_doserrno));
+        // The C runtime's own allocation failures leave no system error.
+        return ZNRSysError(_doserrno != 0 ? static_cast<int>(_doserrno) : ERROR_NOT_ENOUGH_MEMORY);
     }
     created->thread = reinterpret_cast<HANDLE>(started);
     DWORD error = 0;
