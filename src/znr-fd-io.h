@@ -5,7 +5,7 @@
 
 // Plain descriptor calls for the devices that work on any descriptor.
 // Interrupted calls are repeated. Failures return -1 (or the errno value
-// for ZNRFdClose/ZNRFdPipe) with *sys_err set to errno.
+// for ZNRFdClose/ZNRFdPipe) with *sys_err set to errno (on Windows, its error code).
 
 int ZNRFdRead(ZNRNativeHandle fd, unsigned char* buf, int len, int* sys_err);
 // Never raises SIGPIPE: a write to a pipe without reader fails with EPIPE.

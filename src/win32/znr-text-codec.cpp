@@ -1,0 +1,152 @@
+#include "znr-text-codec.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <locale.h>
+
+#include <windows.h>
+
+namespace {
+
+// Code page 1200 is UTF-16LE, which the converters take as their wide side
+// rather than as a code page.
+UINT const kWide = 1200;
+UINT const kAscii = 20127;
+
+struct NamedCodePage {
+    char const* name;
+    UINT code_page;
+};
+
+NamedCodePage const kNames[] = {
+    {"UTF-8", CP_UTF8},  {"UTF8", CP_UTF8},           {"GBK", 936},        {"ASCII", kAscii},
+    {"US-ASCII", kAscii}, {"ANSI_X3.4-1968", kAscii}, {"UTF-16LE", kWide},
+};
+
+bool StartsWithNoCase(char const* text, char const* prefix) {
+    return _strnicmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+// A charset name, "CPnnn", "windows-nnn" or a bare code page number; 0 for
+// a name it does not know.
+UINT CodePageOf(char const* name) {
+    for (NamedCodePage const& entry : kNames)
+        if (_stricmp(name, entry.name) == 0) return entry.code_page;
+    if (StartsWithNoCase(name, "CP")) name += 2;
+    else if (StartsWithNoCase(name, "windows-")) name += 8;
+    if (*name < '1' || *name > '9') return 0;
+    char* end = nullptr;
+    unsigned long const number = std::strtoul(name, &end, 10);
+    return *end == '\0' && number <= 65535 && IsValidCodePage(static_cast<UINT>(number))
+               ? static_cast<UINT>(number)
+               : 0;
+}
+
+// Bytes of the character that starts with lead; 0 when no character does.
+std::size_t CharLength(UINT code_page, unsigned char lead) {
+    if (code_page == kAscii) return lead < 0x80 ? 1 : 0;
+    if (code_page != CP_UTF8) return IsDBCSLeadByteEx(code_page, lead) ? 2 : 1;
+    if (lead < 0x80) return 1;
+    if (lead >= 0xC2 && lead <= 0xDF) return 2;
+    if (lead >= 0xE0 && lead <= 0xEF) return 3;
+    if (lead >= 0xF0 && lead <= 0xF4) return 4;
+    return 0;
+}
+
+// Appends the units of size bytes when all of them are valid text.
+bool DecodeRun(UINT code_page, char const* bytes, std::size_t size, std::wstring* wide) {
+    int const n = MultiByteToWideChar(code_page, MB_ERR_INVALID_CHARS, bytes, static_cast<int>(size),
+                                      nullptr, 0);
+    if (n <= 0) return false;
+    std::size_t const at = wide->size();
+    wide->resize(at + static_cast<std::size_t>(n));
+    MultiByteToWideChar(code_page, MB_ERR_INVALID_CHARS, bytes, static_cast<int>(size), &(*wide)[at], n);
+    return true;
+}
+
+// Appends the bytes of count units when every character maps. Without
+// WC_NO_BEST_FIT_CHARS a legacy code page would silently substitute look-alikes.
+bool EncodeRun(UINT code_page, wchar_t const* units, std::size_t count, std::string* out) {
+    bool const utf8 = code_page == CP_UTF8;
+    DWORD const flags = utf8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS;
+    BOOL used_default = FALSE;
+    BOOL* const used = utf8 ? nullptr : &used_default;
+    int const n = WideCharToMultiByte(code_page, flags, units, static_cast<int>(count), nullptr, 0,
+                                      nullptr, used);
+    if (n <= 0 || used_default) return false;
+    std::size_t const at = out->size();
+    out->resize(at + static_cast<std::size_t>(n));
+    WideCharToMultiByte(code_page, flags, units, static_cast<int>(count), &(*out)[at], n, nullptr, used);
+    return true;
+}
+
+// The Win32 converters take all or nothing; on a fault the text is taken
+// again one character at a time, to keep what came before it as iconv does.
+bool Decode(UINT code_page, char const* bytes, std::size_t size, std::wstring* wide) {
+    // The ASCII code page is not known to refuse high bytes: they are checked here.
+    bool const whole = code_page != kAscii ||
+                       std::none_of(bytes, bytes + size, [](char c) { return (c & 0x80) != 0; });
+    if (size == 0 || (whole && DecodeRun(code_page, bytes, size, wide))) return true;
+    for (std::size_t pos = 0; pos < size;) {
+        std::size_t const length = CharLength(code_page, static_cast<unsigned char>(bytes[pos]));
+        if (length == 0 || length > size - pos || !DecodeRun(code_page, bytes + pos, length, wide))
+            return false;
+        pos += length;
+    }
+    return true;
+}
+
+bool Encode(UINT code_page, std::wstring const& wide, std::string* out) {
+    if (wide.empty() || EncodeRun(code_page, wide.data(), wide.size(), out)) return true;
+    for (std::size_t pos = 0; pos < wide.size();) {
+        std::size_t const length =
+            IS_HIGH_SURROGATE(wide[pos]) && pos + 1 < wide.size() && IS_LOW_SURROGATE(wide[pos + 1]) ? 2 : 1;
+        if (!EncodeRun(code_page, wide.data() + pos, length, out)) return false;
+        pos += length;
+    }
+    return true;
+}
+
+}  // namespace
+
+// An empty name is the C runtime locale's code page. The "C" locale has none
+// (0): the process's narrow text is then in the ANSI code page.
+std::string ZNRTextCodec::CharsetOfLocale(char const* locale_name) {
+    if (locale_name == nullptr || locale_name[0] == '\0') {
+        UINT const code_page = ___lc_codepage_func();
+        return "CP" + std::to_string(code_page != 0 ? code_page : GetACP());
+    }
+    if (std::strcmp(locale_name, "chs") == 0) return "GBK";
+    if (std::strcmp(locale_name, "C") == 0 || std::strcmp(locale_name, "POSIX") == 0) return "ASCII";
+    std::string name(locale_name);
+    std::string::size_type dot = name.find('.');
+    if (dot == std::string::npos) return name;
+    std::string codeset = name.substr(dot + 1);
+    std::string::size_type at = codeset.find('@');
+    if (at != std::string::npos) codeset.erase(at);
+    return codeset;
+}
+
+char const* ZNRTextCodec::Utf16Charset() { return "UTF-16LE"; }
+
+bool ZNRTextCodec::Convert(char const* from, char const* to, void const* in,
+                           std::size_t in_size, std::string* out) {
+    UINT const from_page = CodePageOf(from);
+    UINT const to_page = CodePageOf(to);
+    if (from_page == 0 || to_page == 0 || in_size > INT_MAX) return false;
+    char const* bytes = static_cast<char const*>(in);
+    std::wstring wide;
+    bool ok;
+    if (from_page == kWide) {
+        wide.resize(in_size / sizeof(wchar_t));
+        if (!wide.empty()) std::memcpy(&wide[0], bytes, wide.size() * sizeof(wchar_t));
+        ok = in_size % sizeof(wchar_t) == 0;
+    } else {
+        ok = Decode(from_page, bytes, in_size, &wide);
+    }
+    if (to_page != kWide) return Encode(to_page, wide, out) && ok;
+    out->append(reinterpret_cast<char const*>(wide.data()), wide.size() * sizeof(wchar_t));
+    return ok;
+}
