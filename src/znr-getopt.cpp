@@ -5,6 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+// Defined here too, so that the DLL exports them: a Windows program that
+// binds one to a reference imports it.
+constexpr unsigned int ZNRGetopt::npos;
+
 ZNRGetopt::ZNRGetopt() : permute_(true) {}
 
 ZNRGetopt::~ZNRGetopt() {}

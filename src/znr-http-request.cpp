@@ -7,6 +7,10 @@
 #include <algorithm>
 #include <cstring>
 
+// Defined here too, so that the DLL exports it: a Windows program that
+// binds it to a reference imports it.
+constexpr std::int64_t ZNRHttpCookie::NO_EXPIRY;
+
 namespace {
 
 std::uint64_t const kUnixEpochTick = 11644473600000ULL;  // 1970 in ZNRGetSysTick's count

@@ -8,6 +8,16 @@
 #include <ctime>
 #include <optional>
 
+// Defined here too, so that the DLL exports them: a Windows program that
+// binds one to a reference imports it.
+constexpr unsigned char ZNRLogger::LOGL_ALERT;
+constexpr unsigned char ZNRLogger::LOGL_ERROR;
+constexpr unsigned char ZNRLogger::LOGL_WARNING;
+constexpr unsigned char ZNRLogger::LOGL_INFO;
+constexpr unsigned char ZNRLogger::LOGL_DEBUG;
+constexpr unsigned char ZNRLogger::LOGL_FATAL;
+constexpr unsigned char ZNRLogger::LOGL_NOTICE;
+
 template class ZNRSingleton<ZNRLogger>;
 
 namespace {

@@ -11,6 +11,10 @@
 #include <mutex>
 #include <type_traits>
 
+// Defined here too, so that the DLL exports them: a Windows program that
+// binds one to a reference imports it.
+constexpr ZNRString::size_type ZNRString::npos;
+
 namespace {
 
 char const kDefaultLocaleName[] = "chs";

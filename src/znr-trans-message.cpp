@@ -7,6 +7,14 @@
 #include <atomic>
 #include <memory>
 
+// Defined here too, so that the DLL exports them: a Windows program that
+// binds one to a reference imports it.
+constexpr unsigned short ZNRTransMessage::COMPRESS_FLAG_NONE;
+constexpr unsigned short ZNRTransMessage::COMPRESS_FLAG_GZIP;
+constexpr unsigned int ZNRTransMessage::HEADER_SIZE;
+constexpr unsigned int ZNRTransMessage::MAX_LENGTH;
+constexpr unsigned int ZNRTransMessage::DEFAULT_MAX_INFLATE_SIZE;
+
 namespace {
 
 std::atomic<unsigned int> g_default_max_inflate_size{ZNRTransMessage::DEFAULT_MAX_INFLATE_SIZE};

@@ -213,6 +213,10 @@ char const* ZNRCrtErrorName(int err) {
 
 #undef ZNR_NAME_CASE
 
+// Winsock's non-blocking connect says WSAEWOULDBLOCK; the socket layer
+// reports it as WSAEINPROGRESS, the name portable code asks about.
+bool ZNRPlatformIsInProgress(std::uint64_t code) { return code == ZNRSysError(WSAEINPROGRESS); }
+
 bool ZNRPlatformIsShortage(std::uint64_t code) {
     if ((code >> 32) != (ZNR_ERROR_KIND_SYS >> 32)) return false;
     switch (static_cast<DWORD>(code & 0xFFFFFFFFu)) {
