@@ -19,14 +19,6 @@
 
 namespace {
 
-sockaddr* NewAddrBuffer(unsigned int len) {
-    auto* p = new unsigned char[len];
-    std::memset(p, 0, len);
-    return reinterpret_cast<sockaddr*>(p);
-}
-
-void FreeAddrBuffer(sockaddr* addr) { delete[] reinterpret_cast<unsigned char*>(addr); }
-
 // Resolver failures have no errno of their own; each is given the nearest
 // one so that the code reads sensibly through ZNRGetErrorMsg.
 std::uint64_t ResolverError(int rc) {
@@ -140,86 +132,6 @@ bool BadLength(unsigned char const* buf, int len, std::uint64_t* err) {
 
 // ---------------------------------------------------------------- addresses
 
-ZNRNetAddrInfo::ZNRNetAddrInfo(Type_t type) : addr_(nullptr), addr_len_(0), type_(TYPE_IPV4) {
-    if (type == TYPE_IPV6) {
-        type_ = TYPE_IPV6;
-        addr_len_ = sizeof(sockaddr_in6);
-        addr_ = NewAddrBuffer(addr_len_);
-        addr_->sa_family = AF_INET6;
-    } else {
-        addr_len_ = sizeof(sockaddr_in);
-        addr_ = NewAddrBuffer(addr_len_);
-        addr_->sa_family = AF_INET;
-    }
-}
-
-ZNRNetAddrInfo::ZNRNetAddrInfo(ZNRNetAddrInfo const& other)
-    : addr_(nullptr), addr_len_(0), type_(other.type_), addr_str_(other.addr_str_),
-      port_str_(other.port_str_) {
-    if (other.addr_ != nullptr) {
-        addr_ = NewAddrBuffer(other.addr_len_);
-        std::memcpy(addr_, other.addr_, other.addr_len_);
-        addr_len_ = other.addr_len_;
-    }
-}
-
-ZNRNetAddrInfo& ZNRNetAddrInfo::operator=(ZNRNetAddrInfo const& other) {
-    if (this == &other) return *this;
-    FreeAddrBuffer(addr_);
-    addr_ = nullptr;
-    addr_len_ = 0;
-    addr_str_.clear();
-    port_str_.clear();
-    if (other.addr_ == nullptr) return *this;
-    addr_ = NewAddrBuffer(other.addr_len_);
-    std::memcpy(addr_, other.addr_, other.addr_len_);
-    addr_len_ = other.addr_len_;
-    type_ = other.type_;
-    addr_str_ = other.addr_str_;
-    port_str_ = other.port_str_;
-    return *this;
-}
-
-ZNRNetAddrInfo::~ZNRNetAddrInfo() { FreeAddrBuffer(addr_); }
-
-std::uint64_t ZNRNetAddrInfo::Open(ZNRString const& port, ZNRString const& ip) {
-    unsigned short port_num = 0;
-    if (!ZNRStrToUInt16(port, &port_num)) return EINVAL;
-    unsigned int ip_num = 0;
-    StrAddrToNet(ip, &ip_num);
-    if (addr_ == nullptr || addr_len_ < sizeof(sockaddr_in)) {
-        FreeAddrBuffer(addr_);
-        addr_ = NewAddrBuffer(sizeof(sockaddr_in));
-    }
-    sockaddr_in sin;
-    std::memset(&sin, 0, sizeof(sin));
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(port_num);
-    sin.sin_addr.s_addr = ip_num;
-    std::memset(addr_, 0, addr_len_ > sizeof(sin) ? addr_len_ : sizeof(sin));
-    std::memcpy(addr_, &sin, sizeof(sin));
-    type_ = TYPE_IPV4;
-    addr_len_ = sizeof(sockaddr_in);
-    addr_str_ = ip;
-    port_str_ = port;
-    return 0;
-}
-
-std::uint64_t ZNRNetAddrInfo::Open() { return InnerOpenAddr(addr_, addr_len_); }
-
-std::uint64_t ZNRNetAddrInfo::Open(sockaddr const* sa, unsigned int len) {
-    std::uint64_t const rc = InnerOpenAddr(sa, len);
-    if (rc != 0) return rc;
-    sockaddr* copy = NewAddrBuffer(len);
-    std::memcpy(copy, sa, len);
-    FreeAddrBuffer(addr_);
-    addr_ = copy;
-    addr_len_ = len;
-    return 0;
-}
-
-std::uint64_t ZNRNetAddrInfo::Reopen() { return InnerOpenAddr(addr_, addr_len_); }
-
 std::uint64_t ZNRNetAddrInfo::InnerOpenAddr(sockaddr const* sa, unsigned int len) {
     if (sa == nullptr) return ZNRSysError(EINVAL);
     // The resolver also names local-socket addresses; only IP ones are ours.
@@ -268,36 +180,6 @@ std::uint64_t ZNRNetAddrInfo::GetLocalAddrs(std::map<ZNRString, unsigned int>* o
 }
 
 // ---------------------------------------------------------------- host info
-
-ZNRHostInfo::ZNRHostInfo() {}
-
-ZNRHostInfo::ZNRHostInfo(ZNRHostInfo const& other)
-    : host_(other.host_), service_(other.service_) {
-    CopyAddrs(other);
-}
-
-ZNRHostInfo& ZNRHostInfo::operator=(ZNRHostInfo const& other) {
-    if (this == &other) return *this;
-    Clear();
-    host_ = other.host_;
-    service_ = other.service_;
-    CopyAddrs(other);
-    return *this;
-}
-
-ZNRHostInfo::~ZNRHostInfo() { Clear(); }
-
-void ZNRHostInfo::Clear() {
-    for (ZNRNetAddrInfo* addr : *addr_infos_) delete addr;
-    addr_infos_->clear();
-}
-
-void ZNRHostInfo::CopyAddrs(ZNRHostInfo const& other) {
-    addr_infos_->reserve(other.addr_infos_->size());
-    for (ZNRNetAddrInfo const* addr : *other.addr_infos_) {
-        addr_infos_->push_back(new ZNRNetAddrInfo(*addr));
-    }
-}
 
 std::uint64_t ZNRHostInfo::Open(ZNRString const& host, ZNRString const& service, bool ipv6) {
     Clear();
