@@ -12,4 +12,15 @@
 #include <sys/socket.h>
 #endif
 
+#include <plexa/znr-native-handle.h>
+
+#include <cstdint>
+
+// Socket-level options (SO_*): 0 or the system's error.
+std::uint64_t ZNRSocketSetInt(ZNRNativeHandle fd, int name, int value);
+std::uint64_t ZNRSocketGetInt(ZNRNativeHandle fd, int name, long* out);
+// Time-outs in milliseconds, whatever form the system keeps them in.
+std::uint64_t ZNRSocketSetTime(ZNRNativeHandle fd, int name, unsigned int ms);
+std::uint64_t ZNRSocketGetTime(ZNRNativeHandle fd, int name, unsigned int* ms);
+
 #endif

@@ -135,3 +135,43 @@ void ZNRHostInfo::CopyAddrs(ZNRHostInfo const& other) {
         addr_infos_->push_back(new ZNRNetAddrInfo(*addr));
     }
 }
+
+// Without a socket type the resolver repeats each address once per socket
+// type; the list keeps each address once.
+std::uint64_t ZNRHostInfo::AddResolved(sockaddr const* sa, unsigned int len, bool ipv6) {
+    for (ZNRNetAddrInfo const* known : *addr_infos_) {
+        if (known->GetAddrLen() == len && std::memcmp(known->GetAddr(), sa, len) == 0) return 0;
+    }
+    auto* addr = new ZNRNetAddrInfo(ipv6 ? ZNRNetAddrInfo::TYPE_IPV6 : ZNRNetAddrInfo::TYPE_IPV4);
+    std::uint64_t const code = addr->Open(sa, len);
+    if (code != 0) {
+        delete addr;
+        return code;
+    }
+    addr_infos_->push_back(addr);
+    return 0;
+}
+
+// ---------------------------------------------------------------- socket options
+
+std::uint64_t ZNRSocket::ReuseAddress(bool on) { return ZNRSocketSetInt(fd_, SO_REUSEADDR, on ? 1 : 0); }
+
+std::uint64_t ZNRSocket::GetSendBufferSize(long* size) { return ZNRSocketGetInt(fd_, SO_SNDBUF, size); }
+
+std::uint64_t ZNRSocket::SetSendBufferSize(long size) {
+    return ZNRSocketSetInt(fd_, SO_SNDBUF, static_cast<int>(size));
+}
+
+std::uint64_t ZNRSocket::GetRecvBufferSize(long* size) { return ZNRSocketGetInt(fd_, SO_RCVBUF, size); }
+
+std::uint64_t ZNRSocket::SetRecvBufferSize(long size) {
+    return ZNRSocketSetInt(fd_, SO_RCVBUF, static_cast<int>(size));
+}
+
+std::uint64_t ZNRSocket::SetRecvTimeout(unsigned int ms) { return ZNRSocketSetTime(fd_, SO_RCVTIMEO, ms); }
+
+std::uint64_t ZNRSocket::GetRecvTimeout(unsigned int* ms) { return ZNRSocketGetTime(fd_, SO_RCVTIMEO, ms); }
+
+std::uint64_t ZNRSocket::SetSendTimeout(unsigned int ms) { return ZNRSocketSetTime(fd_, SO_SNDTIMEO, ms); }
+
+std::uint64_t ZNRSocket::GetSendTimeout(unsigned int* ms) { return ZNRSocketGetTime(fd_, SO_SNDTIMEO, ms); }

@@ -110,6 +110,8 @@ public:
 private:
     void Clear();
     void CopyAddrs(ZNRHostInfo const& other);
+    // Adds an address the resolver gave, unless the list has it already.
+    std::uint64_t AddResolved(sockaddr const* sa, unsigned int len, bool ipv6);
 
     ZNRString host_;
     ZNRString service_;

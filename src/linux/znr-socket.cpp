@@ -2,6 +2,8 @@
 #include <plexa/znr-socket.h>
 #include <plexa/znr-utils.h>
 
+#include "znr-socket-platform.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -62,37 +64,6 @@ bool ValidType(ZNRSocket::Type_t type) {
     return static_cast<unsigned int>(type) <= ZNRSocket::TYPE_UDP_V6;
 }
 
-std::uint64_t SetIntOption(int fd, int name, int value) {
-    if (setsockopt(fd, SOL_SOCKET, name, &value, sizeof(value)) != 0) return LastSysError();
-    return 0;
-}
-
-std::uint64_t GetIntOption(int fd, int name, long* out) {
-    int value = 0;
-    socklen_t len = sizeof(value);
-    if (getsockopt(fd, SOL_SOCKET, name, &value, &len) != 0) return LastSysError();
-    if (out != nullptr) *out = value;
-    return 0;
-}
-
-std::uint64_t SetTimeOption(int fd, int name, unsigned int ms) {
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(ms / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
-    if (setsockopt(fd, SOL_SOCKET, name, &tv, sizeof(tv)) != 0) return LastSysError();
-    return 0;
-}
-
-std::uint64_t GetTimeOption(int fd, int name, unsigned int* ms) {
-    timeval tv{};
-    socklen_t len = sizeof(tv);
-    if (getsockopt(fd, SOL_SOCKET, name, &tv, &len) != 0) return LastSysError();
-    if (ms != nullptr) {
-        *ms = static_cast<unsigned int>(tv.tv_sec * 1000 + tv.tv_usec / 1000);
-    }
-    return 0;
-}
-
 bool IsTcp(ZNRSocket::Type_t type) {
     return type == ZNRSocket::TYPE_TCP_V4 || type == ZNRSocket::TYPE_TCP_V6;
 }
@@ -100,7 +71,7 @@ bool IsTcp(ZNRSocket::Type_t type) {
 // Urgent data stays in the stream, where reads find it in order, instead
 // of being skipped. Best effort: without it only that one byte is lost.
 void UrgentInline(int fd, ZNRSocket::Type_t type) {
-    if (IsTcp(type)) SetIntOption(fd, SO_OOBINLINE, 1);
+    if (IsTcp(type)) ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
 }
 
 // Shared tail of Recv and RecvFrom: n is the system call's result.
@@ -129,6 +100,37 @@ bool BadLength(unsigned char const* buf, int len, std::uint64_t* err) {
 }
 
 } // namespace
+
+std::uint64_t ZNRSocketSetInt(int fd, int name, int value) {
+    if (setsockopt(fd, SOL_SOCKET, name, &value, sizeof(value)) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocketGetInt(int fd, int name, long* out) {
+    int value = 0;
+    socklen_t len = sizeof(value);
+    if (getsockopt(fd, SOL_SOCKET, name, &value, &len) != 0) return LastSysError();
+    if (out != nullptr) *out = value;
+    return 0;
+}
+
+std::uint64_t ZNRSocketSetTime(int fd, int name, unsigned int ms) {
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(ms / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+    if (setsockopt(fd, SOL_SOCKET, name, &tv, sizeof(tv)) != 0) return LastSysError();
+    return 0;
+}
+
+std::uint64_t ZNRSocketGetTime(int fd, int name, unsigned int* ms) {
+    timeval tv{};
+    socklen_t len = sizeof(tv);
+    if (getsockopt(fd, SOL_SOCKET, name, &tv, &len) != 0) return LastSysError();
+    if (ms != nullptr) {
+        *ms = static_cast<unsigned int>(tv.tv_sec * 1000 + tv.tv_usec / 1000);
+    }
+    return 0;
+}
 
 // ---------------------------------------------------------------- addresses
 
@@ -193,27 +195,9 @@ std::uint64_t ZNRHostInfo::Open(ZNRString const& host, ZNRString const& service,
     int const rc = getaddrinfo(host.empty() ? nullptr : host_text.c_str(),
                                service.empty() ? nullptr : service_text.c_str(), &hints, &result);
     if (rc != 0) return ResolverError(rc);
-    // Without a socket type the resolver repeats each address once per
-    // socket type; the list keeps each address once.
     std::uint64_t code = 0;
-    for (addrinfo* p = result; p != nullptr; p = p->ai_next) {
-        unsigned int const len = static_cast<unsigned int>(p->ai_addrlen);
-        bool duplicate = false;
-        for (ZNRNetAddrInfo const* known : *addr_infos_) {
-            if (known->GetAddrLen() == len && std::memcmp(known->GetAddr(), p->ai_addr, len) == 0) {
-                duplicate = true;
-                break;
-            }
-        }
-        if (duplicate) continue;
-        auto* addr = new ZNRNetAddrInfo(p->ai_family == AF_INET6 ? ZNRNetAddrInfo::TYPE_IPV6
-                                                                 : ZNRNetAddrInfo::TYPE_IPV4);
-        code = addr->Open(p->ai_addr, len);
-        if (code != 0) {
-            delete addr;
-            break;
-        }
-        addr_infos_->push_back(addr);
+    for (addrinfo* p = result; p != nullptr && code == 0; p = p->ai_next) {
+        code = AddResolved(p->ai_addr, static_cast<unsigned int>(p->ai_addrlen), p->ai_family == AF_INET6);
     }
     freeaddrinfo(result);
     if (code != 0) return code;
@@ -391,28 +375,6 @@ std::uint64_t ZNRSocket::NonBlock(bool on) {
     if (::ioctl(fd_, FIONBIO, &value) != 0) return LastSysError();
     return 0;
 }
-
-std::uint64_t ZNRSocket::ReuseAddress(bool on) { return SetIntOption(fd_, SO_REUSEADDR, on ? 1 : 0); }
-
-std::uint64_t ZNRSocket::GetSendBufferSize(long* size) { return GetIntOption(fd_, SO_SNDBUF, size); }
-
-std::uint64_t ZNRSocket::SetSendBufferSize(long size) {
-    return SetIntOption(fd_, SO_SNDBUF, static_cast<int>(size));
-}
-
-std::uint64_t ZNRSocket::GetRecvBufferSize(long* size) { return GetIntOption(fd_, SO_RCVBUF, size); }
-
-std::uint64_t ZNRSocket::SetRecvBufferSize(long size) {
-    return SetIntOption(fd_, SO_RCVBUF, static_cast<int>(size));
-}
-
-std::uint64_t ZNRSocket::SetRecvTimeout(unsigned int ms) { return SetTimeOption(fd_, SO_RCVTIMEO, ms); }
-
-std::uint64_t ZNRSocket::GetRecvTimeout(unsigned int* ms) { return GetTimeOption(fd_, SO_RCVTIMEO, ms); }
-
-std::uint64_t ZNRSocket::SetSendTimeout(unsigned int ms) { return SetTimeOption(fd_, SO_SNDTIMEO, ms); }
-
-std::uint64_t ZNRSocket::GetSendTimeout(unsigned int* ms) { return GetTimeOption(fd_, SO_SNDTIMEO, ms); }
 
 std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
     int value = 0;

@@ -2,6 +2,8 @@
 #include <plexa/znr-socket.h>
 #include <plexa/znr-utils.h>
 
+#include "znr-socket-platform.h"
+
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <iphlpapi.h>
@@ -48,44 +50,7 @@ bool ValidType(ZNRSocket::Type_t type) {
     return static_cast<unsigned int>(type) <= ZNRSocket::TYPE_UDP_V6;
 }
 
-std::uint64_t SetIntOption(ZNRNativeHandle fd, int name, int value) {
-    if (setsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char const*>(&value),
-                   sizeof(value)) != 0) {
-        return LastSysError();
-    }
-    return 0;
-}
-
-std::uint64_t GetIntOption(ZNRNativeHandle fd, int name, long* out) {
-    int value = 0;
-    int len = sizeof(value);
-    if (getsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char*>(&value), &len) != 0) {
-        return LastSysError();
-    }
-    if (out != nullptr) *out = value;
-    return 0;
-}
-
 // Winsock takes both timeouts as a DWORD of milliseconds.
-std::uint64_t SetTimeOption(ZNRNativeHandle fd, int name, unsigned int ms) {
-    DWORD value = ms;
-    if (setsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char const*>(&value),
-                   sizeof(value)) != 0) {
-        return LastSysError();
-    }
-    return 0;
-}
-
-std::uint64_t GetTimeOption(ZNRNativeHandle fd, int name, unsigned int* ms) {
-    DWORD value = 0;
-    int len = sizeof(value);
-    if (getsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char*>(&value), &len) != 0) {
-        return LastSysError();
-    }
-    if (ms != nullptr) *ms = static_cast<unsigned int>(value);
-    return 0;
-}
-
 bool IsTcp(ZNRSocket::Type_t type) {
     return type == ZNRSocket::TYPE_TCP_V4 || type == ZNRSocket::TYPE_TCP_V6;
 }
@@ -96,7 +61,7 @@ bool IsTcp(ZNRSocket::Type_t type) {
 // closed port; Linux reports nothing on an unconnected socket.
 void Tune(ZNRNativeHandle fd, ZNRSocket::Type_t type) {
     if (IsTcp(type)) {
-        SetIntOption(fd, SO_OOBINLINE, 1);
+        ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
         return;
     }
     BOOL report = FALSE;
@@ -136,6 +101,43 @@ bool BadLength(unsigned char const* buf, int len, std::uint64_t* err) {
 }
 
 } // namespace
+
+std::uint64_t ZNRSocketSetInt(ZNRNativeHandle fd, int name, int value) {
+    if (setsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char const*>(&value),
+                   sizeof(value)) != 0) {
+        return LastSysError();
+    }
+    return 0;
+}
+
+std::uint64_t ZNRSocketGetInt(ZNRNativeHandle fd, int name, long* out) {
+    int value = 0;
+    int len = sizeof(value);
+    if (getsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char*>(&value), &len) != 0) {
+        return LastSysError();
+    }
+    if (out != nullptr) *out = value;
+    return 0;
+}
+
+std::uint64_t ZNRSocketSetTime(ZNRNativeHandle fd, int name, unsigned int ms) {
+    DWORD value = ms;
+    if (setsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char const*>(&value),
+                   sizeof(value)) != 0) {
+        return LastSysError();
+    }
+    return 0;
+}
+
+std::uint64_t ZNRSocketGetTime(ZNRNativeHandle fd, int name, unsigned int* ms) {
+    DWORD value = 0;
+    int len = sizeof(value);
+    if (getsockopt(Sock(fd), SOL_SOCKET, name, reinterpret_cast<char*>(&value), &len) != 0) {
+        return LastSysError();
+    }
+    if (ms != nullptr) *ms = static_cast<unsigned int>(value);
+    return 0;
+}
 
 // ---------------------------------------------------------------- addresses
 
@@ -214,27 +216,9 @@ std::uint64_t ZNRHostInfo::Open(ZNRString const& host, ZNRString const& service,
         service.empty() ? nullptr : reinterpret_cast<wchar_t const*>(service_text.c_str()), &hints,
         &result);
     if (rc != 0) return ZNRSysError(rc);
-    // Without a socket type the resolver repeats each address once per
-    // socket type; the list keeps each address once.
     std::uint64_t code = 0;
-    for (ADDRINFOW* p = result; p != nullptr; p = p->ai_next) {
-        unsigned int const len = static_cast<unsigned int>(p->ai_addrlen);
-        bool duplicate = false;
-        for (ZNRNetAddrInfo const* known : *addr_infos_) {
-            if (known->GetAddrLen() == len && std::memcmp(known->GetAddr(), p->ai_addr, len) == 0) {
-                duplicate = true;
-                break;
-            }
-        }
-        if (duplicate) continue;
-        auto* addr = new ZNRNetAddrInfo(p->ai_family == AF_INET6 ? ZNRNetAddrInfo::TYPE_IPV6
-                                                                 : ZNRNetAddrInfo::TYPE_IPV4);
-        code = addr->Open(p->ai_addr, len);
-        if (code != 0) {
-            delete addr;
-            break;
-        }
-        addr_infos_->push_back(addr);
+    for (ADDRINFOW* p = result; p != nullptr && code == 0; p = p->ai_next) {
+        code = AddResolved(p->ai_addr, static_cast<unsigned int>(p->ai_addrlen), p->ai_family == AF_INET6);
     }
     FreeAddrInfoW(result);
     if (code != 0) return code;
@@ -410,31 +394,9 @@ std::uint64_t ZNRSocket::NonBlock(bool on) {
     return 0;
 }
 
-std::uint64_t ZNRSocket::ReuseAddress(bool on) { return SetIntOption(fd_, SO_REUSEADDR, on ? 1 : 0); }
-
-std::uint64_t ZNRSocket::GetSendBufferSize(long* size) { return GetIntOption(fd_, SO_SNDBUF, size); }
-
-std::uint64_t ZNRSocket::SetSendBufferSize(long size) {
-    return SetIntOption(fd_, SO_SNDBUF, static_cast<int>(size));
-}
-
-std::uint64_t ZNRSocket::GetRecvBufferSize(long* size) { return GetIntOption(fd_, SO_RCVBUF, size); }
-
-std::uint64_t ZNRSocket::SetRecvBufferSize(long size) {
-    return SetIntOption(fd_, SO_RCVBUF, static_cast<int>(size));
-}
-
-std::uint64_t ZNRSocket::SetRecvTimeout(unsigned int ms) { return SetTimeOption(fd_, SO_RCVTIMEO, ms); }
-
-std::uint64_t ZNRSocket::GetRecvTimeout(unsigned int* ms) { return GetTimeOption(fd_, SO_RCVTIMEO, ms); }
-
-std::uint64_t ZNRSocket::SetSendTimeout(unsigned int ms) { return SetTimeOption(fd_, SO_SNDTIMEO, ms); }
-
-std::uint64_t ZNRSocket::GetSendTimeout(unsigned int* ms) { return GetTimeOption(fd_, SO_SNDTIMEO, ms); }
-
 std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
     long value = 0;
-    std::uint64_t const rc = GetIntOption(fd_, SO_ERROR, &value);
+    std::uint64_t const rc = ZNRSocketGetInt(fd_, SO_ERROR, &value);
     if (rc != 0) return rc;
     StoreError(err, ZNRSysError(static_cast<int>(value)));
     return 0;
