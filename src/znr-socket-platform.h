@@ -16,6 +16,23 @@
 
 #include <cstdint>
 
+// What each ZNRSocket type is made of, and the size of its address; null
+// for a value that names none of them.
+struct ZNRSocketKind {
+    int family;
+    int type;
+    int protocol;
+    unsigned int addr_len;
+};
+ZNRSocketKind const* ZNRSocketKindOf(int type);
+bool ZNRSocketIsTcp(int type);
+
+// *err = code where err is given.
+void ZNRStoreError(std::uint64_t* err, std::uint64_t code);
+// A transfer's buffer it refuses (negative length, or none for bytes):
+// true with *err = EINVAL.
+bool ZNRSocketBadLength(unsigned char const* buf, int len, std::uint64_t* err);
+
 // Socket-level options (SO_*): 0 or the system's error.
 std::uint64_t ZNRSocketSetInt(ZNRNativeHandle fd, int name, int value);
 std::uint64_t ZNRSocketGetInt(ZNRNativeHandle fd, int name, long* out);

@@ -22,6 +22,28 @@ void FreeAddrBuffer(sockaddr* addr) { delete[] reinterpret_cast<unsigned char*>(
 
 }  // namespace
 
+ZNRSocketKind const* ZNRSocketKindOf(int type) {
+    static ZNRSocketKind const kinds[] = {
+        {AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in)},
+        {AF_INET6, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in6)},
+        {AF_INET, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in)},
+        {AF_INET6, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in6)},
+    };
+    return type >= ZNRSocket::TYPE_TCP_V4 && type <= ZNRSocket::TYPE_UDP_V6 ? &kinds[type] : nullptr;
+}
+
+bool ZNRSocketIsTcp(int type) { return type == ZNRSocket::TYPE_TCP_V4 || type == ZNRSocket::TYPE_TCP_V6; }
+
+void ZNRStoreError(std::uint64_t* err, std::uint64_t code) {
+    if (err != nullptr) *err = code;
+}
+
+bool ZNRSocketBadLength(unsigned char const* buf, int len, std::uint64_t* err) {
+    if (len >= 0 && (buf != nullptr || len == 0)) return false;
+    ZNRStoreError(err, EINVAL);
+    return true;
+}
+
 // ---------------------------------------------------------------- addresses
 
 ZNRNetAddrInfo::ZNRNetAddrInfo(Type_t type) : addr_(nullptr), addr_len_(0), type_(TYPE_IPV4) {

@@ -42,61 +42,29 @@ std::uint64_t ResolverError(int rc) {
 
 std::uint64_t LastSysError() { return ZNRSysError(errno); }
 
-void StoreError(std::uint64_t* err, std::uint64_t code) {
-    if (err != nullptr) *err = code;
-}
-
-struct SocketKind {
-    int family;
-    int type;
-    int protocol;
-    unsigned int addr_len;
-};
-
-SocketKind const kSocketKinds[] = {
-    {AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in)},
-    {AF_INET6, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in6)},
-    {AF_INET, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in)},
-    {AF_INET6, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in6)},
-};
-
-bool ValidType(ZNRSocket::Type_t type) {
-    return static_cast<unsigned int>(type) <= ZNRSocket::TYPE_UDP_V6;
-}
-
-bool IsTcp(ZNRSocket::Type_t type) {
-    return type == ZNRSocket::TYPE_TCP_V4 || type == ZNRSocket::TYPE_TCP_V6;
-}
-
 // Urgent data stays in the stream, where reads find it in order, instead
 // of being skipped. Best effort: without it only that one byte is lost.
 void UrgentInline(int fd, ZNRSocket::Type_t type) {
-    if (IsTcp(type)) ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
+    if (ZNRSocketIsTcp(type)) ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
 }
 
 // Shared tail of Recv and RecvFrom: n is the system call's result.
 int RecvResult(ssize_t n, std::uint64_t* err) {
     if (n > 0) return static_cast<int>(n);
     if (n == 0) {
-        StoreError(err, ZNR_ERROR_END_OF_STREAM);
+        ZNRStoreError(err, ZNR_ERROR_END_OF_STREAM);
         return -1;
     }
     if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
-    StoreError(err, static_cast<std::uint32_t>(errno));
+    ZNRStoreError(err, static_cast<std::uint32_t>(errno));
     return -1;
 }
 
 int SendResult(ssize_t n, std::uint64_t* err) {
     if (n >= 0) return static_cast<int>(n);
     if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
-    StoreError(err, static_cast<std::uint32_t>(errno));
+    ZNRStoreError(err, static_cast<std::uint32_t>(errno));
     return -1;
-}
-
-bool BadLength(unsigned char const* buf, int len, std::uint64_t* err) {
-    if (len >= 0 && (buf != nullptr || len == 0)) return false;
-    StoreError(err, EINVAL);
-    return true;
 }
 
 } // namespace
@@ -215,7 +183,7 @@ ZNRSocket::~ZNRSocket() {
 }
 
 std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
-    if (!ValidType(type)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
     if (fd >= 0) UrgentInline(fd, type);
     type_ = type;
     fd_ = fd;
@@ -225,8 +193,8 @@ std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
 std::uint64_t ZNRSocket::Open(Type_t type) { return Create(type, false); }
 
 std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
-    if (!ValidType(type)) return ZNR_ERROR_BAD_SOCKET_TYPE;
-    SocketKind const& kind = kSocketKinds[type];
+    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    ZNRSocketKind const& kind = *ZNRSocketKindOf(type);
     int const flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
     int const fd = ::socket(kind.family, kind.type | flags, kind.protocol);
     if (fd < 0) return LastSysError();
@@ -254,8 +222,8 @@ std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
     socklen_t len = 0;
     socklen_t peer_len = 0;
     if (peer != nullptr) {
-        if (!IsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
-        peer_len = kSocketKinds[type_].addr_len;
+        if (!ZNRSocketIsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+        peer_len = ZNRSocketKindOf(type_)->addr_len;
         len = peer_len;
         sa = reinterpret_cast<sockaddr*>(&storage);
     }
@@ -289,7 +257,7 @@ std::uint64_t ZNRSocket::Connect(ZNRNetAddrInfo const* addr) {
 }
 
 int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     // A zero-byte read would look like the peer's shutdown.
     if (len == 0) return 0;
     ssize_t n;
@@ -300,17 +268,17 @@ int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
 }
 
 int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetAddrInfo* from) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     sockaddr_storage storage;
     sockaddr* sa = nullptr;
     socklen_t from_len = 0;
     socklen_t len_in = 0;
     if (from != nullptr) {
-        if (!ValidType(type_)) {
-            StoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
+        if (ZNRSocketKindOf(type_) == nullptr) {
+            ZNRStoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
             return -1;
         }
-        from_len = kSocketKinds[type_].addr_len;
+        from_len = ZNRSocketKindOf(type_)->addr_len;
         len_in = from_len;
         sa = reinterpret_cast<sockaddr*>(&storage);
     }
@@ -322,7 +290,7 @@ int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetA
     if (result > 0 && from != nullptr) {
         std::uint64_t const rc = from->Open(sa, std::min(len_in, from_len));
         if (rc != 0) {
-            StoreError(err, rc);
+            ZNRStoreError(err, rc);
             return -1;
         }
     }
@@ -330,7 +298,7 @@ int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetA
 }
 
 int ZNRSocket::Send(unsigned char const* buf, int len, std::uint64_t* err) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     ssize_t n;
     do {
         n = ::send(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
@@ -340,7 +308,7 @@ int ZNRSocket::Send(unsigned char const* buf, int len, std::uint64_t* err) {
 
 int ZNRSocket::SendTo(unsigned char const* buf, int len, std::uint64_t* err,
                       ZNRNetAddrInfo const* to) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     sockaddr const* sa = to != nullptr ? to->GetAddr() : nullptr;
     socklen_t const sa_len = sa != nullptr ? to->GetAddrLen() : 0;
     ssize_t n;
@@ -380,15 +348,15 @@ std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
     int value = 0;
     socklen_t len = sizeof(value);
     if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &value, &len) != 0) return LastSysError();
-    StoreError(err, ZNRSysError(value));
+    ZNRStoreError(err, ZNRSysError(value));
     return 0;
 }
 
 std::uint64_t ZNRSocket::GetLocalInfo(ZNRNetAddrInfo* addr) {
-    if (!ValidType(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    if (ZNRSocketKindOf(type_) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
     if (addr == nullptr) return ZNRSysError(EINVAL);
     sockaddr_storage storage;
-    socklen_t const want = kSocketKinds[type_].addr_len;
+    socklen_t const want = ZNRSocketKindOf(type_)->addr_len;
     socklen_t len = want;
     auto* sa = reinterpret_cast<sockaddr*>(&storage);
     if (::getsockname(fd_, sa, &len) != 0) return LastSysError();

@@ -28,39 +28,12 @@ ZNRNativeHandle Handle(SOCKET s) { return reinterpret_cast<ZNRNativeHandle>(s); 
 
 std::uint64_t LastSysError() { return ZNRSysError(WSAGetLastError()); }
 
-void StoreError(std::uint64_t* err, std::uint64_t code) {
-    if (err != nullptr) *err = code;
-}
-
-struct SocketKind {
-    int family;
-    int type;
-    int protocol;
-    unsigned int addr_len;
-};
-
-SocketKind const kSocketKinds[] = {
-    {AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in)},
-    {AF_INET6, SOCK_STREAM, IPPROTO_TCP, sizeof(sockaddr_in6)},
-    {AF_INET, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in)},
-    {AF_INET6, SOCK_DGRAM, IPPROTO_UDP, sizeof(sockaddr_in6)},
-};
-
-bool ValidType(ZNRSocket::Type_t type) {
-    return static_cast<unsigned int>(type) <= ZNRSocket::TYPE_UDP_V6;
-}
-
-// Winsock takes both timeouts as a DWORD of milliseconds.
-bool IsTcp(ZNRSocket::Type_t type) {
-    return type == ZNRSocket::TYPE_TCP_V4 || type == ZNRSocket::TYPE_TCP_V6;
-}
-
 // Best effort, as on Linux. TCP: urgent data stays in the stream, where
 // reads find it in order, instead of being skipped. UDP: Windows would
 // fail the next receive with WSAECONNRESET after a datagram sent to a
 // closed port; Linux reports nothing on an unconnected socket.
 void Tune(ZNRNativeHandle fd, ZNRSocket::Type_t type) {
-    if (IsTcp(type)) {
+    if (ZNRSocketIsTcp(type)) {
         ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
         return;
     }
@@ -75,14 +48,14 @@ void Tune(ZNRNativeHandle fd, ZNRSocket::Type_t type) {
 int RecvResult(int n, int len, std::uint64_t* err) {
     if (n > 0) return n;
     if (n == 0) {
-        StoreError(err, ZNR_ERROR_END_OF_STREAM);
+        ZNRStoreError(err, ZNR_ERROR_END_OF_STREAM);
         return -1;
     }
     int const code = WSAGetLastError();
     if (code == WSAEWOULDBLOCK) return 0;
     // A datagram longer than the buffer filled it; Linux returns that part.
     if (code == WSAEMSGSIZE) return len;
-    StoreError(err, static_cast<std::uint32_t>(code));
+    ZNRStoreError(err, static_cast<std::uint32_t>(code));
     return -1;
 }
 
@@ -90,14 +63,8 @@ int SendResult(int n, std::uint64_t* err) {
     if (n >= 0) return n;
     int const code = WSAGetLastError();
     if (code == WSAEWOULDBLOCK) return 0;
-    StoreError(err, static_cast<std::uint32_t>(code));
+    ZNRStoreError(err, static_cast<std::uint32_t>(code));
     return -1;
-}
-
-bool BadLength(unsigned char const* buf, int len, std::uint64_t* err) {
-    if (len >= 0 && (buf != nullptr || len == 0)) return false;
-    StoreError(err, kInvalid);
-    return true;
 }
 
 } // namespace
@@ -236,7 +203,7 @@ ZNRSocket::~ZNRSocket() {
 }
 
 std::uint64_t ZNRSocket::Open(Type_t type, ZNRNativeHandle fd) {
-    if (!ValidType(type)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
     if (ZNRIsHandle(fd)) Tune(fd, type);
     type_ = type;
     fd_ = fd;
@@ -246,8 +213,8 @@ std::uint64_t ZNRSocket::Open(Type_t type, ZNRNativeHandle fd) {
 std::uint64_t ZNRSocket::Open(Type_t type) { return Create(type, false); }
 
 std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
-    if (!ValidType(type)) return ZNR_ERROR_BAD_SOCKET_TYPE;
-    SocketKind const& kind = kSocketKinds[type];
+    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    ZNRSocketKind const& kind = *ZNRSocketKindOf(type);
     // Overlapped for the completion port; not inherited by child processes.
     SOCKET const s = WSASocketW(kind.family, kind.type, kind.protocol, nullptr, 0,
                                 WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
@@ -284,8 +251,8 @@ std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
     int len = 0;
     int peer_len = 0;
     if (peer != nullptr) {
-        if (!IsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
-        peer_len = static_cast<int>(kSocketKinds[type_].addr_len);
+        if (!ZNRSocketIsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+        peer_len = static_cast<int>(ZNRSocketKindOf(type_)->addr_len);
         len = peer_len;
         sa = reinterpret_cast<sockaddr*>(&storage);
     }
@@ -318,7 +285,7 @@ std::uint64_t ZNRSocket::Connect(ZNRNetAddrInfo const* addr) {
 }
 
 int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     // A zero-byte read would look like the peer's shutdown.
     if (len == 0) return 0;
     int const n = ::recv(Sock(fd_), reinterpret_cast<char*>(buf), len, 0);
@@ -326,17 +293,17 @@ int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
 }
 
 int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetAddrInfo* from) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     sockaddr_storage storage;
     sockaddr* sa = nullptr;
     int from_len = 0;
     int len_in = 0;
     if (from != nullptr) {
-        if (!ValidType(type_)) {
-            StoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
+        if (ZNRSocketKindOf(type_) == nullptr) {
+            ZNRStoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
             return -1;
         }
-        from_len = static_cast<int>(kSocketKinds[type_].addr_len);
+        from_len = static_cast<int>(ZNRSocketKindOf(type_)->addr_len);
         len_in = from_len;
         sa = reinterpret_cast<sockaddr*>(&storage);
     }
@@ -346,7 +313,7 @@ int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetA
     if (result > 0 && from != nullptr) {
         std::uint64_t const rc = from->Open(sa, static_cast<unsigned int>(std::min(len_in, from_len)));
         if (rc != 0) {
-            StoreError(err, rc);
+            ZNRStoreError(err, rc);
             return -1;
         }
     }
@@ -355,14 +322,14 @@ int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetA
 
 // Windows has no SIGPIPE: a send to a closed peer only fails.
 int ZNRSocket::Send(unsigned char const* buf, int len, std::uint64_t* err) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     int const n = ::send(Sock(fd_), reinterpret_cast<char const*>(buf), len, 0);
     return SendResult(n, err);
 }
 
 int ZNRSocket::SendTo(unsigned char const* buf, int len, std::uint64_t* err,
                       ZNRNetAddrInfo const* to) {
-    if (BadLength(buf, len, err)) return -1;
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
     sockaddr const* sa = to != nullptr ? to->GetAddr() : nullptr;
     int const sa_len = sa != nullptr ? static_cast<int>(to->GetAddrLen()) : 0;
     int const n = ::sendto(Sock(fd_), reinterpret_cast<char const*>(buf), len, 0, sa, sa_len);
@@ -398,15 +365,15 @@ std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
     long value = 0;
     std::uint64_t const rc = ZNRSocketGetInt(fd_, SO_ERROR, &value);
     if (rc != 0) return rc;
-    StoreError(err, ZNRSysError(static_cast<int>(value)));
+    ZNRStoreError(err, ZNRSysError(static_cast<int>(value)));
     return 0;
 }
 
 std::uint64_t ZNRSocket::GetLocalInfo(ZNRNetAddrInfo* addr) {
-    if (!ValidType(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    if (ZNRSocketKindOf(type_) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
     if (addr == nullptr) return ZNRSysError(kInvalid);
     sockaddr_storage storage;
-    int const want = static_cast<int>(kSocketKinds[type_].addr_len);
+    int const want = static_cast<int>(ZNRSocketKindOf(type_)->addr_len);
     int len = want;
     auto* sa = reinterpret_cast<sockaddr*>(&storage);
     if (::getsockname(Sock(fd_), sa, &len) != 0) return LastSysError();
