@@ -1,17 +1,14 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-tls.h>
 
-#include <algorithm>
+#include "znr-exit-hooks.h"
+
 #include <cerrno>
-#include <memory>
 #include <new>
-#include <vector>
 
 #include <pthread.h>
 
 namespace {
-
-typedef std::vector<ZNRThreadExitHook*> ExitHooks;
 
 pthread_once_t g_exit_once = PTHREAD_ONCE_INIT;
 pthread_key_t g_exit_key;
@@ -19,13 +16,7 @@ int g_exit_key_error = 0;
 
 // pthread clears the slot before calling this, so hooks added by these
 // hooks start a new list, which pthread then visits in another round.
-void RunExitHooks(void* value) {
-    std::unique_ptr<ExitHooks> hooks(static_cast<ExitHooks*>(value));
-    for (ZNRThreadExitHook* hook : *hooks) {
-        hook->OnThreadExit();
-        hook->Destroy();
-    }
-}
+void RunExitHooks(void* value) { ZNRExitHooksRun(static_cast<ZNRExitHooks*>(value)); }
 
 // One key for the process, never deleted: a deleted key's destructor may
 // still be running on an ending thread.
@@ -33,18 +24,12 @@ void MakeExitKey() { g_exit_key_error = pthread_key_create(&g_exit_key, &RunExit
 
 }  // namespace
 
-ZNRThreadExitHook::~ZNRThreadExitHook() {}
-
-bool ZNRThreadExitHook::Expired() { return false; }
-
-void ZNRThreadExitHook::Destroy() { delete this; }
-
 std::uint64_t ZNRAtThreadExit(ZNRThreadExitHook* hook) {
     pthread_once(&g_exit_once, &MakeExitKey);
     if (g_exit_key_error != 0) return ZNRSysError(g_exit_key_error);
-    ExitHooks* hooks = static_cast<ExitHooks*>(pthread_getspecific(g_exit_key));
+    ZNRExitHooks* hooks = static_cast<ZNRExitHooks*>(pthread_getspecific(g_exit_key));
     if (hooks == nullptr) {
-        hooks = new (std::nothrow) ExitHooks();
+        hooks = new (std::nothrow) ZNRExitHooks();
         if (hooks == nullptr) return ZNRSysError(ENOMEM);
         int const rc = pthread_setspecific(g_exit_key, hooks);
         if (rc != 0) {
@@ -52,18 +37,7 @@ std::uint64_t ZNRAtThreadExit(ZNRThreadExitHook* hook) {
             return ZNRSysError(rc);
         }
     }
-    hooks->erase(std::remove_if(hooks->begin(), hooks->end(),
-                                [](ZNRThreadExitHook* old) {
-                                    if (!old->Expired()) return false;
-                                    old->Destroy();
-                                    return true;
-                                }),
-                 hooks->end());
-    try {
-        hooks->push_back(hook);
-    } catch (std::bad_alloc const&) {
-        return ZNRSysError(ENOMEM);
-    }
+    if (!ZNRExitHooksAdd(hooks, hook)) return ZNRSysError(ENOMEM);
     return 0;
 }
 

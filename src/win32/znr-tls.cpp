@@ -1,9 +1,9 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-tls.h>
 
-#include <algorithm>
+#include "znr-exit-hooks.h"
+
 #include <new>
-#include <vector>
 
 #include <windows.h>
 
@@ -12,8 +12,6 @@
 extern "C" BOOLEAN NTAPI RtlDllShutdownInProgress();
 
 namespace {
-
-typedef std::vector<ZNRThreadExitHook*> ExitHooks;
 
 // The thread's hooks live in a TLS slot, which stays readable while FLS
 // callbacks run; the FLS slot only arms the callback that fires at thread
@@ -50,30 +48,20 @@ ExitSlots const& Slots() {
 void WINAPI RunExitHooks(void*) {
     if (RtlDllShutdownInProgress()) return;
     DWORD const tls = Slots().tls;
-    while (ExitHooks* hooks = static_cast<ExitHooks*>(TlsGetValue(tls))) {
+    while (ZNRExitHooks* hooks = static_cast<ZNRExitHooks*>(TlsGetValue(tls))) {
         TlsSetValue(tls, nullptr);
-        for (ZNRThreadExitHook* hook : *hooks) {
-            hook->OnThreadExit();
-            hook->Destroy();
-        }
-        delete hooks;
+        ZNRExitHooksRun(hooks);
     }
 }
 
 }  // namespace
 
-ZNRThreadExitHook::~ZNRThreadExitHook() {}
-
-bool ZNRThreadExitHook::Expired() { return false; }
-
-void ZNRThreadExitHook::Destroy() { delete this; }
-
 std::uint64_t ZNRAtThreadExit(ZNRThreadExitHook* hook) {
     ExitSlots const& slots = Slots();
     if (slots.error != 0) return ZNRSysError(static_cast<int>(slots.error));
-    ExitHooks* hooks = static_cast<ExitHooks*>(TlsGetValue(slots.tls));
+    ZNRExitHooks* hooks = static_cast<ZNRExitHooks*>(TlsGetValue(slots.tls));
     if (hooks == nullptr) {
-        hooks = new (std::nothrow) ExitHooks();
+        hooks = new (std::nothrow) ZNRExitHooks();
         if (hooks == nullptr) return ZNRSysError(ERROR_NOT_ENOUGH_MEMORY);
         // Any non-null FLS value arms the callback.
         if (!TlsSetValue(slots.tls, hooks) ||
@@ -84,18 +72,7 @@ std::uint64_t ZNRAtThreadExit(ZNRThreadExitHook* hook) {
             return ZNRSysError(static_cast<int>(error));
         }
     }
-    hooks->erase(std::remove_if(hooks->begin(), hooks->end(),
-                                [](ZNRThreadExitHook* old) {
-                                    if (!old->Expired()) return false;
-                                    old->Destroy();
-                                    return true;
-                                }),
-                 hooks->end());
-    try {
-        hooks->push_back(hook);
-    } catch (std::bad_alloc const&) {
-        return ZNRSysError(ERROR_NOT_ENOUGH_MEMORY);
-    }
+    if (!ZNRExitHooksAdd(hooks, hook)) return ZNRSysError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
 }
 
