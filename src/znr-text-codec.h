@@ -13,6 +13,8 @@ public:
     // gives its codeset, "C"/"POSIX" ASCII; anything else is taken as a
     // charset name itself.
     static std::string CharsetOfLocale(char const* locale_name);
+    // The process's current C locale encoding.
+    static std::string ProcessCharset();
     // 16-bit units in host byte order.
     static char const* Utf16Charset();
     static char const* Utf8Charset() { return "UTF-8"; }

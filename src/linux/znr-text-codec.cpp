@@ -64,18 +64,7 @@ private:
 
 }  // namespace
 
-std::string ZNRTextCodec::CharsetOfLocale(char const* locale_name) {
-    if (locale_name == nullptr || locale_name[0] == '\0') return nl_langinfo(CODESET);
-    if (std::strcmp(locale_name, "chs") == 0) return "GBK";
-    if (std::strcmp(locale_name, "C") == 0 || std::strcmp(locale_name, "POSIX") == 0) return "ASCII";
-    std::string name(locale_name);
-    std::string::size_type dot = name.find('.');
-    if (dot == std::string::npos) return name;
-    std::string codeset = name.substr(dot + 1);
-    std::string::size_type at = codeset.find('@');
-    if (at != std::string::npos) codeset.erase(at);
-    return codeset;
-}
+std::string ZNRTextCodec::ProcessCharset() { return nl_langinfo(CODESET); }
 
 char const* ZNRTextCodec::Utf16Charset() {
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__

@@ -111,22 +111,11 @@ bool Encode(UINT code_page, std::wstring const& wide, std::string* out) {
 
 }  // namespace
 
-// An empty name is the C runtime locale's code page. The "C" locale has none
-// (0): the process's narrow text is then in the ANSI code page.
-std::string ZNRTextCodec::CharsetOfLocale(char const* locale_name) {
-    if (locale_name == nullptr || locale_name[0] == '\0') {
-        UINT const code_page = ___lc_codepage_func();
-        return "CP" + std::to_string(code_page != 0 ? code_page : GetACP());
-    }
-    if (std::strcmp(locale_name, "chs") == 0) return "GBK";
-    if (std::strcmp(locale_name, "C") == 0 || std::strcmp(locale_name, "POSIX") == 0) return "ASCII";
-    std::string name(locale_name);
-    std::string::size_type dot = name.find('.');
-    if (dot == std::string::npos) return name;
-    std::string codeset = name.substr(dot + 1);
-    std::string::size_type at = codeset.find('@');
-    if (at != std::string::npos) codeset.erase(at);
-    return codeset;
+// The C runtime locale's code page; the "C" locale has none (0): the
+// process's narrow text is then in the ANSI code page.
+std::string ZNRTextCodec::ProcessCharset() {
+    UINT const code_page = ___lc_codepage_func();
+    return "CP" + std::to_string(code_page != 0 ? code_page : GetACP());
 }
 
 char const* ZNRTextCodec::Utf16Charset() { return "UTF-16LE"; }
