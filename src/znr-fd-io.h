@@ -12,6 +12,12 @@ int ZNRFdRead(ZNRNativeHandle fd, unsigned char* buf, int len, int* sys_err);
 int ZNRFdWrite(ZNRNativeHandle fd, unsigned char const* buf, int len, int* sys_err);
 // 0 or errno. The descriptor is released in either case.
 int ZNRFdClose(ZNRNativeHandle fd);
+// Closes *fd when it names one, and leaves it naming none.
+inline void ZNRFdRelease(ZNRNativeHandle* fd) {
+    if (!ZNRIsHandle(*fd)) return;
+    ZNRFdClose(*fd);
+    *fd = ZNRNoHandle();
+}
 // An anonymous pipe whose ends are inherited by child processes; 0 or errno.
 int ZNRFdPipe(ZNRNativeHandle* read_fd, ZNRNativeHandle* write_fd);
 // 0 or errno.

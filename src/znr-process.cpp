@@ -6,6 +6,7 @@
 #include <plexa/znr-reactor-mgr.h>
 #include <plexa/znr-singleton.h>
 
+#include "znr-fd-io.h"
 #include "znr-process-start.h"
 
 #include <algorithm>
@@ -146,4 +147,25 @@ std::uint64_t ZNRProcessAttachOutput(ZNRProcessParam const& param, ZNRNativeHand
     }
     task->Release();
     return error;
+}
+
+// ---------------------------------------------------------------- process
+
+ZNRProcessWin32::ZNRProcessWin32()
+    : pid_(0), pidfd_(ZNRNoHandle()), reaped_(false), exit_code_(-1), exit_signal_(0),
+      in_fd_(ZNRNoHandle()), out_fd_(ZNRNoHandle()), err_fd_(ZNRNoHandle()) {}
+
+ZNRProcessWin32::~ZNRProcessWin32() {
+    ClosePipes();
+    if (pid_ > 0 && !reaped_) {
+        Kill();
+        Reap(true);
+    }
+    ZNRFdRelease(&pidfd_);
+}
+
+void ZNRProcessWin32::ClosePipes() {
+    ZNRFdRelease(&in_fd_);
+    ZNRFdRelease(&out_fd_);
+    ZNRFdRelease(&err_fd_);
 }

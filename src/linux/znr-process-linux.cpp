@@ -22,12 +22,6 @@ extern char** environ;
 
 namespace {
 
-void CloseFd(int* fd) {
-    if (*fd < 0) return;
-    ZNRFdClose(*fd);
-    *fd = -1;
-}
-
 // A descriptor that becomes readable when the child ends; -1 on kernels
 // without one.
 int OpenPidFd(pid_t pid) {
@@ -102,25 +96,6 @@ std::uint64_t ReadFd(int fd, void* buf, unsigned int size, unsigned int* got) {
 
 }  // namespace
 
-ZNRProcessWin32::ZNRProcessWin32()
-    : pid_(0), pidfd_(-1), reaped_(false), exit_code_(-1), exit_signal_(0), in_fd_(-1),
-      out_fd_(-1), err_fd_(-1) {}
-
-ZNRProcessWin32::~ZNRProcessWin32() {
-    ClosePipes();
-    if (pid_ > 0 && !reaped_) {
-        Kill();
-        Reap(true);
-    }
-    CloseFd(&pidfd_);
-}
-
-void ZNRProcessWin32::ClosePipes() {
-    CloseFd(&in_fd_);
-    CloseFd(&out_fd_);
-    CloseFd(&err_fd_);
-}
-
 std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
     if (pid_ > 0 && !reaped_) return ZNRSysError(EBUSY);
     std::vector<std::string> argv;
@@ -131,7 +106,7 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
         return ZNRSysError(EINVAL);
     }
     ClosePipes();
-    CloseFd(&pidfd_);
+    ZNRFdRelease(&pidfd_);
     pid_ = 0;
     reaped_ = false;
     exit_code_ = -1;
@@ -161,9 +136,9 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
                                                        args.data(), vars.data());
         }
     }
-    CloseFd(&in[0]);
-    CloseFd(&out[1]);
-    CloseFd(&err[1]);
+    ZNRFdRelease(&in[0]);
+    ZNRFdRelease(&out[1]);
+    ZNRFdRelease(&err[1]);
     in_fd_ = in[1];
     out_fd_ = out[0];
     err_fd_ = err[0];
@@ -222,7 +197,7 @@ std::uint64_t ZNRProcessWin32::Reap(bool block) {
     if (r == 0) return ZNR_ERROR_TIMED_OUT;
     // Even a failure (the host reaps children itself) ends the wait for good.
     reaped_ = true;
-    CloseFd(&pidfd_);
+    ZNRFdRelease(&pidfd_);
     if (r < 0) return ZNRSysError(errno);
     if (WIFEXITED(status)) exit_code_ = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) exit_signal_ = WTERMSIG(status);

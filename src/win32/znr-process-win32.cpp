@@ -2,6 +2,7 @@
 #include <plexa/znr-process.h>
 #include <plexa/znr-string.h>
 
+#include "znr-fd-io.h"
 #include "znr-process-start.h"
 
 #include <windows.h>
@@ -20,12 +21,6 @@ int const kKillSignal = 9;
 UINT const kKilledExitCode = 128 + kKillSignal;
 
 std::uint64_t LastError() { return ZNRSysError(static_cast<int>(GetLastError())); }
-
-void CloseFd(ZNRNativeHandle* fd) {
-    if (!ZNRIsHandle(*fd)) return;
-    CloseHandle(*fd);
-    *fd = ZNRNoHandle();
-}
 
 // The texts come from ZNRProcessArgv/ZNRProcessEnv, valid UTF-8.
 std::wstring Wide(std::string const& utf8) {
@@ -170,25 +165,6 @@ std::uint64_t ReadFd(ZNRNativeHandle fd, void* buf, unsigned int size, unsigned 
 
 }  // namespace
 
-ZNRProcessWin32::ZNRProcessWin32()
-    : pid_(0), pidfd_(ZNRNoHandle()), reaped_(false), exit_code_(-1), exit_signal_(0),
-      in_fd_(ZNRNoHandle()), out_fd_(ZNRNoHandle()), err_fd_(ZNRNoHandle()) {}
-
-ZNRProcessWin32::~ZNRProcessWin32() {
-    ClosePipes();
-    if (pid_ > 0 && !reaped_) {
-        Kill();
-        Reap(true);
-    }
-    CloseFd(&pidfd_);
-}
-
-void ZNRProcessWin32::ClosePipes() {
-    CloseFd(&in_fd_);
-    CloseFd(&out_fd_);
-    CloseFd(&err_fd_);
-}
-
 std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
     if (pid_ > 0 && !reaped_) return ZNRSysError(ERROR_BUSY);
     std::vector<std::string> argv;
@@ -197,7 +173,7 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
         return ZNRSysError(ERROR_INVALID_PARAMETER);
     }
     ClosePipes();
-    CloseFd(&pidfd_);
+    ZNRFdRelease(&pidfd_);
     pid_ = 0;
     reaped_ = false;
     exit_code_ = -1;
@@ -219,9 +195,9 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
     if (rc == 0) {
         rc = Spawn(argv, env, child_in, child_out, param.error_to_output ? child_out : child_err, &pi);
     }
-    CloseFd(&child_in);
-    CloseFd(&child_out);
-    CloseFd(&child_err);
+    ZNRFdRelease(&child_in);
+    ZNRFdRelease(&child_out);
+    ZNRFdRelease(&child_err);
     if (rc != 0) {
         ClosePipes();
         return rc;
@@ -282,7 +258,7 @@ std::uint64_t ZNRProcessWin32::Reap(bool block) {
     } else if (exit_signal_ == 0) {
         exit_code_ = static_cast<int>(code);
     }
-    CloseFd(&pidfd_);
+    ZNRFdRelease(&pidfd_);
     return rc;
 }
 
