@@ -61,12 +61,12 @@ if(PLEXA_BUILD_TESTS)
   # The suites that build and pass for Windows so far. The others still use
   # POSIX calls in their own set-up; test-singleton needs the singleton
   # template's instances exported, test-string charsets beyond 936/65001.
-  set(PLEXA_WINDOWS_SUITES byte-buffer data-dispatcher data-sender device digest entity-map
-    getopt http-request memory-pool message-queue pack signal thread-lock timer trans-message)
+  set(PLEXA_WINDOWS_SUITES async-io byte-buffer data-dispatcher data-sender device digest entity-map
+    getopt http-request memory-pool message-queue pack signal socket thread-lock timer trans-message)
   foreach(suite ${PLEXA_WINDOWS_SUITES})
     add_executable(test-${suite} tests/test-${suite}.cpp)
     target_include_directories(test-${suite} PRIVATE tests src)
-    target_link_libraries(test-${suite} PRIVATE plexa GTest::gtest GTest::gtest_main ZLIB::ZLIB)
+    target_link_libraries(test-${suite} PRIVATE plexa GTest::gtest GTest::gtest_main ZLIB::ZLIB ws2_32)
     plexa_windows_tests(test-${suite})
   endforeach()
 endif()

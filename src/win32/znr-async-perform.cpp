@@ -8,13 +8,79 @@
 
 #include "znr-async-perform.h"
 
+#include <algorithm>
+
 // Control blocks that no engine watches run their request as a
 // non-blocking socket call, and wait with WSAPoll; watched ones never come
 // here on Windows, where the completion port carries every request out.
+// Pipes have no readiness to wait for: a read takes what PeekNamedPipe
+// shows, a write or a connect wait runs to its end on an event of its own.
 
 namespace {
 
 SOCKET AsSocket(ZNRNativeHandle h) { return reinterpret_cast<SOCKET>(h); }
+
+bool IsSocket(ZNRNativeHandle h) {
+    int type = 0;
+    int len = sizeof(type);
+    return ::getsockopt(AsSocket(h), SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type), &len) == 0;
+}
+
+// One overlapped call on a pipe, waited for to its end: 0 or the error,
+// the count in *bytes.
+DWORD PipeCall(ZNRAsyncIOCB* cb, ZNRAsyncIOCB::Method_t how, DWORD len, DWORD* bytes) {
+    OVERLAPPED ov{};
+    ov.hEvent = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (ov.hEvent == nullptr) return ::GetLastError();
+    HANDLE const h = static_cast<HANDLE>(cb->fd);
+    BOOL ok = FALSE;
+    if (how == ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT) {
+        ok = ::ConnectNamedPipe(h, &ov);
+    } else if (how == ZNRAsyncIOCB::METHOD_READ) {
+        ok = ::ReadFile(h, cb->buf, len, nullptr, &ov);
+    } else {
+        ok = ::WriteFile(h, cb->buf, len, nullptr, &ov);
+    }
+    DWORD err = ok ? 0 : ::GetLastError();
+    if (err == ERROR_IO_PENDING) err = ::GetOverlappedResult(h, &ov, bytes, TRUE) ? 0 : ::GetLastError();
+    else if (err == 0) ::GetOverlappedResult(h, &ov, bytes, FALSE);
+    ::CloseHandle(ov.hEvent);
+    return err;
+}
+
+ZNRPerformResult PerformOnPipe(ZNRAsyncIOCB* cb) {
+    DWORD bytes = 0;
+    DWORD err = 0;
+    switch (cb->method) {
+    case ZNRAsyncIOCB::METHOD_RECV:
+    case ZNRAsyncIOCB::METHOD_READ: {
+        DWORD avail = 0;
+        if (!::PeekNamedPipe(static_cast<HANDLE>(cb->fd), nullptr, 0, nullptr, &avail, nullptr)) {
+            err = ::GetLastError();
+        } else if (avail == 0) {
+            return ZNR_PERFORM_AGAIN;
+        } else {
+            err = PipeCall(cb, ZNRAsyncIOCB::METHOD_READ, std::min<DWORD>(avail, static_cast<DWORD>(cb->len)),
+                           &bytes);
+        }
+        break;
+    }
+    case ZNRAsyncIOCB::METHOD_SEND:
+    case ZNRAsyncIOCB::METHOD_WRITE:
+        err = PipeCall(cb, ZNRAsyncIOCB::METHOD_WRITE, static_cast<DWORD>(cb->len), &bytes);
+        break;
+    case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
+        err = PipeCall(cb, ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT, 0, &bytes);
+        if (err == ERROR_PIPE_CONNECTED) err = 0;
+        break;
+    default:
+        return ZNR_PERFORM_AGAIN;
+    }
+    // A pipe whose writer left reads as ended, as a socket does.
+    if (err == ERROR_BROKEN_PIPE || err == ERROR_HANDLE_EOF) err = 0;
+    cb->Complete(static_cast<int>(bytes), err == 0 ? 0 : ZNRSysError(static_cast<int>(err)));
+    return ZNR_PERFORM_DONE;
+}
 
 ZNRPerformResult Transferred(ZNRAsyncIOCB* cb, int n) {
     if (n == SOCKET_ERROR) {
@@ -30,6 +96,7 @@ ZNRPerformResult Transferred(ZNRAsyncIOCB* cb, int n) {
 }  // namespace
 
 ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
+    if (!IsSocket(cb->fd)) return PerformOnPipe(cb);
     SOCKET const s = AsSocket(cb->fd);
     char* const buf = reinterpret_cast<char*>(cb->buf);
     switch (cb->method) {
@@ -96,6 +163,11 @@ void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, ZNRNativeHandle fd, bool peer_known) {
 }
 
 bool ZNRAsyncWaitReady(ZNRAsyncIOCB const* cb, int timeout_ms) {
+    if (!IsSocket(cb->fd)) {
+        // Looked at again a millisecond later.
+        ::Sleep(timeout_ms < 0 ? 1 : std::min(timeout_ms, 1));
+        return true;
+    }
     WSAPOLLFD p{};
     p.fd = AsSocket(cb->fd);
     p.events = cb->IsReadSide() ? POLLRDNORM : POLLWRNORM;

@@ -111,6 +111,7 @@ private:
     void Finished(Entry& e, DWORD bytes, DWORD err);
     DWORD ResultOf(Handle const& h, Op* op, DWORD* bytes) const;
     void Abandon(Handle& h, Entry& e);
+    std::uint64_t Collect(DWORD wait);
 
     HANDLE const port_;
     ZNRBindingTable<Handle> handles_;
@@ -265,7 +266,13 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
     op->buf.len = static_cast<ULONG>(cb->len);
     op->flags = 0;
     int rc = 0;
-    switch (cb->method) {
+    ZNRAsyncIOCB::Method_t method = cb->method;
+    // A pipe or a file reads and writes as a file: Winsock's calls take
+    // sockets only.
+    if (!h.socket && (method == ZNRAsyncIOCB::METHOD_RECV || method == ZNRAsyncIOCB::METHOD_SEND)) {
+        method = method == ZNRAsyncIOCB::METHOD_RECV ? ZNRAsyncIOCB::METHOD_READ : ZNRAsyncIOCB::METHOD_WRITE;
+    }
+    switch (method) {
     case ZNRAsyncIOCB::METHOD_RECV:
         rc = ::WSARecv(s, &op->buf, 1, bytes, &op->flags, &op->ov, nullptr);
         break;
@@ -286,8 +293,8 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
     case ZNRAsyncIOCB::METHOD_WRITE:
         return ::WriteFile(h.h, cb->buf, static_cast<DWORD>(cb->len), bytes, &op->ov) ? 0 : ::GetLastError();
     case ZNRAsyncIOCB::METHOD_ACCEPT: {
-        // AcceptEx fills cb->addr with both addresses, each slot 16 bytes
-        // larger than the address itself.
+        // AcceptEx fills cb->addr with both addresses, in two slots of
+        // cb->addr_len bytes, each 16 bytes larger than the address itself.
         WSAPROTOCOL_INFOW info{};
         int len = sizeof(info);
         if (::getsockopt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&info), &len) != 0) {
@@ -296,7 +303,7 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
         op->accepted = ::WSASocketW(info.iAddressFamily, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                                     WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
         if (op->accepted == INVALID_SOCKET) return static_cast<DWORD>(::WSAGetLastError());
-        DWORD const slot = cb->addr_len / 2;
+        DWORD const slot = cb->addr_len;
         if (AcceptExOf(s)(s, op->accepted, cb->addr, 0, slot, slot, bytes, &op->ov)) return 0;
         return static_cast<DWORD>(::WSAGetLastError());
     }
@@ -341,7 +348,7 @@ void ZNRIocpEngine::Finished(Entry& e, DWORD bytes, DWORD err) {
         ::setsockopt(op->accepted, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT,
                      reinterpret_cast<char const*>(&listener), sizeof(listener));
         // The peer's address goes first in the buffer, as portable code reads it.
-        DWORD const slot = cb->addr_len / 2;
+        DWORD const slot = cb->addr_len;
         sockaddr* local = nullptr;
         sockaddr* remote = nullptr;
         int local_len = 0;
@@ -383,6 +390,12 @@ DWORD ZNRIocpEngine::ResultOf(Handle const& h, Op* op, DWORD* bytes) const {
 std::uint64_t ZNRIocpEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, int* count) {
     DWORD const start = ::GetTickCount();
     for (;;) {
+        // Calls that finish at once must not keep the port's packets
+        // waiting behind them: what the port holds queues up after them.
+        if (!done_.Empty()) {
+            std::uint64_t const rc = Collect(0);
+            if (rc != 0 && rc != ZNR_ERROR_TIMED_OUT) return rc;
+        }
         if (!done_.Empty()) {
             int n = 0;
             while (!done_.Empty() && n < max) {
@@ -399,26 +412,35 @@ std::uint64_t ZNRIocpEngine::Wait(int timeout_ms, ZNRCompletion* out, int max, i
             DWORD const spent = ::GetTickCount() - start;
             wait = spent >= static_cast<DWORD>(timeout_ms) ? 0 : static_cast<DWORD>(timeout_ms) - spent;
         }
-        ULONG got = 0;
-        if (!::GetQueuedCompletionStatusEx(port_, entries_, kEntriesPerWait, &got, wait, FALSE)) {
-            DWORD const err = ::GetLastError();
-            if (err != WAIT_TIMEOUT) return ZNRSysError(static_cast<int>(err));
+        std::uint64_t const rc = Collect(wait);
+        if (rc != 0) {
             *count = 0;
-            return ZNR_ERROR_TIMED_OUT;
-        }
-        for (ULONG i = 0; i < got; ++i) {
-            auto* const op = reinterpret_cast<Op*>(entries_[i].lpOverlapped);
-            if (op == nullptr) continue;
-            if (op->owner == nullptr) {
-                // Left behind by a descriptor that went.
-                if (op->accepted != INVALID_SOCKET) ::closesocket(op->accepted);
-                delete op;
-                continue;
-            }
-            Entry& e = *op->owner;
-            DWORD bytes = 0;
-            DWORD const err = ResultOf(*e.handle, op, &bytes);
-            Finished(e, bytes, err);
+            return rc;
         }
     }
+}
+
+// The port's packets within wait ms into the finished list: 0, library
+// error 17 when none came, else the system's error.
+std::uint64_t ZNRIocpEngine::Collect(DWORD wait) {
+    ULONG got = 0;
+    if (!::GetQueuedCompletionStatusEx(port_, entries_, kEntriesPerWait, &got, wait, FALSE)) {
+        DWORD const err = ::GetLastError();
+        return err == WAIT_TIMEOUT ? ZNR_ERROR_TIMED_OUT : ZNRSysError(static_cast<int>(err));
+    }
+    for (ULONG i = 0; i < got; ++i) {
+        auto* const op = reinterpret_cast<Op*>(entries_[i].lpOverlapped);
+        if (op == nullptr) continue;
+        if (op->owner == nullptr) {
+            // Left behind by a descriptor that went.
+            if (op->accepted != INVALID_SOCKET) ::closesocket(op->accepted);
+            delete op;
+            continue;
+        }
+        Entry& e = *op->owner;
+        DWORD bytes = 0;
+        DWORD const err = ResultOf(*e.handle, op, &bytes);
+        Finished(e, bytes, err);
+    }
+    return 0;
 }

@@ -332,6 +332,15 @@ int ZNRSocket::SendTo(unsigned char const* buf, int len, std::uint64_t* err,
     if (ZNRSocketBadLength(buf, len, err)) return -1;
     sockaddr const* sa = to != nullptr ? to->GetAddr() : nullptr;
     int const sa_len = sa != nullptr ? static_cast<int>(to->GetAddrLen()) : 0;
+    // Winsock versions disagree on what an unconnected socket without a
+    // destination reports; the caller is told what is missing.
+    sockaddr_storage peer;
+    int peer_len = sizeof(peer);
+    if (sa == nullptr && ::getpeername(Sock(fd_), reinterpret_cast<sockaddr*>(&peer), &peer_len) != 0 &&
+        WSAGetLastError() == WSAENOTCONN) {
+        ZNRStoreError(err, WSAEDESTADDRREQ);
+        return -1;
+    }
     int const n = ::sendto(Sock(fd_), reinterpret_cast<char const*>(buf), len, 0, sa, sa_len);
     return SendResult(n, err);
 }
