@@ -38,13 +38,16 @@ std::uint64_t ZNRWakeupOpen(ZNRNativeHandle* fd, ZNRNativeHandle* write_fd) {
     std::string path;
     std::uint64_t const rc = UniquePath(&path);
     if (rc != 0) return rc;
+    // Duplex although only read: Wine refuses to tie an inbound-only
+    // server end to a completion port (access denied).
     HANDLE const read_end = CreateNamedPipeA(
-        path.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        path.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
         PIPE_TYPE_MESSAGE | PIPE_READMODE_BYTE | PIPE_WAIT, 1, 0, kBufferSize, 0, nullptr);
     if (read_end == INVALID_HANDLE_VALUE) return LastError();
     // Opening the one instance connects it: no ConnectNamedPipe needed,
     // and nobody else can connect any more.
-    HANDLE const write_end = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+    // Changing the mode takes the right to write its attributes.
+    HANDLE const write_end = CreateFileA(path.c_str(), GENERIC_WRITE | FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING,
                                          SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr);
     // Adding never blocks: a full pipe takes the message or nothing.
     DWORD mode = PIPE_NOWAIT;
