@@ -1,7 +1,8 @@
 // The reactor at rest: the share of a core that an idle reactor thread
 // takes over ten seconds, with and without a timer due far ahead; and
-// SendData from other threads through the manager into one reactor; and the
-// loop thread's CPU to take in one large frame over loopback TCP.
+// SendData from other threads through the manager into one reactor; the
+// loop thread's CPU to take in one large frame over loopback TCP; and a
+// message now and then on each of many otherwise idle connections.
 #include <plexa/plexa.h>
 
 #include <benchmark/benchmark.h>
@@ -272,6 +273,117 @@ BENCHMARK(BM_ReactorLargeFrame)
     ->Arg(16)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+
+// Counts whole 64-byte messages and keeps a partial one, as a frame-cutting
+// handler does; reports the loop thread's CPU clock once.
+class SparseCounter : public ZNRDeviceHandler {
+public:
+    static constexpr unsigned int kMessage = 64;
+    struct Shared {
+        std::atomic<std::uint64_t> messages{0};
+        std::atomic<std::uint64_t> reads{0};
+        std::atomic<clockid_t> loop_clock{0};
+        std::atomic<bool> clock_known{false};
+    };
+    explicit SparseCounter(Shared* shared) : shared_(shared) {}
+    bool OnOpen() override {
+        if (!shared_->clock_known.exchange(true)) {
+            clockid_t clock{};
+            pthread_getcpuclockid(pthread_self(), &clock);
+            shared_->loop_clock = clock;
+        }
+        return true;
+    }
+    bool OnData(ZNRByteBuffer const* buffer, int* offset) override {
+        unsigned int const whole = buffer->GetDataCount() / kMessage;
+        *offset = static_cast<int>(whole * kMessage);
+        shared_->reads.fetch_add(1, std::memory_order_relaxed);
+        shared_->messages.fetch_add(whole, std::memory_order_release);
+        return true;
+    }
+
+private:
+    Shared* shared_;
+};
+
+class SparseAcceptor : public ZNRTcpAcceptor {
+public:
+    explicit SparseAcceptor(SparseCounter::Shared* shared)
+        : ZNRTcpAcceptor(64 << 10, 16 << 10, 64 << 10), shared_(shared) {}
+
+protected:
+    ZNRDeviceHandler* OnCreateHandler(std::uint64_t) override { return new SparseCounter(shared_); }
+
+private:
+    SparseCounter::Shared* shared_;
+};
+
+template <class Pred>
+void SpinUntil(Pred pred) {
+    while (!pred()) std::this_thread::yield();
+}
+
+// Each iteration: one 64-byte message on the next of 1,000 connections, so
+// every connection is idle between its messages and none holds receive
+// memory when one comes. range(0) = 1: the message comes in two halves, the
+// first read a tail the connection must keep (a block allocated, filled,
+// given back). Time is the wall time to the handler; loop_cpu_us the loop
+// thread's CPU per message.
+void BM_SparseMessages(benchmark::State& state) {
+    bool const split = state.range(0) != 0;
+    int const connections = 1000;
+    ZNRReactorMgr* const mgr = ZNRSingleton<ZNRReactorMgr>::Instance();
+    std::uint64_t err = 0;
+    std::uint64_t const reactor = mgr->New(&err);
+    if (err != 0 || mgr->StartThread(reactor, ZNRString("sparse"), nullptr) != 0) std::abort();
+    SparseCounter::Shared shared;
+    SparseAcceptor acceptor(&shared);
+    ZNRNetAddrInfo bound;
+    if (acceptor.Start(ZNRString("127.0.0.1"), ZNRString("0"), {reactor}, &bound) != 0) std::abort();
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<unsigned short>(std::atoi(bound.GetPortStr().ToStdCStr().c_str())));
+    std::vector<int> fds;
+    for (int i = 0; i < connections; ++i) {
+        int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) std::abort();
+        fds.push_back(fd);
+    }
+    SpinUntil([&] { return shared.clock_known.load(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // every connection adopted
+
+    char const message[SparseCounter::kMessage] = {};
+    unsigned int const first = split ? SparseCounter::kMessage / 2 : SparseCounter::kMessage;
+    clockid_t const loop_clock = shared.loop_clock;
+    double const cpu_start = ThreadCpuSeconds(loop_clock);
+    std::uint64_t const reads_start = shared.reads.load();
+    std::size_t next = 0;
+    std::uint64_t sent = shared.messages.load();
+    for (auto _ : state) {
+        int const fd = fds[next++ % fds.size()];
+        std::uint64_t const reads = shared.reads.load();
+        auto const start = std::chrono::steady_clock::now();
+        if (::send(fd, message, first, MSG_NOSIGNAL) != static_cast<ssize_t>(first)) std::abort();
+        if (split) {
+            SpinUntil([&] { return shared.reads.load() != reads; });
+            if (::send(fd, message + first, sizeof message - first, MSG_NOSIGNAL) !=
+                static_cast<ssize_t>(sizeof message - first)) {
+                std::abort();
+            }
+        }
+        ++sent;
+        SpinUntil([&] { return shared.messages.load(std::memory_order_acquire) == sent; });
+        state.SetIterationTime(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    double const n = static_cast<double>(state.iterations());
+    state.counters["loop_cpu_us"] = (ThreadCpuSeconds(loop_clock) - cpu_start) * 1e6 / n;
+    state.counters["reads"] = static_cast<double>(shared.reads.load() - reads_start) / n;
+    for (int fd : fds) ::close(fd);
+    mgr->RemoveAll();
+}
+BENCHMARK(BM_SparseMessages)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

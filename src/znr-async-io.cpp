@@ -23,6 +23,11 @@ std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int
     if (status != STATUS_IDLE) return ZNRSysError(EBUSY);
     if (!ZNRIsHandle(fd)) return ZNRSysError(EBADF);
     if (size < 0 || (data == nullptr && size > 0)) return ZNRSysError(EINVAL);
+    Run(op, how, data, size);
+    return 0;
+}
+
+void ZNRAsyncIOCB::Run(int op, Method_t how, unsigned char* data, int size) {
     operation = op;
     method = how;
     buf = data;
@@ -35,7 +40,6 @@ std::uint64_t ZNRAsyncIOCB::Begin(int op, Method_t how, unsigned char* data, int
     } else {
         ZNRAsyncPerform(this, false);
     }
-    return 0;
 }
 
 void ZNRAsyncIOCB::Complete(int bytes, std::uint64_t err) {

@@ -33,6 +33,11 @@ struct ZNRCompletionBinding {
 
     static ZNRCompletionBinding* Of(ZNRAsyncIOCB const* cb) { return cb->binding_; }
     static void Bind(ZNRAsyncIOCB* cb, ZNRCompletionBinding* binding) { cb->binding_ = binding; }
+    // Starts a receive of up to size bytes on a stream socket's read side
+    // without a buffer: the engine lends one when data is there (see
+    // ZNRCompletionEngine::LendsReceives). EBUSY while the side runs one;
+    // library error 37 when its engine does not lend.
+    static std::uint64_t Lend(ZNRAsyncIOCB* cb, int size);
 };
 
 // A place in an engine's list of finished operations, kept in the engine's
@@ -131,6 +136,12 @@ public:
     // later waits will still hand out (aborted ones and ones that had
     // finished before); their buffers stay the engine's until then.
     virtual int Cancel(ZNRAsyncIO* io) = 0;
+
+    // Whether a stream receive may start without a buffer (Lend): the
+    // completion's cb->buf then points into memory of the engine's, which
+    // stays the owner's until it releases the operation. Connections then
+    // hold receive memory only while data waits for them.
+    virtual bool LendsReceives() const { return false; }
 
     // For the control blocks bound to this engine.
     virtual void Start(ZNRAsyncIOCB* cb) = 0;

@@ -33,8 +33,8 @@ bool ZNREntityMap::DispatchEntity(unsigned char const* data, int size, bool bige
                 ZNRGetErrorText(error).c_str());
         return false;
     }
-    EntityMap_t::const_iterator it = entity_maps_->find(uri);
-    if (it == entity_maps_->end()) {
+    EntityMap_t::const_iterator it;
+    if (!entity_maps_ || (it = entity_maps_->find(uri)) == entity_maps_->end()) {
         ZNR_LOG(WARNING, "Can not find entity map, service id=%u command id=%u", uri >> 16,
                 uri & 0xFFFF);
         return true;
@@ -46,9 +46,23 @@ bool ZNREntityMap::DispatchEntity(unsigned char const* data, int size, bool bige
     return true;
 }
 
-void ZNREntityMap::RemoveEntityMap(unsigned int uri) { entity_maps_->erase(uri); }
+void ZNREntityMap::RemoveEntityMap(unsigned int uri) {
+    if (entity_maps_ && entity_maps_->count(uri) != 0) Own().erase(uri);
+}
 
+// Proxies this map held last end in key order.
 void ZNREntityMap::RemoveAllEntityMap() {
-    for (EntityMap_t::value_type& entry : *entity_maps_) entry.second.reset();
-    entity_maps_->clear();
+    if (entity_maps_ && entity_maps_.use_count() == 1) {
+        for (EntityMap_t::value_type& entry : *entity_maps_) entry.second.reset();
+    }
+    entity_maps_.reset();
+}
+
+ZNREntityMap::EntityMap_t& ZNREntityMap::Own() {
+    if (!entity_maps_) {
+        entity_maps_ = std::make_shared<EntityMap_t>();
+    } else if (entity_maps_.use_count() > 1) {
+        entity_maps_ = std::make_shared<EntityMap_t>(*entity_maps_);
+    }
+    return *entity_maps_;
 }

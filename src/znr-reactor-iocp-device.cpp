@@ -5,6 +5,7 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-reactor-iocp.h>
 
+#include "znr-completion-engine.h"
 #include "znr-fd-io.h"
 #include "znr-reactor-iocp-device.h"
 #include "znr-error-platform.h"
@@ -27,23 +28,58 @@ void SetError(std::uint64_t* error, std::uint64_t code) {
 
 } // namespace
 
+// ---------------------------------------------------------------- lent memory, send queue
+
+void* ZNRLentBlock::Alloc(unsigned int size, char const* owner_file, unsigned int owner_line) {
+    if (offered_ == nullptr) return Default()->Alloc(size, owner_file, owner_line);
+    lent_ = offered_;
+    offered_ = nullptr;
+    return lent_;
+}
+
+std::uint64_t ZNRLentBlock::Free(void* p) {
+    if (p == nullptr || p != lent_) return Default()->Free(p);
+    lent_ = nullptr;
+    return 0;
+}
+
+ZNRSendQueue::~ZNRSendQueue() {
+    for (std::size_t i = head_; i < items_.size(); ++i) delete items_[i];
+}
+
+// Emptied, the queue starts over; under a lasting backlog the written
+// front is dropped once it is half of the queue.
+void ZNRSendQueue::pop_front() {
+    if (++head_ == items_.size()) {
+        items_.clear();
+        head_ = 0;
+    } else if (head_ >= 16 && 2 * head_ >= items_.size()) {
+        items_.erase(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(head_));
+        head_ = 0;
+    }
+}
+
 // ---------------------------------------------------------------- base
 
 ZNRReactorIOCPDeviceBase::ZNRReactorIOCPDeviceBase(ZNRReactorIOCP* reactor, std::uint32_t id,
                                                    ZNRDevice* device, ZNRDeviceHandler* handler)
     : reactor_(reactor), id_(id), device_(device), handler_(handler), io_(nullptr), timer_(nullptr),
-      recv_buff_grow_size_(512), recv_buff_max_size_(4096), send_buff_max_size_(4096), spare_(nullptr),
-      queued_send_bytes_(0),
-      sending_(false), connecting_(false), closing_(false), ended_(false) {
-    if (device != nullptr) desc_ = device->GetDescInfo();
+      recv_buff_grow_size_(512), recv_buff_max_size_(4096), send_buff_max_size_(4096),
+      recv_buffer_(0, &lender_), spare_(nullptr), queued_send_bytes_(0), sending_(false),
+      connecting_(false), lending_(false), closing_(false), ended_(false) {
     // Looked up once: every completion asks for it.
     io_ = dynamic_cast<ZNRAsyncIO*>(device);
 }
 
 ZNRReactorIOCPDeviceBase::~ZNRReactorIOCPDeviceBase() {
-    for (ZNRByteBuffer* buffer : send_queue_) delete buffer;
     delete spare_;
     if (device_ != nullptr) device_->Destroy();
+}
+
+// The device's own: it lives as long as this does.
+ZNRString const& ZNRReactorIOCPDeviceBase::GetDescInfo() const {
+    static ZNRString const none;
+    return device_ != nullptr ? device_->GetDescInfo() : none;
 }
 
 // Its completions find it no more and nothing new is posted; what the
@@ -104,12 +140,19 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
     std::uint64_t rc = io->ResetReadIOStatus();
     if (rc != 0) return rc;
     unsigned int const count = recv_buffer_.GetDataCount();
+    lending_ = false;
     if (static_cast<long long>(recv_buff_max_size_) <
         static_cast<long long>(recv_buff_grow_size_) + count) {
         ZNR_LOG(ERROR,
                 "IOCP device recv buffer is overflow, current_size=%d max_size=%d desc_info=\"%s\"",
-                static_cast<int>(count), recv_buff_max_size_, Narrow(desc_).c_str());
+                static_cast<int>(count), recv_buff_max_size_, Narrow(GetDescInfo()).c_str());
         return ZNR_ERROR_RECV_OVERFLOW;
+    }
+    if (count == 0 && Lends()) {
+        recv_buffer_.SetCapacity(0);  // waiting costs no receive memory
+        rc = ZNRCompletionBinding::Lend(io->GetReadIOCB(), recv_buff_grow_size_);
+        lending_ = rc == 0;
+        return rc;
     }
     unsigned int const grow = static_cast<unsigned int>(recv_buff_grow_size_);
     if (recv_buffer_.GetFreeCapacity() < grow) {
@@ -132,6 +175,26 @@ std::uint64_t ZNRReactorIOCPDeviceBase::Recv() {
         return device_->GetError();
     }
     return 0;
+}
+
+bool ZNRReactorIOCPDeviceBase::Lends() const {
+    int const type = GetType();
+    if (type != ZNRDevice::TYPE_TCP_ACCEPTED && type != ZNRDevice::TYPE_TCP_CLIENT) return false;
+    ZNRCompletionBinding const* const binding = ZNRCompletionBinding::Of(io_->GetReadIOCB());
+    return binding != nullptr && binding->engine->LendsReceives();
+}
+
+void ZNRReactorIOCPDeviceBase::TakeLent() {
+    lender_.Offer(io_->GetReadIOCB()->buf);
+    recv_buffer_.SetCapacity(static_cast<unsigned int>(io_->GetReadIOCB()->transferred));
+}
+
+std::uint64_t ZNRReactorIOCPDeviceBase::KeepTail() {
+    unsigned int const count = recv_buffer_.GetDataCount();
+    if (count == 0) return recv_buffer_.SetCapacity(0);
+    // Reads lend at most the grow size, so this is past the lent block:
+    // the tail is copied out of it.
+    return recv_buffer_.Reserve(count + static_cast<unsigned int>(recv_buff_grow_size_));
 }
 
 // Memory goes back once the held data is under a quarter of the block,
@@ -181,7 +244,7 @@ bool ZNRReactorIOCPDeviceBase::Send(ZNRByteBuffer* buffer, std::uint64_t* error)
         ZNR_LOG(ERROR,
                 "Can not send data to iocp device, send buffer is overflow, current_size=%d "
                 "max_size=%d desc_info=\"%s\"",
-                queued, send_buff_max_size_, Narrow(desc_).c_str());
+                queued, send_buff_max_size_, Narrow(GetDescInfo()).c_str());
         delete buffer;
         SetError(error, ZNR_ERROR_SEND_OVERFLOW);
         return false;
@@ -270,6 +333,7 @@ bool ZNRReactorIOCPNormalDevice::OnRecvEvent(int bytes, std::uint64_t* error) {
         }
         return End(error);
     }
+    if (lending_) TakeLent();
     recv_buffer_.ResetDataCount(recv_buffer_.GetDataCount() + static_cast<unsigned int>(bytes));
     return Deliver(error);
 }
@@ -290,13 +354,18 @@ bool ZNRReactorIOCPNormalDevice::Deliver(std::uint64_t* error) {
         ZNR_LOG(ERROR,
                 "Invalid recv buffer offset, above data handler may be received a invalid "
                 "package,current_recv_buff_size=%u, offset=%d, desc_info=\"%s\"",
-                count, offset, Narrow(desc_).c_str());
+                count, offset, Narrow(GetDescInfo()).c_str());
         SetError(error, ZNR_ERROR_BAD_OFFSET);
         return false;
     }
     recv_buffer_.CutData(static_cast<unsigned int>(offset));
-    ShrinkRecvBuffer();
-    std::uint64_t const rc = Recv();
+    std::uint64_t rc = 0;
+    if (lender_.Holds(recv_buffer_.GetData())) {
+        rc = KeepTail();
+    } else {
+        ShrinkRecvBuffer();
+    }
+    if (rc == 0) rc = Recv();
     return rc == 0 || Fail(rc, error);
 }
 
@@ -329,7 +398,7 @@ bool ZNRReactorIOCPTcpServerDevice::OnRecvEvent(int, std::uint64_t* error) {
     ZNRAsyncIO* const io = GetAsyncIO();
     if (io->GetReadIOCB()->operation != ZNRAsyncIOCB::OP_ACCEPT) return true;
     if (starved_) {
-        ZNR_LOG(INFO, "Tcp server device accepts clients again, desc_info=\"%s\"", Narrow(desc_).c_str());
+        ZNR_LOG(INFO, "Tcp server device accepts clients again, desc_info=\"%s\"", Narrow(GetDescInfo()).c_str());
         starved_ = false;
     }
     auto* const listener = dynamic_cast<ZNRAsyncTcpDevice*>(device_);
@@ -359,7 +428,7 @@ bool ZNRReactorIOCPTcpServerDevice::RetryLater(std::uint64_t error) {
                 "Can not accept tcp client, out of resources, retry every %ums, error=\"%s\" "
                 "desc_info=\"%s\"",
                 ZNRReactorIOCPAcceptRetryTimer::kRetryMs, ZNRGetErrorText(error).c_str(),
-                Narrow(desc_).c_str());
+                Narrow(GetDescInfo()).c_str());
         starved_ = true;
     }
     ArmRetry();

@@ -2,17 +2,53 @@
 #define PLEXA_SRC_ZNR_REACTOR_IOCP_DEVICE_H
 
 #include <plexa/znr-byte-buffer.h>
+#include <plexa/znr-mem-allocator.h>
 #include <plexa/znr-string.h>
 #include <plexa/znr-timer.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <vector>
 
 class ZNRAsyncIO;
 class ZNRDevice;
 class ZNRDeviceHandler;
 class ZNRReactorIOCP;
+
+// Gives a receive buffer the memory an engine lent for a receive as its
+// block, without a copy, and never frees it: the engine takes it back
+// when the read is released. Anything else comes from the heap.
+class ZNRLentBlock final : public ZNRMemAllocator {
+public:
+    // The next Alloc hands out block.
+    void Offer(unsigned char* block) { offered_ = block; }
+    bool Holds(void const* p) const { return p != nullptr && p == lent_; }
+    void* Alloc(unsigned int size, char const* owner_file, unsigned int owner_line) override;
+    std::uint64_t Free(void* p) override;
+
+private:
+    unsigned char* offered_ = nullptr;
+    unsigned char* lent_ = nullptr;
+};
+
+// Buffers waiting to be written, oldest first; empty, it holds no memory.
+class ZNRSendQueue {
+public:
+    ZNRSendQueue() = default;
+    ZNRSendQueue(ZNRSendQueue const&) = delete;
+    ZNRSendQueue& operator=(ZNRSendQueue const&) = delete;
+    ~ZNRSendQueue();
+
+    bool empty() const { return head_ == items_.size(); }
+    ZNRByteBuffer* front() const { return items_[head_]; }
+    void push_back(ZNRByteBuffer* buffer) { items_.push_back(buffer); }
+    void pop_front();
+
+private:
+    std::vector<ZNRByteBuffer*> items_;
+    std::size_t head_ = 0;
+};
 
 // A device as its reactor drives it: owns the ZNRDevice (and, in the
 // subclasses with one, its handler), the receive buffer and the send
@@ -61,7 +97,7 @@ public:
     int GetSendBuffMaxSize() const { return send_buff_max_size_; }
     int GetQueuedSendBytes() const { return queued_send_bytes_.load(std::memory_order_relaxed); }
     std::atomic<int> const* GetQueuedSendBytesCounter() const { return &queued_send_bytes_; }
-    ZNRString const& GetDescInfo() const { return desc_; }
+    ZNRString const& GetDescInfo() const;
     void SetTimeout(unsigned int timeout);
     // The device timer has ended: nothing of it is left to remove.
     void ClearTimer() { timer_ = nullptr; }
@@ -77,6 +113,15 @@ protected:
     // Drops what a write gave from the front of the queue.
     void Written(int bytes);
     void ShrinkRecvBuffer();
+    // Whether reads may start without a buffer: a stream connection whose
+    // engine lends receive memory.
+    bool Lends() const;
+    // A completed read that borrowed the engine's memory: it becomes the
+    // receive buffer's block until the tail left is moved by KeepTail.
+    void TakeLent();
+    // Before the next read gives the lent memory back: what the handler
+    // left goes to a block of the device's own; nothing left, no block.
+    std::uint64_t KeepTail();
     // The bytes in a buffer of their own, the spare one when it fits.
     ZNRByteBuffer* Copy(unsigned char const* data, int size);
     // Takes a buffer that has been written.
@@ -94,18 +139,20 @@ protected:
     int recv_buff_grow_size_;
     int recv_buff_max_size_;
     int send_buff_max_size_;
+    ZNRLentBlock lender_;
     ZNRByteBuffer recv_buffer_;
     ZNRByteBuffer* spare_;
     // The front one is being written and belongs to its write until the
     // completion.
-    std::deque<ZNRByteBuffer*> send_queue_;
+    ZNRSendQueue send_queue_;
     // Read by other threads' sends (under the reactor's loop-event lock),
     // written only here.
     std::atomic<int> queued_send_bytes_;
-    ZNRString desc_;
     // A write is posted; or the connection is not up yet, so sends queue.
     bool sending_;
     bool connecting_;
+    // The read under way borrows the engine's memory.
+    bool lending_;
     bool closing_;
     // The peer has ended its stream while sends were under way.
     bool ended_;

@@ -124,6 +124,9 @@ private:
     friend class ZNRAsyncIOWin32;
     friend struct ZNRCompletionBinding;
 
+    // Begin once the request is known to be sound.
+    void Run(int op, Method_t how, unsigned char* data, int size);
+
     bool read_side_;
     ZNRAsyncIOCB* peer_;
     // The engine's record of the descriptor while one watches it; opaque here.

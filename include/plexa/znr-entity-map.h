@@ -2,7 +2,6 @@
 #define PLEXA_ZNR_ENTITY_MAP_H
 
 #include <plexa/znr-export.h>
-#include <plexa/znr-stl-adapter.h>
 #include <plexa/znr-unpack.h>
 
 #include <map>
@@ -69,8 +68,8 @@ public:
     /// False, and the proxy not taken, when the uri is already registered
     /// or proxy is null; true, and the map owns proxy.
     bool AddEntityMap(unsigned int uri, ZNREntityTargetProxyBase* proxy) {
-        if (proxy == nullptr || entity_maps_->count(uri) != 0) return false;
-        entity_maps_->emplace(uri, std::shared_ptr<ZNREntityTargetProxyBase>(proxy, &EndProxy));
+        if (proxy == nullptr || (entity_maps_ && entity_maps_->count(uri) != 0)) return false;
+        Own().emplace(uri, std::shared_ptr<ZNREntityTargetProxyBase>(proxy, &EndProxy));
         return true;
     }
 
@@ -89,8 +88,12 @@ public:
 
 private:
     static void EndProxy(ZNREntityTargetProxyBase* proxy) { proxy->Destroy(); }
+    // The table, copied first while other maps share it.
+    EntityMap_t& Own();
 
-    ZNRStlAdapter<EntityMap_t> entity_maps_;
+    // Copies share one table until one of them changes (every connection's
+    // handler holds a copy of its server's map); none while empty.
+    std::shared_ptr<EntityMap_t> entity_maps_;
 };
 
 /// Unpacks a body into an Entity (a ZNRMarshallable with a default

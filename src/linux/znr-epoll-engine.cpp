@@ -6,14 +6,21 @@
 #include "znr-linux-engines.h"
 #include "znr-loop-tuning.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <sys/epoll.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
 int const kEventsPerPoll = 64;
+// Receive memory lent to connections, taken when data is there: a
+// connection that waits holds none. Kept for reuse up to a bound.
+int const kLendSize = 16384;
+std::size_t const kSpareLendsMax = 64;
 
 enum Side { kRead = 0, kWrite = 1 };
 
@@ -35,6 +42,7 @@ public:
     int Cancel(ZNRAsyncIO* io) override;
     void Start(ZNRAsyncIOCB* cb) override;
     void Release(ZNRAsyncIOCB* cb) override;
+    bool LendsReceives() const override { return true; }
     std::uint64_t Rebind(ZNRAsyncIOCB* cb, ZNRNativeHandle fd) override;
     void Dissociate(ZNRAsyncIOCB* cb) override;
 
@@ -45,6 +53,8 @@ private:
         ZNRAsyncIOCB* cb = nullptr;
         Handle* handle = nullptr;
         bool ready = false;
+        // The memory a finished receive lent out, back with its release.
+        unsigned char* lent = nullptr;
     };
     struct Handle : ZNRCompletionBinding {
         int fd = -1;
@@ -66,12 +76,15 @@ private:
     std::uint64_t Poll(int timeout_ms);
     void Ready(Handle& handle, Side side);
     void Perform(Handle& handle, Side side);
+    ZNRPerformResult PerformLent(ZNRAsyncIOCB* cb, Entry& entry);
+    void GiveBack(Entry& entry);
 
     int const epfd_;
     ZNRBindingTable<Handle> handles_;
     ZNRCompletionList done_;
     unsigned int handed_since_poll_ = 0;
     epoll_event events_[kEventsPerPoll];
+    std::vector<std::unique_ptr<unsigned char[]>> spare_lends_;
 };
 
 ZNRCompletionEngine* ZNRCreateEpollEngine(std::uint64_t* error) {
@@ -88,6 +101,7 @@ ZNREpollEngine::~ZNREpollEngine() {
     for (std::size_t slot = 0; slot < handles_.Size(); ++slot) {
         for (Entry& entry : handles_.At(static_cast<std::uint32_t>(slot))->side) {
             if (entry.cb != nullptr) ZNRCompletionBinding::Bind(entry.cb, nullptr);
+            delete[] entry.lent;
         }
     }
     ::close(epfd_);
@@ -137,6 +151,7 @@ void ZNREpollEngine::Dissociate(ZNRAsyncIOCB* cb) {
     ::epoll_ctl(epfd_, EPOLL_CTL_DEL, handle.fd, nullptr);
     for (Entry& entry : handle.side) {
         if (entry.queued) done_.Remove(&entry);
+        GiveBack(entry);
         ZNRCompletionBinding::Bind(entry.cb, nullptr);
         entry = Entry{};
     }
@@ -169,6 +184,41 @@ void ZNREpollEngine::Start(ZNRAsyncIOCB* cb) {
 void ZNREpollEngine::Release(ZNRAsyncIOCB* cb) {
     Entry& entry = HandleOf(cb)->side[SideOf(cb)];
     if (entry.queued) done_.Remove(&entry);
+    GiveBack(entry);
+}
+
+void ZNREpollEngine::GiveBack(Entry& entry) {
+    if (entry.lent == nullptr) return;
+    if (spare_lends_.size() < kSpareLendsMax) {
+        spare_lends_.emplace_back(entry.lent);
+    } else {
+        delete[] entry.lent;
+    }
+    entry.lent = nullptr;
+}
+
+// A receive without a buffer reads into lent memory; what it does not keep
+// (nothing came, the end, an error) goes straight back.
+ZNRPerformResult ZNREpollEngine::PerformLent(ZNRAsyncIOCB* cb, Entry& entry) {
+    std::unique_ptr<unsigned char[]> chunk;
+    if (spare_lends_.empty()) {
+        chunk.reset(new unsigned char[kLendSize]);
+    } else {
+        chunk = std::move(spare_lends_.back());
+        spare_lends_.pop_back();
+    }
+    int const wanted = cb->len;
+    cb->buf = chunk.get();
+    cb->len = std::min(wanted, kLendSize);
+    ZNRPerformResult const result = ZNRAsyncPerform(cb, true);
+    if (result != ZNR_PERFORM_AGAIN && cb->transferred > 0) {
+        entry.lent = chunk.release();
+        return result;
+    }
+    cb->buf = nullptr;
+    cb->len = wanted;
+    if (spare_lends_.size() < kSpareLendsMax) spare_lends_.push_back(std::move(chunk));
+    return result;
 }
 
 // Nothing is in the system's hands between edges, so aborting is only
@@ -189,7 +239,10 @@ int ZNREpollEngine::Cancel(ZNRAsyncIO* io) {
 
 void ZNREpollEngine::Perform(Handle& handle, Side side) {
     Entry& entry = handle.side[side];
-    ZNRPerformResult const result = ZNRAsyncPerform(entry.cb, true);
+    ZNRAsyncIOCB* const cb = entry.cb;
+    ZNRPerformResult const result = cb->buf == nullptr && cb->method == ZNRAsyncIOCB::METHOD_RECV
+                                        ? PerformLent(cb, entry)
+                                        : ZNRAsyncPerform(cb, true);
     if (result == ZNR_PERFORM_AGAIN) {
         entry.ready = false;
         // Emptied: any urgent mark has been read past.

@@ -77,6 +77,7 @@ public:
     int Cancel(ZNRAsyncIO* io) override;
     void Start(ZNRAsyncIOCB* cb) override;
     void Release(ZNRAsyncIOCB* cb) override;
+    bool LendsReceives() const override { return true; }
     std::uint64_t Rebind(ZNRAsyncIOCB* cb, ZNRNativeHandle fd) override;
     void Dissociate(ZNRAsyncIOCB* cb) override;
 
@@ -88,8 +89,14 @@ private:
         // The request of the side's operation the kernel holds, if any.
         Kind inflight = kNone;
         // A datagram's header: read by the kernel until the completion.
-        msghdr msg{};
-        iovec iov{};
+        // Made for the first datagram: stream sockets never need one.
+        struct Header {
+            msghdr msg{};
+            iovec iov{};
+        };
+        std::unique_ptr<Header> header;
+        // The ring buffer a finished receive lent out, back with its release.
+        int lent = -1;
     };
     struct Handle : ZNRCompletionBinding {
         int fd = -1;
@@ -138,6 +145,8 @@ private:
     void StopStream(Handle& h);
     void ForgetStream(Handle& h);
     int CopyHeld(Handle& h, unsigned char* dst, int len);
+    int LendHeld(Handle& h, Entry& e);
+    void GiveBack(Entry& e);
     void Hold(Handle& h, unsigned int bid, int len);
     void Recycle(unsigned int bid);
 
@@ -290,6 +299,7 @@ void ZNRUringEngine::Dissociate(ZNRAsyncIOCB* cb) {
             io_uring_register_sync_cancel(&ring_, &reg);
         }
         if (e.queued) done_.Remove(&e);
+        GiveBack(e);
         ZNRCompletionBinding::Bind(e.cb, nullptr);
         e = Entry{};
     }
@@ -338,6 +348,13 @@ void ZNRUringEngine::Start(ZNRAsyncIOCB* cb) { Submit(*HandleOf(cb), SideOf(cb))
 void ZNRUringEngine::Release(ZNRAsyncIOCB* cb) {
     Entry& e = HandleOf(cb)->side[SideOf(cb)];
     if (e.queued) done_.Remove(&e);
+    GiveBack(e);
+}
+
+void ZNRUringEngine::GiveBack(Entry& e) {
+    if (e.lent < 0) return;
+    Recycle(static_cast<unsigned int>(e.lent));
+    e.lent = -1;
 }
 
 int ZNRUringEngine::Cancel(ZNRAsyncIO* io) {
@@ -457,16 +474,17 @@ void ZNRUringEngine::Transfer(Handle& h, Side side) {
         break;
     case ZNRAsyncIOCB::METHOD_RECVFROM:
     case ZNRAsyncIOCB::METHOD_SENDTO:
-        e.iov = iovec{cb->buf, len};
-        e.msg = msghdr{};
-        e.msg.msg_name = cb->addr;
-        e.msg.msg_namelen = cb->addr_len;
-        e.msg.msg_iov = &e.iov;
-        e.msg.msg_iovlen = 1;
+        if (!e.header) e.header.reset(new Entry::Header());
+        e.header->iov = iovec{cb->buf, len};
+        e.header->msg = msghdr{};
+        e.header->msg.msg_name = cb->addr;
+        e.header->msg.msg_namelen = cb->addr_len;
+        e.header->msg.msg_iov = &e.header->iov;
+        e.header->msg.msg_iovlen = 1;
         if (side == kRead) {
-            io_uring_prep_recvmsg(sqe, h.fd, &e.msg, 0);
+            io_uring_prep_recvmsg(sqe, h.fd, &e.header->msg, 0);
         } else {
-            io_uring_prep_sendmsg(sqe, h.fd, &e.msg, MSG_NOSIGNAL);
+            io_uring_prep_sendmsg(sqe, h.fd, &e.header->msg, MSG_NOSIGNAL);
         }
         break;
     default:  // METHOD_LOCAL_ACCEPT
@@ -501,7 +519,7 @@ void ZNRUringEngine::Deliver(Handle& h) {
     ZNRAsyncIOCB* const cb = e.cb;
     if (cb == nullptr || cb->status != ZNRAsyncIOCB::STATUS_RUNNING) return;
     if (h.held_head >= 0) {
-        cb->Complete(CopyHeld(h, cb->buf, cb->len), 0);
+        cb->Complete(cb->buf != nullptr ? CopyHeld(h, cb->buf, cb->len) : LendHeld(h, e), 0);
         Finish(e);
     } else if (h.read_error != 0) {
         cb->Complete(0, h.read_error);
@@ -577,6 +595,24 @@ int ZNRUringEngine::CopyHeld(Handle& h, unsigned char* dst, int len) {
         }
     }
     return n;
+}
+
+// The oldest held bytes, in place: the read's buffer becomes the ring
+// buffer's, which goes back to the kernel once the read is released.
+int ZNRUringEngine::LendHeld(Handle& h, Entry& e) {
+    unsigned int const bid = static_cast<unsigned int>(h.held_head);
+    unsigned int const take =
+        std::min(held_length_[bid] - h.held_offset, static_cast<unsigned int>(e.cb->len));
+    e.cb->buf = buffers_ + static_cast<std::size_t>(bid) * kBufferSize + h.held_offset;
+    h.held_offset += take;
+    if (h.held_offset == held_length_[bid]) {
+        h.held_head = next_held_[bid];
+        if (h.held_head < 0) h.held_tail = -1;
+        h.held_offset = 0;
+        --h.held_count;
+        e.lent = static_cast<int>(bid);
+    }
+    return static_cast<int>(take);
 }
 
 void ZNRUringEngine::Hold(Handle& h, unsigned int bid, int len) {
@@ -780,7 +816,7 @@ void ZNRUringEngine::OnTransferred(Handle& h, Side side, int res) {
         ZNRAsyncAdopt(cb, res, true);
         Finish(e);
     } else {
-        if (cb->method == ZNRAsyncIOCB::METHOD_RECVFROM) cb->addr_len = e.msg.msg_namelen;
+        if (cb->method == ZNRAsyncIOCB::METHOD_RECVFROM) cb->addr_len = e.header->msg.msg_namelen;
         cb->Complete(res, 0);
         Finish(e);
     }
