@@ -20,31 +20,37 @@ namespace {
 char const kDefaultLocaleName[] = "chs";
 std::size_t const kTemplLimit = 4096;
 
+}  // namespace
+
+struct ZNRStringLocale {
+    std::string name;
+    std::locale locale;
+    std::string charset;  // what the name's texts are encoded in
+};
+
+namespace {
+
 // Building a std::locale by name is slow and throws for names the machine
 // lacks (always so for "chs"), so each name is resolved once per process.
-std::locale const& LocaleByName(std::string const& name) {
+ZNRStringLocale const& LocaleByName(std::string const& name) {
     static std::mutex mutex;
-    static std::map<std::string, std::unique_ptr<std::locale>>* cache =
-        new std::map<std::string, std::unique_ptr<std::locale>>();
+    static std::map<std::string, std::unique_ptr<ZNRStringLocale>>* cache =
+        new std::map<std::string, std::unique_ptr<ZNRStringLocale>>();
     std::lock_guard<std::mutex> guard(mutex);
     auto it = cache->find(name);
     if (it != cache->end()) return *it->second;
-    std::unique_ptr<std::locale> locale;
+    std::unique_ptr<ZNRStringLocale> record(new ZNRStringLocale{name, std::locale::classic(),
+                                                                ZNRTextCodec::CharsetOfLocale(name.c_str())});
     try {
-        locale.reset(new std::locale(name.c_str()));
+        record->locale = std::locale(name.c_str());
     } catch (...) {
-        locale.reset(new std::locale(std::locale::classic()));
     }
-    return *cache->emplace(name, std::move(locale)).first->second;
+    return *cache->emplace(name, std::move(record)).first->second;
 }
 
-std::locale const& DefaultLocale() {
-    static std::locale const& locale = LocaleByName(kDefaultLocaleName);
+ZNRStringLocale const& DefaultLocale() {
+    static ZNRStringLocale const& locale = LocaleByName(kDefaultLocaleName);
     return locale;
-}
-
-std::string LocaleCharset(std::string const& locale_name) {
-    return ZNRTextCodec::CharsetOfLocale(locale_name.c_str());
 }
 
 ZNRStdWString UnitsFromBytes(std::string const& bytes) {
@@ -170,9 +176,7 @@ bool IsHighSurrogate(unsigned short unit) { return unit >= 0xD800 && unit < 0xDC
 
 }  // namespace
 
-ZNRString::ZNRString() : locale_(new std::locale(DefaultLocale())) {
-    locale_name_->assign(kDefaultLocaleName);
-}
+ZNRString::ZNRString() : locale_(&DefaultLocale()) {}
 
 ZNRString::ZNRString(unsigned short const* s, char const* locale_name) : locale_(nullptr) {
     SetLocale(locale_name);
@@ -208,16 +212,16 @@ ZNRString::ZNRString(std::string const& s, char const* locale_name) : locale_(nu
 
 ZNRString::ZNRString(char ch, char const* locale_name) : locale_(nullptr) {
     SetLocale(locale_name);
-    wchar_t wide = std::use_facet<std::ctype<wchar_t>>(*locale_).widen(ch);
+    wchar_t wide = std::use_facet<std::ctype<wchar_t>>(locale_->locale).widen(ch);
     // A byte the locale cannot widen on its own keeps its value.
     if (static_cast<unsigned long>(wide) > 0xFFFFu) wide = static_cast<unsigned char>(ch);
     str_->assign(1, static_cast<unsigned short>(wide));
 }
 
 ZNRString::ZNRString(ZNRString const& other)
-    : str_(other.str_), locale_(new std::locale(*other.locale_)), locale_name_(other.locale_name_) {}
+    : str_(other.str_), locale_(other.locale_) {}
 
-ZNRString::~ZNRString() { delete locale_; }
+ZNRString::~ZNRString() = default;
 
 ZNRString& ZNRString::operator=(ZNRString const& other) {
     if (this == &other) {
@@ -225,8 +229,7 @@ ZNRString& ZNRString::operator=(ZNRString const& other) {
                      ToStdCStr().c_str());
         return *this;
     }
-    *locale_ = *other.locale_;
-    locale_name_->assign(*other.locale_name_);
+    locale_ = other.locale_;
     str_->assign(*other.str_);
     return *this;
 }
@@ -250,7 +253,6 @@ ZNRString& ZNRString::operator=(unsigned short ch) {
 void ZNRString::swap(ZNRString& other) {
     str_->swap(*other.str_);
     std::swap(locale_, other.locale_);
-    locale_name_->swap(*other.locale_name_);
 }
 
 ZNRString ZNRString::substr(size_type pos, size_type n) const {
@@ -258,13 +260,13 @@ ZNRString ZNRString::substr(size_type pos, size_type n) const {
 }
 
 ZNRString& ZNRString::ToLower() {
-    std::ctype<wchar_t> const& ctype = std::use_facet<std::ctype<wchar_t>>(*locale_);
+    std::ctype<wchar_t> const& ctype = std::use_facet<std::ctype<wchar_t>>(locale_->locale);
     for (unsigned short& unit : *str_) unit = static_cast<unsigned short>(ctype.tolower(static_cast<wchar_t>(unit)));
     return *this;
 }
 
 ZNRString& ZNRString::ToUpper() {
-    std::ctype<wchar_t> const& ctype = std::use_facet<std::ctype<wchar_t>>(*locale_);
+    std::ctype<wchar_t> const& ctype = std::use_facet<std::ctype<wchar_t>>(locale_->locale);
     for (unsigned short& unit : *str_) unit = static_cast<unsigned short>(ctype.toupper(static_cast<wchar_t>(unit)));
     return *this;
 }
@@ -393,7 +395,7 @@ ZNRString& ZNRString::VNewFromTempl(unsigned short const* fmt, va_list args) {
     // ISO-2022-JP plain characters convert to bytes that include '%'. Only
     // the conversions go to snprintf; text is copied as it stands, and its
     // narrow form still counts toward the cut.
-    std::string const charset = LocaleCharset(*locale_name_);
+    std::string const charset = locale_->charset;
     ZNRStdWString out;
     std::size_t room = kTemplLimit;
     auto narrow_size = [&](unsigned short const* units, std::size_t n) {
@@ -482,7 +484,7 @@ ZNRString& ZNRString::VNewFromTempl(char const* fmt, va_list args) {
 // Formats into a string of this locale, then appends it.
 template <class Char>
 ZNRString& ZNRString::VAppendFromTempl(Char const* fmt, va_list args) {
-    ZNRString part(static_cast<unsigned short const*>(nullptr), locale_name_->c_str());
+    ZNRString part(static_cast<unsigned short const*>(nullptr), locale_->name.c_str());
     part.VNewFromTempl(fmt, args);
     str_->append(*part.str_);
     return *this;
@@ -507,11 +509,11 @@ ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
 unsigned short* ZNRString::MBSToWCS(char const* s) const {
     std::size_t length = s == nullptr ? 0 : std::strlen(s);
     std::string bytes;
-    bool ok = ZNRTextCodec::Convert(LocaleCharset(*locale_name_).c_str(), ZNRTextCodec::Utf16Charset(),
+    bool ok = ZNRTextCodec::Convert(locale_->charset.c_str(), ZNRTextCodec::Utf16Charset(),
                                     s, length, &bytes);
     if (!ok) {
         std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
-                     locale_name_->c_str());
+                     locale_->name.c_str());
     }
     std::size_t units = bytes.size() / 2;
     unsigned short* wide = new unsigned short[(units > length ? units : length) + 1]();
@@ -522,11 +524,11 @@ unsigned short* ZNRString::MBSToWCS(char const* s) const {
 char* ZNRString::WCSToMBS(unsigned short const* s) const {
     std::size_t length = s == nullptr ? 0 : UnitLength(s);
     std::string bytes;
-    bool ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), LocaleCharset(*locale_name_).c_str(),
+    bool ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale_->charset.c_str(),
                                     s, length * 2, &bytes);
     if (!ok) {
         std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
-                     locale_name_->c_str());
+                     locale_->name.c_str());
     }
     std::size_t size = length * 5 + 5;
     if (bytes.size() >= size) size = bytes.size() + 1;
@@ -536,15 +538,12 @@ char* ZNRString::WCSToMBS(unsigned short const* s) const {
 }
 
 void ZNRString::SetLocale(char const* name) {
-    std::string locale_name(name == nullptr ? "" : name);
-    std::locale const& locale = LocaleByName(locale_name);
-    if (locale_ == nullptr) {
-        locale_ = new std::locale(locale);
-    } else {
-        *locale_ = locale;
-    }
-    locale_name_->swap(locale_name);
+    locale_ = &LocaleByName(name == nullptr ? "" : name);
 }
+
+std::locale const& ZNRString::GetLocale() const { return locale_->locale; }
+
+char const* ZNRString::GetLocaleName() const { return locale_->name.c_str(); }
 
 bool operator==(ZNRString const& a, ZNRString const& b) { return Units(a) == Units(b); }
 

@@ -12,6 +12,8 @@
 /// Storage of ZNRString: 16-bit code units.
 typedef std::basic_string<unsigned short> ZNRStdWString;
 
+struct ZNRStringLocale;
+
 /// The library's text: UTF-16 code units with a per-string locale whose
 /// multi-byte encoding is used for narrow text. The locale name "chs" (the
 /// default) is GBK; the empty name is the process's current C locale encoding.
@@ -278,10 +280,10 @@ public:
     ZNRString substr(size_type pos = 0, size_type n = npos) const;
 
     // The library's own members.
-    /// The string's locale, owned by the string.
-    std::locale const& GetLocale() const { return *locale_; }
+    /// The string's locale, valid for the process's life.
+    std::locale const& GetLocale() const;
     /// The locale's name as given ("chs" by default; "" the process's).
-    char const* GetLocaleName() const { return locale_name_->c_str(); }
+    char const* GetLocaleName() const;
     /// Lowers every unit in place with the locale's rules; returns *this.
     ZNRString& ToLower();
     /// Raises every unit in place with the locale's rules; returns *this.
@@ -344,8 +346,9 @@ private:
     ZNRString& VAppendFromTempl(Char const* fmt, va_list args);
 
     ZNRStlAdapter<ZNRStdWString> str_;
-    std::locale* locale_;
-    ZNRStlAdapter<std::string> locale_name_;
+    // Shared by every string of that locale name, never freed: a string
+    // allocates nothing for its locale.
+    ZNRStringLocale const* locale_;
 };
 
 /// Same units (locales are not compared).
