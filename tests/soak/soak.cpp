@@ -782,6 +782,8 @@ void Soak(int seconds, int clients) {
 
 // ------------------------------------------------------------ idle
 
+long long const kIdleHeapMax = 2048;
+
 void Idle(int count, int grow) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -862,8 +864,11 @@ void Idle(int count, int grow) {
     close(ready[0]);
     if (child > 0) waitpid(child, nullptr, 0);
     if (!answered) Failure("idle: no echo from the reactor within 1 s under %d idle connections", opened);
+    long long const per_conn = (static_cast<long long>(after) - static_cast<long long>(before)) / std::max(opened, 1);
     std::printf("soak: idle_connections=%d recv_grow=%d idle_heap_bytes_per_conn=%lld live_rtt_us=%.0f\n", opened,
-                grow, (static_cast<long long>(after) - static_cast<long long>(before)) / std::max(opened, 1), us);
+                grow, per_conn, us);
+    // Receive memory comes with data: a waiting connection costs its objects only.
+    if (per_conn > kIdleHeapMax) Failure("idle: %lld heap bytes per idle connection, the budget is %lld", per_conn, kIdleHeapMax);
     Mgr()->RemoveAll();
 }
 
