@@ -43,7 +43,7 @@ bool LevelOf(int priority, int* level) {
     case 0: *level = THREAD_PRIORITY_HIGHEST; return true;
     case 1: *level = THREAD_PRIORITY_ABOVE_NORMAL; return true;
     case 2: return false;
-    default: *level = THREAD_PRIORITY_LOWEST; return true;
+    default: *level = THREAD_PRIORITY_IDLE; return true;
     }
 }
 
