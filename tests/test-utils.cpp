@@ -192,6 +192,23 @@ TEST(FilePathInfo, SplitsAtLastSlashAndDot) {
     EXPECT_EQ("kept", info.name.ToStdCStr());
 }
 
+#ifdef _WIN32
+TEST(FilePathInfo, WindowsSplitsAtBackslashesOnly) {
+    char const* const cases[][4] = {
+        {"c:\\logs\\app.log", "c:\\logs", "app", "log"}, {"c:\\app", "c:", "app", ""},
+        {"\\\\server\\share\\a.b.c", "\\\\server\\share", "a.b", "c"},
+        {"logs/app.log", "", "logs/app", "log"}, {"a.d/b", "", "a", "d/b"},
+    };
+    for (auto const& c : cases) {
+        ZNRFilePathInfo_t info;
+        ZNRGetFilePathInfo(ZNRString(c[0]), &info);
+        EXPECT_EQ(std::string(c[1]) + "|" + c[2] + "|" + c[3],
+                  info.directory.ToStdCStr() + "|" + info.name.ToStdCStr() + "|" + info.extension.ToStdCStr())
+            << c[0];
+    }
+}
+#endif
+
 TEST_F(FileSystemTest, TestFileModes) {
     Touch("file");
     using R = std::pair<std::uint64_t, bool>;
