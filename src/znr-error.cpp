@@ -125,11 +125,3 @@ std::error_category const& ZNRErrorCategory() {
     return category;
 }
 
-std::error_code ZNRMakeErrorCode(std::uint64_t code) {
-    int const number = static_cast<int>(ZNRErrorNumber(code));
-    if (code == ZNR_ERROR_NONE) return std::error_code();
-    if (ZNRErrorKind(code) == 0) return std::error_code(number, std::generic_category());
-    if (ZNRErrorKind(code) == 1) return std::error_code(number, std::system_category());
-    // -1 keeps a code of foreign origin from passing for a library error.
-    return std::error_code(IsLibraryCode(code) ? number : -1, ZNRErrorCategory());
-}

@@ -3,6 +3,8 @@
 #include <plexa/znr-string.h>
 #include <plexa/znr-utils.h>
 
+#include "znr-file-system.h"
+
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -24,7 +26,8 @@ namespace {
 
 unsigned int const kMessageLimit = 1024;
 unsigned int const kLineLimit = 2049;
-char const kDefaultDirectory[] = "./";
+// The working directory: "./" or ".\".
+char const kDefaultDirectory[] = {'.', kZNRPathSeparator, '\0'};
 char const kDefaultFileName[] = "znr.log";
 unsigned int const kMaxRotationIndex = 100;
 
@@ -221,7 +224,7 @@ void ZNRNormalLoggerWriter::CheckFile() {
     if (path.empty()) {
         if (directory_ != nullptr) {
             path = directory_;
-            path += '/';
+            path += kZNRPathSeparator;
         } else {
             path = kDefaultDirectory;
         }

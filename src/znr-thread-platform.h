@@ -2,6 +2,7 @@
 #define PLEXA_SRC_ZNR_THREAD_PLATFORM_H
 
 #include <cstdint>
+#include <memory>
 
 // The platform's view of one thread: a thread started here, or a thread
 // started elsewhere and adopted by the thread manager.
@@ -22,8 +23,17 @@ void ZNRPlatformThreadRelease(ZNRThreadHandle* handle);
 
 // A handle on the calling thread, which the library did not start. Waiting
 // on it returns once that thread has ended (exit code 0): the end is marked
-// by a thread-exit hook added here, ahead of any the caller adds after.
+// by a thread-exit hook added here (ZNRThreadWatchEnd), ahead of any the
+// caller adds after.
 ZNRThreadHandle* ZNRPlatformThreadAdoptCurrent(std::uint64_t* error);
+
+// What waiters on an adopted thread wait for; each platform keeps its own.
+struct ZNRThreadEnd;
+void ZNRPlatformThreadEndMark(ZNRThreadEnd* end);
+
+// Has end marked when the calling thread ends, before any exit hook added
+// later. The hook goes once only end's waiters are gone.
+std::uint64_t ZNRThreadWatchEnd(std::shared_ptr<ZNRThreadEnd> const& end);
 
 // Names the calling thread for debuggers and tools.
 void ZNRPlatformThreadSetName(char const* name);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 template class ZNRSingleton<ZNRThreadMgr>;
@@ -60,6 +61,29 @@ public:
 private:
     std::atomic<ZNRThread*> thread_;
 };
+
+namespace {
+
+// Marks an adopted thread's end for whoever waits on its handle.
+class ThreadEndHook : public ZNRThreadExitHook {
+public:
+    explicit ThreadEndHook(std::shared_ptr<ZNRThreadEnd> end) : end_(std::move(end)) {}
+    void OnThreadExit() override { ZNRPlatformThreadEndMark(end_.get()); }
+    // Nobody can wait once the handle is gone.
+    bool Expired() override { return end_.use_count() == 1; }
+
+private:
+    std::shared_ptr<ZNRThreadEnd> end_;
+};
+
+}  // namespace
+
+std::uint64_t ZNRThreadWatchEnd(std::shared_ptr<ZNRThreadEnd> const& end) {
+    ThreadEndHook* hook = new ThreadEndHook(end);
+    std::uint64_t const error = ZNRAtThreadExit(hook);
+    if (error != 0) hook->Destroy();
+    return error;
+}
 
 ZNRThreadRunable::~ZNRThreadRunable() {}
 

@@ -1,4 +1,8 @@
+#include <plexa/znr-error.h>
 #include <plexa/znr-utils.h>
+
+#include "znr-file-system.h"
+#include "znr-time.h"
 
 #include <cerrno>
 #include <climits>
@@ -222,9 +226,30 @@ bool ZNRStrptime(ZNRString const& text, ZNRString const& format, std::int64_t* o
     return true;
 }
 
+void ZNRGetDate(ZNRDate_t* out, std::int64_t const* time) {
+    std::tm local;
+    if (out == nullptr || !ZNRPlatformLocalTime(time, &local)) return;
+    out->year = local.tm_year + 1900;
+    out->month = local.tm_mon + 1;
+    out->day = local.tm_mday;
+    out->hour = local.tm_hour;
+    out->minute = local.tm_min;
+    out->second = local.tm_sec;
+}
+
+std::uint64_t ZNRTestFile(char const* path, ZNRTestFileMode_t mode, bool* result) {
+    static int const kAccessModes[] = {0, 2, 4, 6};
+    if (static_cast<unsigned int>(mode) > 3) return ZNR_ERROR_INVALID_PARAM;
+    if (path == nullptr) return ZNRCrtError(EINVAL);
+    int const err = ZNRPlatformFileAccess(path, kAccessModes[mode]);
+    if (err != 0 && err != (mode == ZNR_TEST_FILE_EXIST ? ENOENT : EACCES)) return ZNRCrtError(err);
+    if (result != nullptr) *result = err == 0;
+    return 0;
+}
+
 void ZNRGetFilePathInfo(ZNRString const& path, ZNRFilePathInfo_t* out) {
     if (out == nullptr || path.empty()) return;
-    ZNRString::size_type const slash = path.rfind(static_cast<unsigned short>('/'));
+    ZNRString::size_type const slash = path.rfind(static_cast<unsigned short>(kZNRPathSeparator));
     ZNRString::size_type const name_begin = slash == ZNRString::npos ? 0 : slash + 1;
     ZNRString::size_type dot = path.rfind(static_cast<unsigned short>('.'));
     if (dot != ZNRString::npos && dot < name_begin) dot = ZNRString::npos;

@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <string>
 
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <dlfcn.h>
-#include <unistd.h>
+#endif
 
 namespace {
 
@@ -18,12 +21,37 @@ char const kPlugin[] = PLEXA_TEST_PLUGIN;
 
 std::string Text(ZNRString const& s) { return s.ToStdCStr(); }
 
-// Whether the process still holds the library, without loading it.
+// Whether the process still holds the library, without loading it; and the
+// loader's words for a failure.
+#ifdef _WIN32
+bool Resident(char const* path) { return GetModuleHandleA(path) != nullptr; }
+
+// The system's text, on one line.
+std::string LoaderText(DWORD error) {
+    wchar_t* text = nullptr;
+    DWORD const n = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                                       FORMAT_MESSAGE_IGNORE_INSERTS,
+                                   nullptr, error, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    std::wstring wide(text, n);
+    LocalFree(text);
+    while (!wide.empty() && (wide.back() == L'\n' || wide.back() == L'\r')) wide.pop_back();
+    return ZNRString(ZNRStdWString(wide.begin(), wide.end()), "").ToStdCStr();
+}
+
+std::string const kMissingSymbol = "plexa_no_such_symbol: " + LoaderText(ERROR_PROC_NOT_FOUND);
+std::string const kMissingPath = "C:\\nonexistent\\plexa-missing.dll";
+std::string const kMissingText = kMissingPath + ": " + LoaderText(ERROR_MOD_NOT_FOUND);
+#else
 bool Resident(char const* path) {
     void* const h = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);
     if (h != nullptr) ::dlclose(h);
     return h != nullptr;
 }
+
+std::string const kMissingSymbol = "undefined symbol: plexa_no_such_symbol";
+std::string const kMissingPath = "/nonexistent/plexa-missing.so";
+std::string const kMissingText = kMissingPath + ": cannot open shared object file";
+#endif
 
 }  // namespace
 
@@ -46,7 +74,7 @@ TEST(DllLoader, LoadLookUpUnload) {
 
     // A failed lookup leaves the library loaded and says why; a success clears the text.
     EXPECT_EQ(kLoaderFailed, dll.GetSymbol("plexa_no_such_symbol", &sym));
-    EXPECT_NE(std::string::npos, Text(dll.GetErrorText()).find("undefined symbol: plexa_no_such_symbol"))
+    EXPECT_NE(std::string::npos, Text(dll.GetErrorText()).find(kMissingSymbol))
         << Text(dll.GetErrorText());
     ASSERT_EQ(0u, dll.GetSymbol("plexa_test_plugin_add", &sym));
     EXPECT_EQ("", Text(dll.GetErrorText()));
@@ -73,7 +101,7 @@ TEST(DllLoader, FailuresCarryTheLoaderText) {
     std::fputs("plain text, not an object file\n", f);
     std::fclose(f);
     std::string const rows[][2] = {  // path, start of the error text (the loader's own words)
-        {"/nonexistent/plexa-missing.so", "/nonexistent/plexa-missing.so: cannot open shared object file"},
+        {kMissingPath, kMissingText},
         {not_elf, not_elf + ": "},
     };
     for (auto const& row : rows) {
@@ -85,5 +113,5 @@ TEST(DllLoader, FailuresCarryTheLoaderText) {
     }
     // Not the program itself, as the loader would take an empty name.
     EXPECT_EQ(ZNRSysError(EINVAL), ZNRDllLoader().Load(ZNRString("")));
-    ::unlink(not_elf.c_str());
+    std::remove(not_elf.c_str());
 }

@@ -1,5 +1,7 @@
 #include <plexa/plexa.h>
 
+#include "fs-test-util.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,16 +9,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace {
+
+// errno of a path that goes through a plain file.
+#ifdef _WIN32
+int const kThroughFile = ENOENT;
+#else
+int const kThroughFile = ENOTDIR;
+#endif
 
 struct Captured {
     int writer;
@@ -48,14 +55,10 @@ class LoggerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         logger_->RegisterWriter(new CaptureWriter(1, &lines_));
-        char pattern[] = "/tmp/plexa-logger-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        dir_ = pattern;
     }
     void TearDown() override {
         logger_->UnregisterAllWriters();
         logger_->Unmask(0xFF);
-        EXPECT_EQ(0, std::system(("rm -rf '" + dir_ + "'").c_str()));
     }
     void Write(unsigned char level, char const* message) { logger_->Write(1, level, "f", 1, "F", "%s", message); }
     std::string Messages() const {
@@ -66,8 +69,12 @@ protected:
 
     ZNRLogger* logger_ = ZNRSingleton<ZNRLogger>::Instance();
     std::vector<Captured> lines_;
-    std::string dir_;
+    fstest::TempDir temp_{"plexa-logger"};
+    std::string const dir_ = temp_.path();
 };
+
+// dir_/rel in the platform's spelling.
+std::string In(std::string const& dir, std::string const& rel) { return dir + fstest::kSep + fstest::Native(rel); }
 
 std::int64_t LocalTime(int year, int month, int day, int hour, int minute, int second) {
     std::tm tm = {};
@@ -76,9 +83,10 @@ std::int64_t LocalTime(int year, int month, int day, int hour, int minute, int s
     return static_cast<std::int64_t>(std::mktime(&tm));
 }
 
+// In text mode: log files end their lines as the platform does.
 std::string ReadFile(std::string const& path) {
     std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
@@ -190,11 +198,11 @@ TEST(LoggerFormatTest, LevelNamesLineFormatsAndFunctionNames) {
 
 TEST_F(LoggerTest, WriterOptionsDefaultsAndUnknownIds) {
     ZNRNormalLoggerWriter* writer = new ZNRNormalLoggerWriter();
-    char text[32];
+    char text[260];
     std::memset(text, '#', sizeof text);
     std::uint32_t size = 1, console = 1;
     EXPECT_EQ(0u, writer->GetOption(0, text, 3));  // exactly fits "./" and its terminator
-    EXPECT_STREQ("./", text);
+    EXPECT_EQ(std::string(".") + fstest::kSep, text);
     EXPECT_EQ(0u, writer->GetOption(3, text, 8) | writer->GetOption(1, &size, 4) | writer->GetOption(2, &console, 4));
     EXPECT_STREQ("znr.log", text);
     EXPECT_EQ(629145600u, size);
@@ -205,10 +213,9 @@ TEST_F(LoggerTest, WriterOptionsDefaultsAndUnknownIds) {
     EXPECT_EQ(unknown, writer->SetOption(0xFFFFFFFFu, &size, 4));
 
     // Values are copied and terminated; the directory is created with its parents.
-    std::string const dir = dir_ + "/a/b";
+    std::string const dir = In(dir_, "a/b");
     EXPECT_EQ(0u, SetText(writer, 0, dir));
-    struct stat st;
-    EXPECT_TRUE(stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode));
+    EXPECT_TRUE(std::filesystem::is_directory(dir));
     EXPECT_EQ(0u, writer->GetOption(0, text, sizeof text));
     EXPECT_EQ(dir, text);
     EXPECT_EQ(0u, writer->SetOption(3, "svc.logXXXX", 7));
@@ -218,7 +225,7 @@ TEST_F(LoggerTest, WriterOptionsDefaultsAndUnknownIds) {
 }
 
 TEST_F(LoggerTest, WriterAppendsLinesAndRotatesToNumberedFiles) {
-    std::string const live = dir_ + "/r.log";
+    std::string const live = In(dir_, "r.log");
     { std::ofstream(live + ".2") << "old\n"; }  // taken before the writer starts: rotation skips it
     ZNRNormalLoggerWriter* writer = NewWriter(dir_, "r.log", 116, 0);
     std::int64_t const t = LocalTime(2024, 3, 5, 7, 8, 9);
@@ -236,15 +243,15 @@ TEST_F(LoggerTest, WriterAppendsLinesAndRotatesToNumberedFiles) {
     EXPECT_EQ("old\n", ReadFile(live + ".2"));
     EXPECT_EQ(expected[4] + expected[5], ReadFile(live + ".3"));
     EXPECT_EQ(expected[6], ReadFile(live));
-    EXPECT_NE(0, access((live + ".4").c_str(), F_OK));
+    EXPECT_FALSE(std::filesystem::exists(live + ".4"));
 
     // The path was built once: a later directory or name is ignored.
-    std::string const other = dir_ + "/other", late = "[ERROR, 2024/3/5 7:8:9] late\n";
+    std::string const other = In(dir_, "other"), late = "[ERROR, 2024/3/5 7:8:9] late\n";
     EXPECT_EQ(0u, SetText(writer, 0, other) | writer->SetOption(3, "x.log", 5));
     ZNRLoggerEntry entry = {t, ZNRLogger::LOGL_ERROR, "late", "f", 1, "F"};
     writer->OnWrite(&entry);
     EXPECT_EQ(expected[6] + late, ReadFile(live));
-    EXPECT_NE(0, access((other + "/x.log").c_str(), F_OK));
+    EXPECT_FALSE(std::filesystem::exists(In(other, "x.log")));
     writer->Destroy();
 
     // A new writer counts the live file's size: it appends once, past the maximum, then rotates
@@ -271,20 +278,20 @@ TEST_F(LoggerTest, WriterEchoesToTheConsoleAndReportsUnopenableFiles) {
         EXPECT_EQ(to_stdout ? line : "", out) << int(level);
     }
     logger_->UnregisterAllWriters();
-    std::string const file = ReadFile(dir_ + "/c.log");
+    std::string const file = ReadFile(In(dir_, "c.log"));
     EXPECT_EQ(7, std::count(file.begin(), file.end(), '\n'));
     EXPECT_EQ(0u, file.find("[ALERT, 2023/11/1 0:0:0] m\n"));
 
     // A plain file where a directory should be: every write reports again.
-    { std::ofstream(dir_ + "/plain") << "x"; }
-    std::string const dir = dir_ + "/plain/sub";
+    { std::ofstream(In(dir_, "plain")) << "x"; }
+    std::string const dir = In(dir_, "plain/sub");
     ZNRNormalLoggerWriter* writer = new ZNRNormalLoggerWriter();
     EXPECT_NE(0u, SetText(writer, 0, dir));
     ZNRLoggerEntry entry = {1, ZNRLogger::LOGL_ERROR, "lost", "f", 1, "F"};
     testing::internal::CaptureStderr();
     for (int i = 0; i < 2; ++i) writer->OnWrite(&entry);
-    std::string const once = "Can not open log file \"" + dir +
-                             "/znr.log\", errno=20\nCan not write log to file, file is not opened, may be "
+    std::string const once = "Can not open log file \"" + In(dir, "znr.log") + "\", errno=" +
+                             std::to_string(kThroughFile) + "\nCan not write log to file, file is not opened, may be "
                              "privious was opened failed!\n";
     EXPECT_EQ(once + once, testing::internal::GetCapturedStderr());
     writer->Destroy();
@@ -304,7 +311,7 @@ TEST_F(LoggerTest, RegisteredWriterTakesOptionsWhileAnotherThreadLogs) {
                           writer->GetOption(3, name, sizeof name));
     }
     logging.join();
-    std::string const file = ReadFile(dir_ + "/s.log");
+    std::string const file = ReadFile(In(dir_, "s.log"));
     EXPECT_EQ(300, std::count(file.begin(), file.end(), '\n'));
 }
 

@@ -8,11 +8,22 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "fs-test-util.h"
+
+#ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+#include <windows.h>
+#else
 #include <fcntl.h>
 #include <unistd.h>
+#endif
 
 using namespace reactortest;
 
@@ -29,6 +40,90 @@ ZNRProcessParam Param(std::string const& program, std::vector<std::string> const
     for (std::string const& e : env) param.env->push_back(ZNRString(e));
     return param;
 }
+
+// The children the tests start: POSIX tools on Linux; on Windows this
+// program itself, which plays the tool named after "--plexa-child" and exits
+// before any test runs.
+#ifdef _WIN32
+int const kKilled = 9;  // what a killed child reports, as SIGKILL on Linux
+std::string const kChildFlag = "--plexa-child";
+
+// Found by its bare name, in this program's own directory.
+ZNRProcessParam Child(std::vector<std::string> args, std::vector<std::string> const& env = {}) {
+    args.insert(args.begin(), kChildFlag);
+    return Param("test-process", args, env);
+}
+
+void CopyInput() {
+    char buf[512];
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, stdin)) > 0;) std::fwrite(buf, 1, n, stdout);
+}
+
+int PlayChild(int argc, char** argv) {
+    _setmode(0, _O_BINARY), _setmode(1, _O_BINARY), _setmode(2, _O_BINARY);
+    std::string const role = argv[0];
+    if (role == "cat") CopyInput();
+    if (role == "err-cat") std::fputs("err", stderr), std::fflush(stderr), CopyInput();
+    if (role == "exit") return std::atoi(argv[1]);
+    if (role == "sleep") Sleep(60000);
+    for (int i = 1; role == "args" && i < argc; ++i) std::printf("[%s]\n", argv[i]);
+    for (int i = 1; role == "getenv" && i < argc; ++i)
+        std::printf("%s%s", std::getenv(argv[i]), i + 1 < argc ? " " : "\n");
+    // Wine's loader adds its own entries to every environment.
+    auto const added = [](std::string const& e) {
+        return e.rfind("WINE", 0) == 0 || e.rfind("SystemDrive=", 0) == 0 || e.rfind("SystemRoot=", 0) == 0;
+    };
+    if (role == "env")
+        for (char* e = GetEnvironmentStringsA(); *e != '\0'; e += std::strlen(e) + 1)
+            if (!added(e)) std::printf("%s\n", e);
+    if (role == "mixed") {
+        for (char const* part : {"1", "2", "3"})
+            std::fputs(part, part[0] == '2' ? stderr : stdout), std::fflush(part[0] == '2' ? stderr : stdout);
+    }
+    return 0;
+}
+
+struct ChildRole {
+    ChildRole() {
+        if (__argc >= 3 && __argv[1] == kChildFlag) std::exit(PlayChild(__argc - 2, __argv + 2));
+    }
+} const g_child_role;
+
+ZNRProcessParam Cat() { return Child({"cat"}); }
+ZNRProcessParam ErrThenCat() { return Child({"err-cat"}); }
+ZNRProcessParam Exit(int code) { return Child({"exit", std::to_string(code)}); }
+ZNRProcessParam Sleeper() { return Child({"sleep"}); }
+ZNRProcessParam PrintArgs(std::vector<std::string> const& args) {
+    std::vector<std::string> all = {"args"};
+    all.insert(all.end(), args.begin(), args.end());
+    return Child(all);
+}
+ZNRProcessParam PrintEnv(std::vector<std::string> const& env) { return Child({"env"}, env); }
+ZNRProcessParam PrintVars(std::vector<std::string> const& names, std::vector<std::string> const& env) {
+    std::vector<std::string> all = {"getenv"};
+    all.insert(all.end(), names.begin(), names.end());
+    return Child(all, env);
+}
+ZNRProcessParam Mixed() { return Child({"mixed"}); }
+#else
+int const kKilled = SIGKILL;
+ZNRProcessParam Cat() { return Param("/bin/cat"); }
+ZNRProcessParam ErrThenCat() { return Param("/bin/sh", {"-c", "printf err >&2; cat"}); }
+ZNRProcessParam Exit(int code) { return Param("/bin/sh", {"-c", "exit " + std::to_string(code)}); }
+ZNRProcessParam Sleeper() { return Param("sleep", {"60"}); }  // found through PATH
+ZNRProcessParam PrintArgs(std::vector<std::string> const& args) {
+    std::vector<std::string> all = {"[%s]\\n"};
+    all.insert(all.end(), args.begin(), args.end());
+    return Param("/usr/bin/printf", all);
+}
+ZNRProcessParam PrintEnv(std::vector<std::string> const& env) { return Param("/usr/bin/env", {}, env); }
+ZNRProcessParam PrintVars(std::vector<std::string> const& names, std::vector<std::string> const& env) {
+    std::string line = "echo \"";
+    for (std::string const& name : names) line += (&name == &names[0] ? "$" : " $") + name;
+    return Param("/bin/sh", {"-c", line + "\""}, env);
+}
+ZNRProcessParam Mixed() { return Param("/bin/sh", {"-c", "printf 1; printf 2 >&2; printf 3"}); }
+#endif
 
 // Everything standard output (or error) carries, up to its end.
 std::string ReadAll(ZNRProcess* p, bool error_output = false) {
@@ -73,15 +168,21 @@ private:
 
 class Process : public LogCaptureTest {};
 
+#ifdef _WIN32
+int const kBusy = ERROR_BUSY;
+#else
+int const kBusy = EBUSY;
+#endif
+
 }  // namespace
 
 TEST_F(Process, EchoThroughPipesExactBytes) {
     ZNRProcessWin32 p;
     EXPECT_EQ(kNotReady, p.WriteInput("x", 1));
-    ASSERT_EQ(0u, p.Start(Param("/bin/cat")));
+    ASSERT_EQ(0u, p.Start(Cat()));
     EXPECT_GT(p.GetPid(), 0);
     EXPECT_TRUE(p.IsRunning());
-    EXPECT_EQ(ZNRSysError(EBUSY), p.Start(Param("/bin/cat")));
+    EXPECT_EQ(ZNRSysError(kBusy), p.Start(Cat()));
     std::string const data("line one\n\0\xff tail without newline", 32);
     ASSERT_EQ(0u, p.WriteInput(data.data(), 10));
     ASSERT_EQ(0u, p.WriteInput(data.data() + 10, static_cast<unsigned int>(data.size() - 10)));
@@ -94,12 +195,14 @@ TEST_F(Process, EchoThroughPipesExactBytes) {
 }
 
 TEST_F(Process, OutputThroughReactor) {
+    ASSERT_EQ(0u, ZNRInit());
     ZNRReactorMgr* const mgr = ZNRSingleton<ZNRReactorMgr>::Instance();
     std::uint64_t err = 0;
     std::uint64_t const id = mgr->New(&err);
+    ASSERT_EQ(0u, err) << ZNRGetErrorText(err);
     ASSERT_EQ(0u, mgr->StartThread(id, ZNRString("process-loop"), nullptr));
     Journal j;
-    ZNRProcessParam param = Param("/bin/sh", {"-c", "printf err >&2; cat"});
+    ZNRProcessParam param = ErrThenCat();
     param.reactor_id = id;
     param.output_handler = new OutputHandler(&j, "out");
     param.error_handler = new OutputHandler(&j, "err");
@@ -136,41 +239,60 @@ TEST_F(Process, OutputThroughReactor) {
 }
 
 TEST_F(Process, ExitCodesSignalsAndKill) {
-    std::string const rows[][2] = {{"exit 3", "3/0"}, {"kill -TERM $$", "-1/" + std::to_string(SIGTERM)}};
+    std::vector<std::pair<ZNRProcessParam, std::string>> rows;
+    rows.emplace_back(Exit(3), "3/0");
+#ifdef __linux__
+    rows.emplace_back(Param("/bin/sh", {"-c", "kill -TERM $$"}), "-1/" + std::to_string(SIGTERM));
+#endif
     for (auto const& row : rows) {
         ZNRProcessWin32 p;
-        ASSERT_EQ(0u, p.Start(Param("/bin/sh", {"-c", row[0]})));
+        ASSERT_EQ(0u, p.Start(row.first));
         EXPECT_EQ(0u, p.Wait(-1));
-        EXPECT_EQ(row[1], Status(p));
+        EXPECT_EQ(row.second, Status(p));
         EXPECT_EQ(0u, p.Wait(0));  // already reaped
     }
 
     ZNRProcessWin32 p;
-    ASSERT_EQ(0u, p.Start(Param("sleep", {"60"})));  // found through PATH
+    ASSERT_EQ(0u, p.Start(Sleeper()));
     EXPECT_EQ(kTimedOut, p.Wait(0));
     EXPECT_EQ(kTimedOut, p.Wait(20));
     EXPECT_TRUE(p.IsRunning());
     EXPECT_EQ(0u, p.Kill());
     EXPECT_EQ(0u, p.Wait(-1));
-    EXPECT_EQ("-1/" + std::to_string(SIGKILL), Status(p));
+    EXPECT_EQ("-1/" + std::to_string(kKilled), Status(p));
     EXPECT_EQ(0u, p.Kill());  // ended already
     EXPECT_EQ("", ReadAll(&p));
     // Reusable once ended, with the last status forgotten.
-    ASSERT_EQ(0u, p.Start(Param("/bin/true")));
+    ASSERT_EQ(0u, p.Start(Exit(0)));
     EXPECT_EQ(0u, p.Wait(-1));
     EXPECT_EQ("0/0", Status(p));
 }
 
 TEST_F(Process, StartFailuresAreErrors) {
+    fstest::TempDir dir("plexa-process");
+    std::string const text_file = dir.Path("text.txt");
+    std::FILE* f = std::fopen(text_file.c_str(), "w");
+    ASSERT_NE(nullptr, f);
+    std::fputs("not a program\n", f);
+    std::fclose(f);
+#ifdef _WIN32
+    int const no_file = ERROR_FILE_NOT_FOUND, no_path = ERROR_FILE_NOT_FOUND, not_program = ERROR_BAD_EXE_FORMAT,
+              invalid = ERROR_INVALID_PARAMETER;
+    char const* const no_dir_program = "C:\\nonexistent\\plexa-program.exe";
+#else
+    int const no_file = ENOENT, no_path = ENOENT, not_program = EACCES, invalid = EINVAL;
+    char const* const no_dir_program = "/nonexistent/plexa-program";
+    ASSERT_EQ(0, ::chmod(text_file.c_str(), 0644));  // not executable
+#endif
     struct {
         ZNRProcessParam param;
         int err;
     } const rows[] = {
-        {Param("/nonexistent/plexa-program"), ENOENT},
-        {Param("plexa-no-such-program"), ENOENT},
-        {Param("/etc/passwd"), EACCES},
-        {Param(""), EINVAL},
-        {Param("/usr/bin/env", {}, {"NO_EQUALS_SIGN"}), EINVAL},
+        {Param(no_dir_program), no_path},
+        {Param("plexa-no-such-program"), no_file},
+        {Param(text_file), not_program},
+        {Param(""), invalid},
+        {PrintEnv({"NO_EQUALS_SIGN"}), invalid},
     };
     for (auto const& row : rows) {
         ZNRProcessWin32 p;
@@ -183,27 +305,32 @@ TEST_F(Process, StartFailuresAreErrors) {
 }
 
 TEST_F(Process, ArgumentsEnvironmentAndDescriptorsVerbatim) {
-    std::vector<std::string> const args = {"[%s]\\n", "a b", "it's", "\"q\"", "$HOME", "*", "", "back\\slash", "\t;|&"};
+    // Windows splits a command line itself: quotes and the backslashes
+    // before them must come through too.
+    std::vector<std::string> const args = {"a b", "it's", "\"q\"", "$HOME", "*", "", "back\\slash", "\t;|&",
+                                           "tail\\", "\\\"", "%PATH%", "a\\\\\"b c"};
     std::string expected;
-    for (std::size_t i = 1; i < args.size(); ++i) expected += "[" + args[i] + "]\n";
-    EXPECT_EQ(expected, Output(Param("/usr/bin/printf", args)));
+    for (std::string const& arg : args) expected += "[" + arg + "]\n";
+    EXPECT_EQ(expected, Output(PrintArgs(args)));
 
-    ZNRProcessParam env = Param("/usr/bin/env", {}, {"A=1", "B=two words"});
+    ZNRProcessParam env = PrintEnv({"A=1", "B=two words"});
     env.inherit_env = false;
     EXPECT_EQ("A=1\nB=two words\n", Output(env));
-    ::setenv("PLEXA_PROCESS_KEPT", "kept", 1);
-    ::setenv("PLEXA_PROCESS_OVERRIDDEN", "old", 1);
-    EXPECT_EQ("kept new\n", Output(Param("/bin/sh", {"-c", "echo \"$PLEXA_PROCESS_KEPT $PLEXA_PROCESS_OVERRIDDEN\""},
-                                         {"PLEXA_PROCESS_OVERRIDDEN=new"})));
+    fstest::SetEnv("PLEXA_PROCESS_KEPT", "kept");
+    fstest::SetEnv("PLEXA_PROCESS_OVERRIDDEN", "old");
+    EXPECT_EQ("kept new\n", Output(PrintVars({"PLEXA_PROCESS_KEPT", "PLEXA_PROCESS_OVERRIDDEN"},
+                                             {"PLEXA_PROCESS_OVERRIDDEN=new"})));
 
-    ZNRProcessParam merged = Param("/bin/sh", {"-c", "printf 1; printf 2 >&2; printf 3"});
+    ZNRProcessParam merged = Mixed();
     merged.error_to_output = true;
     EXPECT_EQ("123", Output(merged));
 
+#ifdef __linux__
     // Only 0-2 reach the child, even a descriptor left inheritable here;
     // 3 is the directory ls itself opens.
     int const open_here = ::open("/dev/null", O_RDONLY);
     ASSERT_GE(open_here, 0);
     EXPECT_EQ("0\n1\n2\n3\n", Output(Param("/bin/ls", {"-1", "/proc/self/fd"})));
     ::close(open_here);
+#endif
 }

@@ -2,9 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
 
 namespace {
 
@@ -39,7 +44,9 @@ TEST(ZNRStringTest, NarrowConversionsKeepThePrefixAndReportFailures) {
         {"A\xD6", "chs", {'A'}, "chs"}, {"AB\xD6\x20" "C", "chs", {'A', 'B'}, "chs"},
         {"ok\xE4", "C", {'o', 'k'}, "C"}, {"x", "no-such-charset", {}, "no-such-charset"},
         {"\xE4\xB8\xAD", "zz_ZZ.UTF-8", {0x4E2D}, nullptr}, {"\xE9", "xx_XX.ISO-8859-1@euro", {0xE9}, nullptr},
+#ifndef _WIN32  // there: the ANSI code page, below
         {"ab\xD6\xD0", "", {'a', 'b'}, ""},
+#endif
     };
     for (auto const& c : to_wide) {
         ZNRString s;
@@ -125,6 +132,10 @@ TEST(ZNRStringTest, WideTemplateConversionsAreFoundBeforeCharsetConversion) {
         {"zz_ZZ.UTF-8", u"%d%y %1$d\u00E9", u"42%y %1$d\u00E9"},  // unknown and positional stay text
     };
     for (auto const& row : rows) {
+#ifdef _WIN32
+        // Wine has no ISO-2022-JP (code page 50220); Windows always has.
+        if (std::strcmp(row.locale_name, "ISO-2022-JP") == 0 && !IsValidCodePage(50220)) continue;
+#endif
         ZNRString s("old", row.locale_name);
         s.NewFromTempl(u(row.templ), 42, "ab", 5, 7, 1.5);
         EXPECT_EQ(ZNRString(row.out), s) << row.locale_name << " " << s.ToStdCStr();
@@ -263,3 +274,66 @@ TEST(ZNRStringTest, ConcurrentConversionsStayIndependent) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ((std::vector<int>{0, 0, 0, 0}), failures);
 }
+
+#ifdef _WIN32
+namespace {
+
+// The system's own reading of bytes in a code page; empty when it refuses them.
+Units SystemUnits(UINT code_page, std::string const& bytes) {
+    int const n = MultiByteToWideChar(code_page, MB_ERR_INVALID_CHARS, bytes.data(), static_cast<int>(bytes.size()),
+                                      nullptr, 0);
+    std::wstring wide(n > 0 ? n : 0, L'\0');
+    if (n > 0) MultiByteToWideChar(code_page, MB_ERR_INVALID_CHARS, bytes.data(), static_cast<int>(bytes.size()), &wide[0], n);
+    return Units(wide.begin(), wide.end());
+}
+
+std::string SystemUtf8(Units const& units) {
+    std::wstring const wide(units.begin(), units.end());
+    int const n = WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr);
+    std::string utf8(n, '\0');
+    WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), &utf8[0], n, nullptr, nullptr);
+    return utf8;
+}
+
+}  // namespace
+
+TEST(ZNRStringTest, WindowsCodePage936BothWaysAndTheAnsiDefault) {
+    // GBK text the system reads: "chs" gives its units, the same bytes back,
+    // and the system's UTF-8. 0x80 is the euro sign, 0x81 0x40 the first
+    // two-byte character, 0xA1 0xA1 the ideographic space.
+    for (std::string const bytes : {"\xD6\xD0\xCE\xC4", "a\x80z", "\x81\x40\xFE\x4F", "x\xA1\xA1y"}) {
+        Units const units = SystemUnits(936, bytes);
+        ASSERT_FALSE(units.empty()) << bytes;
+        ZNRString s;
+        std::string back, utf8;
+        EXPECT_EQ("", Stderr([&] { s = ZNRString(bytes, "chs"); back = s.ToStdCStr(); }));
+        EXPECT_EQ(units, UnitsOf(s));
+        EXPECT_EQ(bytes, back);
+        EXPECT_TRUE(s.ToUtf8Str(&utf8));
+        EXPECT_EQ(SystemUtf8(units), utf8);
+    }
+    // Bytes the system refuses: a cut-off lead, a bad trail byte. What came
+    // before stays.
+    struct { char const* bytes; Units kept; } const bad[] = {
+        {"ab\x81", {'a', 'b'}}, {"\xD6\xD0\x81\x7F", {0x4E2D}}, {"\xD6\xD0\x81\x20z", {0x4E2D}},
+    };
+    for (auto const& c : bad) {
+        EXPECT_TRUE(SystemUnits(936, c.bytes).empty()) << c.bytes;
+        ZNRString s;
+        EXPECT_EQ(ToWideError("chs"), Stderr([&] { s = ZNRString(c.bytes, "chs"); }));
+        EXPECT_EQ(c.kept, UnitsOf(s)) << c.bytes;
+    }
+    // Units GBK has no bytes for go no further, with no look-alike put in
+    // their place: Thai ko kai, A with grave.
+    for (Units const& units : {Units{'x', 0x0E01, 'y'}, Units{'x', 0x00C0, 'y'}}) {
+        std::string bytes;
+        EXPECT_EQ("Convert wchar string to locale string error, locale name=\"chs\"",
+                  Stderr([&] { bytes = Wide(units).ToStdCStr(); }));
+        EXPECT_EQ("x", bytes);
+    }
+
+    // The empty name is the user's default: the ANSI code page.
+    std::string const ansi = "ab\xD6\xD0";
+    EXPECT_EQ(SystemUnits(CP_ACP, ansi), UnitsOf(ZNRString(ansi, "")));
+}
+#endif

@@ -9,14 +9,47 @@
 #include <tuple>
 #include <vector>
 
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#endif
 
 namespace {
 
+// What the system keeps of the calling thread: its name and its priority
+// (a nice value on Linux, a priority level on Windows). Windows names are
+// whole and wide, from the name's GBK bytes; Linux cuts them to 15 bytes.
+#ifdef _WIN32
+std::u16string OwnWideName() {
+    typedef HRESULT(WINAPI * GetDescription)(HANDLE, PWSTR*);
+    auto const get = reinterpret_cast<GetDescription>(reinterpret_cast<void (*)()>(
+        GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+    PWSTR name = nullptr;
+    if (get == nullptr || FAILED(get(GetCurrentThread(), &name))) return u"<no name>";
+    std::u16string const out(reinterpret_cast<char16_t const*>(name));
+    LocalFree(name);
+    return out;
+}
+std::string OwnName() { return ZNRString(reinterpret_cast<unsigned short const*>(OwnWideName().c_str())).ToStdCStr(); }
+int OwnNice() { return GetThreadPriority(GetCurrentThread()); }
+int const kIdle = THREAD_PRIORITY_IDLE, kHighest = THREAD_PRIORITY_HIGHEST;
+int const kDeadlock = ERROR_POSSIBLE_DEADLOCK, kNoThread = ERROR_INVALID_HANDLE;
+char const kCutName[] = "plexa-worker-name-too-long";
+#else
+std::string OwnName() {
+    char buf[64] = {};
+    pthread_getname_np(pthread_self(), buf, sizeof buf);
+    return buf;
+}
 int OwnNice() { return getpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid))); }
+int const kIdle = 19, kHighest = -10;
+int const kDeadlock = EDEADLK, kNoThread = ESRCH;
+char const kCutName[] = "plexa-worker-na";
+#endif
 
 // Records what the body saw; waits for *gate when one is given.
 class Probe : public ZNRThreadRunable {
@@ -25,16 +58,14 @@ public:
         while (gate != nullptr && !*gate) std::this_thread::yield();
         got = thread;
         is_current = thread->IsCurrent() && thread->Started();
-        char buf[64] = {};
-        pthread_getname_np(pthread_self(), buf, sizeof buf);
-        name = buf;
+        name = OwnName();
         nice = OwnNice();
-        run_tid = pthread_self();
+        run_tid = std::this_thread::get_id();
         ++runs;
         if (exit_code != 0) ZNRThread::Exit(exit_code);
     }
     void Destroy() override {
-        destroyed_on_run_thread = pthread_equal(run_tid, pthread_self());
+        destroyed_on_run_thread = run_tid == std::this_thread::get_id();
         ++destroys;
     }
 
@@ -44,7 +75,7 @@ public:
     bool is_current = false, destroyed_on_run_thread = false;
     std::string name;
     int nice = 0, destroys = 0;
-    pthread_t run_tid{};
+    std::thread::id run_tid;
     std::atomic<int> runs{0};
 };
 
@@ -69,12 +100,12 @@ TEST(ThreadMgr, AdoptsTheMainThreadOnceAndJoinErrors) {
     EXPECT_TRUE(ZNRThreadMgr::Instance()->GetCurrent() == current && current->IsCurrent());
     // A thread cannot wait for itself: an error, and it stays started.
     long code = -1;
-    EXPECT_EQ(current->Join(&code), ZNRSysError(EDEADLK));
+    EXPECT_EQ(current->Join(&code), ZNRSysError(kDeadlock));
     EXPECT_EQ(code, -1);
     EXPECT_TRUE(current->Started());
 
     ZNRThread never;
-    EXPECT_EQ(never.Join(&code), ZNRSysError(ESRCH));
+    EXPECT_EQ(never.Join(&code), ZNRSysError(kNoThread));
     EXPECT_EQ(code, -1);
     EXPECT_FALSE(never.IsCurrent() || never.Started() || never.GetFd() != nullptr);
 }
@@ -100,7 +131,7 @@ TEST(Thread, MessageLoopRunsUntilStopAndJoinGivesZero) {
     EXPECT_EQ(h.ids, expected);
     EXPECT_FALSE(h.on_wrong_thread);
     EXPECT_EQ(q->Size(), 1u);
-    EXPECT_EQ(t.Join(&code), ZNRSysError(ESRCH));
+    EXPECT_EQ(t.Join(&code), ZNRSysError(kNoThread));
 
     // The same object runs again after a join.
     q->ClearAll(nullptr);
@@ -116,8 +147,7 @@ TEST(Thread, RunableBodyNameAndExitCode) {
     ASSERT_EQ(t.Start(&probe), 0u);
     long code = -1;
     ASSERT_EQ(t.Join(&code), 0u);
-    // The name is cut to 15 bytes.
-    EXPECT_EQ(std::make_tuple(0L, 1, 1, &t, "plexa-worker-na"),
+    EXPECT_EQ(std::make_tuple(0L, 1, 1, &t, kCutName),
               std::make_tuple(code, probe.runs.load(), probe.destroys, probe.got, probe.name));
     EXPECT_TRUE(probe.is_current && probe.destroyed_on_run_thread);
 
@@ -137,22 +167,46 @@ TEST(Thread, PriorityIsAppliedBeforeTheBodyOrReported) {
     Probe lowered, inherited, raised;
     ASSERT_EQ(0u, idle.Start(&lowered) | normal.Start(&inherited));
     ASSERT_EQ(0u, idle.Join(nullptr) | normal.Join(nullptr));
-    EXPECT_EQ(lowered.nice, 19);
+    EXPECT_EQ(lowered.nice, kIdle);
     EXPECT_EQ(inherited.nice, OwnNice());
 
     std::uint64_t const error = high.Start(&raised);
     if (error != 0) {
-        // Not permitted: reported, and the body never ran.
+        // Not permitted (Linux without CAP_SYS_NICE): reported, and the body never ran.
         EXPECT_EQ(error, ZNRSysError(EACCES));
         EXPECT_FALSE(high.Started());
         EXPECT_EQ(raised.runs, 0);
-        EXPECT_EQ(high.Join(nullptr), ZNRSysError(ESRCH));
+        EXPECT_EQ(high.Join(nullptr), ZNRSysError(kNoThread));
+#ifdef _WIN32
+        ADD_FAILURE() << "raising a thread's priority needs no privilege on Windows";
+#endif
     } else {
-        // Running with CAP_SYS_NICE: raising succeeds.
         ASSERT_EQ(high.Join(nullptr), 0u);
-        EXPECT_EQ(raised.nice, -10);
+        EXPECT_EQ(raised.nice, kHighest);
     }
 }
+
+#ifdef _WIN32
+TEST(Thread, WindowsNamesAreWideFromGbkAndLevelsFollowPriorities) {
+    ZNRThread t;
+    t.SetName(ZNRString(u"\u4E2D\u6587 worker thread name"));  // "chs": GBK on its way to the system
+    struct WideProbe : ZNRThreadRunable {
+        void Run(ZNRThread*) override { name = OwnWideName(), level = OwnNice(); }
+        void Destroy() override {}
+        std::u16string name;
+        int level = 99;
+    } probe;
+    int const levels[] = {THREAD_PRIORITY_HIGHEST, THREAD_PRIORITY_ABOVE_NORMAL, GetThreadPriority(GetCurrentThread()),
+                          THREAD_PRIORITY_IDLE};
+    for (int priority = 0; priority < 4; ++priority) {
+        t.SetPriority(static_cast<ZNRThread::Priority_t>(priority));
+        ASSERT_EQ(0u, t.Start(&probe));
+        ASSERT_EQ(0u, t.Join(nullptr));
+        EXPECT_EQ(levels[priority], probe.level) << priority;
+        EXPECT_EQ(u"\u4E2D\u6587 worker thread name", probe.name);
+    }
+}
+#endif
 
 TEST(ThreadMgr, WaitAllJoinsEveryStartedThread) {
     ZNRThread* main_thread = ZNRThreadMgr::Instance()->GetCurrent();
@@ -167,7 +221,7 @@ TEST(ThreadMgr, WaitAllJoinsEveryStartedThread) {
     std::thread opener([&go] { ZNRSleep(20), go = true; });
     ZNRThreadMgr::Instance()->WaitAll();
     for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(probes[i].runs == 1 && !threads[i].Started() && threads[i].Join(nullptr) == ZNRSysError(ESRCH))
+        EXPECT_TRUE(probes[i].runs == 1 && !threads[i].Started() && threads[i].Join(nullptr) == ZNRSysError(kNoThread))
             << i;
     EXPECT_TRUE(main_thread->Started());
     opener.join();

@@ -1,5 +1,7 @@
 #include <plexa/plexa.h>
 
+#include "fs-test-util.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -7,17 +9,23 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
-#include <sys/stat.h>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 namespace {
 
 // Each test binary is its own process and every test that reads local
 // time sets TZ first, so it is not restored.
 void SetTimeZone(char const* tz) {
-    setenv("TZ", tz, 1);
+    fstest::SetEnv("TZ", tz);
     tzset();
 }
 
@@ -40,19 +48,24 @@ void ExpectParses(F parse, std::initializer_list<std::pair<char const*, T>> good
     }
 }
 
+// What the system says of a path that does not exist, and of one that goes
+// through a plain file.
+#ifdef _WIN32
+int const kNoSuchFile = ERROR_FILE_NOT_FOUND;
+int const kThroughFile = ERROR_PATH_NOT_FOUND;
+#else
+int const kNoSuchFile = ENOENT;
+int const kThroughFile = ENOTDIR;
+#endif
+
 class FileSystemTest : public testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/plexa-utils-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        root_ = tmpl;
-    }
-    void TearDown() override { EXPECT_EQ(0, std::system(("rm -rf '" + root_ + "'").c_str())); }
-    std::string Path(std::string const& rel) const { return root_ + "/" + rel; }
+    std::string Path(std::string const& rel) const { return dir_.Path(rel); }
     ZNRString WPath(std::string const& rel) const { return ZNRString(Path(rel).c_str()); }
     void Touch(std::string const& rel) const { std::ofstream(Path(rel)) << "x"; }
 
-    std::string root_;
+    fstest::TempDir dir_{"plexa-utils"};
+    std::string const root_ = dir_.path();
 };
 
 } // namespace
@@ -142,8 +155,11 @@ TEST(Time, StrptimeToSecondsInUtcAndLocalTime) {
         {"1900-01-01", "YYYY-MM-DD", "CST-8", false, -2208988800LL},
         {"1970-01-01 08:00:00", "", "CST-8", true, 0},
         {"202501010759", "YYYYMMDDhhmm", "CST-8", true, 1735689540},
-        // One second before the epoch is a valid result, not mktime's error.
+#ifdef __linux__
+        // One second before the epoch is a valid result, not mktime's error
+        // (Windows' C runtime has no local time before 1970).
         {"1969-12-31 23:59:59", "", "UTC0", true, -1},
+#endif
     };
     for (auto const& c : cases) {
         SetTimeZone(c.tz);
@@ -166,8 +182,8 @@ TEST(FilePathInfo, SplitsAtLastSlashAndDot) {
     };
     for (auto const& c : cases) {
         ZNRFilePathInfo_t info{ZNRString("old"), ZNRString("old"), ZNRString("old")};
-        ZNRGetFilePathInfo(ZNRString(c[0]), &info);
-        EXPECT_EQ(c[1], info.directory.ToStdCStr()) << c[0];
+        ZNRGetFilePathInfo(ZNRString(fstest::Native(c[0])), &info);
+        EXPECT_EQ(fstest::Native(c[1]), info.directory.ToStdCStr()) << c[0];
         EXPECT_EQ(c[2], info.name.ToStdCStr()) << c[0];
         EXPECT_EQ(c[3], info.extension.ToStdCStr()) << c[0];
     }
@@ -175,6 +191,23 @@ TEST(FilePathInfo, SplitsAtLastSlashAndDot) {
     ZNRGetFilePathInfo(ZNRString(""), &info);
     EXPECT_EQ("kept", info.name.ToStdCStr());
 }
+
+#ifdef _WIN32
+TEST(FilePathInfo, WindowsSplitsAtBackslashesOnly) {
+    char const* const cases[][4] = {
+        {"c:\\logs\\app.log", "c:\\logs", "app", "log"}, {"c:\\app", "c:", "app", ""},
+        {"\\\\server\\share\\a.b.c", "\\\\server\\share", "a.b", "c"},
+        {"logs/app.log", "", "logs/app", "log"}, {"a.d/b", "", "a", "d/b"},
+    };
+    for (auto const& c : cases) {
+        ZNRFilePathInfo_t info;
+        ZNRGetFilePathInfo(ZNRString(c[0]), &info);
+        EXPECT_EQ(std::string(c[1]) + "|" + c[2] + "|" + c[3],
+                  info.directory.ToStdCStr() + "|" + info.name.ToStdCStr() + "|" + info.extension.ToStdCStr())
+            << c[0];
+    }
+}
+#endif
 
 TEST_F(FileSystemTest, TestFileModes) {
     Touch("file");
@@ -188,11 +221,18 @@ TEST_F(FileSystemTest, TestFileModes) {
     EXPECT_EQ(R(0, false), test("missing", ZNR_TEST_FILE_EXIST, true));
     // Only "exists" turns a missing file into a result; errors leave it alone.
     EXPECT_EQ(R(ZNRCrtError(ENOENT), true), test("missing", ZNR_TEST_FILE_READABLE, true));
+#ifdef _WIN32
+    EXPECT_EQ(R(0, false), test("file/x", ZNR_TEST_FILE_EXIST, true));  // no ENOTDIR here
+#else
     EXPECT_EQ(R(ZNRCrtError(ENOTDIR), true), test("file/x", ZNR_TEST_FILE_EXIST, true));
+#endif
     EXPECT_EQ(R(ZNRUserError(1), true), test("file", 4, true));
-    ASSERT_EQ(0, chmod(Path("file").c_str(), 0444));
+    namespace fs = std::filesystem;
+    fs::permissions(Path("file"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
     EXPECT_EQ(R(0, true), test("file", ZNR_TEST_FILE_READABLE));
+#ifdef __linux__
     if (geteuid() == 0) return;  // root may write anything
+#endif
     EXPECT_EQ(R(0, false), test("file", ZNR_TEST_FILE_WRITABLE, true));
 }
 
@@ -201,9 +241,9 @@ TEST_F(FileSystemTest, IsDirFileAndMakeDir) {
     // Run in order: 'd' tests for a directory, 'm' makes one with its parents, 'n' without;
     // no path is the root, an empty one stays empty.
     struct { char op; char const* rel; std::uint64_t want; } const steps[] = {
-        {'d', nullptr, 0}, {'d', "file", ZNRUserError(18)}, {'d', "file/x", ZNRSysError(ENOTDIR)},
+        {'d', nullptr, 0}, {'d', "file", ZNRUserError(18)}, {'d', "file/x", ZNRSysError(kThroughFile)},
         {'m', "a/b//c/", 0}, {'d', "a/b/c", 0}, {'m', "a/b/c", 0}, {'n', "a/b/c", 0},  // already there
-        {'n', "x/y", ZNRCrtError(ENOENT)}, {'d', "x", ZNRSysError(ENOENT)},  // no parent made either
+        {'n', "x/y", ZNRCrtError(ENOENT)}, {'d', "x", ZNRSysError(kNoSuchFile)},  // no parent made either
         {'n', "x", 0}, {'d', "x", 0}, {'n', "file", ZNRCrtError(EEXIST)}, {'m', "file/sub", ZNRCrtError(EEXIST)},
         {'m', "", ZNRCrtError(ENOENT)},
     };
@@ -214,33 +254,48 @@ TEST_F(FileSystemTest, IsDirFileAndMakeDir) {
     }
 
     // Relative paths start from the working directory.
-    char cwd[4096];
-    ASSERT_NE(nullptr, getcwd(cwd, sizeof(cwd)));
-    ASSERT_EQ(0, chdir(root_.c_str()));
-    std::uint64_t const relative = ZNRMakeDir(ZNRString("r1/r2"), true);
-    ASSERT_EQ(0, chdir(cwd));
+    std::uint64_t const relative =
+        fstest::InDir(root_, [] { return ZNRMakeDir(ZNRString(fstest::Native("r1/r2")), true); });
     EXPECT_EQ(0u, relative);
     EXPECT_EQ(0u, ZNRIsDirFile(WPath("r1/r2")));
 }
 
 TEST_F(FileSystemTest, GetDirFilesInNameOrder) {
-    for (char const* d : {"emptydir", "sub", "sub/deeper"}) ASSERT_EQ(0, mkdir(Path(d).c_str(), 0755));
+    for (char const* d : {"emptydir", "sub", "sub/deeper"}) ASSERT_TRUE(std::filesystem::create_directory(Path(d)));
     for (char const* f : {"m", "b.txt", "a.txt", "sub/z.xml", "sub/c.xml", "sub/deeper/k"}) Touch(f);
+    std::vector<ZNRString> top = {WPath("a.txt"), WPath("b.txt"), WPath("m")};
+#ifdef __linux__
+    // Making links takes a privilege on Windows.
     ASSERT_EQ(0, symlink(Path("sub").c_str(), Path("link-dir").c_str()));
     ASSERT_EQ(0, symlink(Path("m").c_str(), Path("link-file").c_str()));
+    top.insert(top.begin() + 2, WPath("link-file"));
+#endif
 
     std::vector<ZNRString> files;
     EXPECT_EQ(0u, ZNRGetDirFiles(ZNRString(root_.c_str()), &files, false));
-    EXPECT_EQ(std::vector<ZNRString>({WPath("a.txt"), WPath("b.txt"), WPath("link-file"), WPath("m")}), files);
-    // Appends after what is there; a trailing slash is not doubled.
+    EXPECT_EQ(top, files);
+    // Appends after what is there; a trailing separator is not doubled.
     files.assign(1, ZNRString("first"));
-    EXPECT_EQ(0u, ZNRGetDirFiles(ZNRString((root_ + "/").c_str()), &files, true));
-    EXPECT_EQ(std::vector<ZNRString>({ZNRString("first"), WPath("a.txt"), WPath("b.txt"), WPath("link-file"),
-                                      WPath("m"), WPath("sub/c.xml"), WPath("sub/deeper/k"), WPath("sub/z.xml")}),
-              files);
+    EXPECT_EQ(0u, ZNRGetDirFiles(ZNRString((root_ + fstest::kSep).c_str()), &files, true));
+    top.insert(top.begin(), ZNRString("first"));
+    for (char const* f : {"sub/c.xml", "sub/deeper/k", "sub/z.xml"}) top.push_back(WPath(f));
+    EXPECT_EQ(top, files);
 
     files.clear();
-    EXPECT_EQ((Errors{0, ZNRSysError(ENOENT), ZNRSysError(ENOTDIR), ZNRSysError(ENOENT)}),
+#ifdef _WIN32
+    // The listing's own error, as the system gives it.
+    auto listing_error = [](std::string const& dir) {
+        WIN32_FIND_DATAA found;
+        HANDLE const find = FindFirstFileA((dir + "\\*").c_str(), &found);
+        EXPECT_EQ(INVALID_HANDLE_VALUE, find);
+        return ZNRSysError(static_cast<int>(GetLastError()));
+    };
+    Errors const expected = {0, listing_error(Path("missing")), listing_error(Path("m")),
+                             ZNRSysError(ERROR_PATH_NOT_FOUND)};
+#else
+    Errors const expected = {0, ZNRSysError(ENOENT), ZNRSysError(ENOTDIR), ZNRSysError(ENOENT)};
+#endif
+    EXPECT_EQ(expected,
               (Errors{ZNRGetDirFiles(WPath("emptydir"), &files, true), ZNRGetDirFiles(WPath("missing"), &files, true),
                       ZNRGetDirFiles(WPath("m"), &files, false), ZNRGetDirFiles(ZNRString(""), &files, false)}));
     EXPECT_TRUE(files.empty());

@@ -1,11 +1,10 @@
+#include "fs-test-util.h"
 #include "log-capture.h"
 
-#include <cstdlib>
+#include <cctype>
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 namespace {
 
@@ -20,24 +19,25 @@ public:
 
 std::string Include(std::string const& path) { return "<#include " + path + ">"; }
 
+// How the loader names an included file: by its lower-cased path first,
+// which on Windows names the same file.
+std::string Included(std::string path) {
+#ifdef _WIN32
+    for (char& c : path) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+#endif
+    return path;
+}
+
+using fstest::kSep;
+
 class XmlConfigTest : public LogCaptureTest {
 protected:
-    void SetUp() override {
-        LogCaptureTest::SetUp();
-        char pattern[] = "/tmp/plexa-xml-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        dir_ = pattern;
-    }
-    void TearDown() override {
-        LogCaptureTest::TearDown();
-        EXPECT_EQ(0, std::system(("rm -rf '" + dir_ + "'").c_str()));
-    }
     std::vector<std::string> Errors() const { return Messages(ZNRLogger::LOGL_ERROR); }
 
     // Writes dir_/rel, creating its directories, and returns the full path.
     std::string Write(std::string const& rel, std::string const& text) {
-        std::string const path = dir_ + "/" + rel;
-        EXPECT_EQ(0u, ZNRMakeDir(ZNRString(path.substr(0, path.rfind('/'))), true));
+        std::string const path = temp_.Path(rel);
+        EXPECT_EQ(0u, ZNRMakeDir(ZNRString(path.substr(0, path.rfind(kSep))), true));
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
@@ -53,8 +53,12 @@ protected:
         return out;
     }
 
+    // dir_/rel, spelt for the platform.
+    std::string Path(std::string const& rel) const { return temp_.Path(rel); }
+
     ZNRXmlConfig config_;
-    std::string dir_;
+    fstest::TempDir temp_{"plexa-xml"};
+    std::string const dir_ = temp_.path();
 };
 
 TEST_F(XmlConfigTest, QueriesValuesAttributesAndTrees) {
@@ -138,7 +142,7 @@ TEST_F(XmlConfigTest, NestedIncludesLandUnderTheIncludingRoot) {
     // A broken file two levels down fails the load; earlier merges stay.
     Write("inc/b.xml", "<b><deep>1</b>");
     EXPECT_FALSE(Load(m));
-    EXPECT_EQ(std::vector<std::string>{"Can not load config file, file=\"" + b +
+    EXPECT_EQ(std::vector<std::string>{"Can not load config file, file=\"" + Included(b) +
                                        "\" line=1 error desc=\"Error reading end tag.\""},
               Errors());
     EXPECT_EQ("5", Values("s/a/x"));
@@ -148,21 +152,18 @@ TEST_F(XmlConfigTest, IncludePathsDirectoriesAndCase) {
     for (char const* name :
          {"b.xml", "a.xml", "a.txt", "xml", "c.xmlx", "sub/c.XML", "sub/d/d.xml", "z.xml"})
         Write(std::string("conf/") + name, "<i>" + std::string(name) + "</i>");
-    ASSERT_TRUE(Load(Write("m.xml", "<s>" + Include(dir_ + "/conf") + "</s>")));
+    ASSERT_TRUE(Load(Write("m.xml", "<s>" + Include(Path("conf")) + "</s>")));
     EXPECT_EQ("a.xml,b.xml,sub/c.XML,sub/d/d.xml,z.xml", Values("s/i"));
     // The extension filter follows the load; a trailing slash is accepted.
-    ASSERT_TRUE(Load(Write("m.txt", "<s>" + Include(dir_ + "/conf/") + "</s>"), "txt"));
+    ASSERT_TRUE(Load(Write("m.txt", "<s>" + Include(Path("conf/")) + "</s>"), "txt"));
     EXPECT_EQ("a.txt", Values("s/i"));
 
     // Directives in any case; relative paths try lower case first.
     Write("conf/extra.xml", "<extra>1</extra>");
     Write("Upper/Mixed.xml", "<mixed>2</mixed>");
-    Write("m.xml", "<r>\n<#INCLUDE   Conf/Extra.XML  >\n<#Include Upper/Mixed.xml>\n</r>");
-    char cwd[4096];
-    ASSERT_TRUE(getcwd(cwd, sizeof cwd) && chdir(dir_.c_str()) == 0);
-    bool const loaded = Load("m.xml");
-    ASSERT_EQ(0, chdir(cwd));
-    ASSERT_TRUE(loaded);
+    Write("m.xml", "<r>\n<#INCLUDE   " + fstest::Native("Conf/Extra.XML") + "  >\n<#Include " +
+                       fstest::Native("Upper/Mixed.xml") + ">\n</r>");
+    ASSERT_TRUE(fstest::InDir(dir_, [this] { return Load("m.xml"); }));
     EXPECT_EQ("1|2", Values("r/extra") + "|" + Values("r/mixed"));
     EXPECT_TRUE(Errors().empty());
 }
@@ -177,21 +178,23 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
     // Bytes the file's charset cannot convert, in a path, a name, a value,
     // an attribute; "\xd6\xd0" is GBK but not UTF-8.
     Write("conf/x.xml", "<x/>");
-    std::string const path = Write("path.xml", "<r>\n" + Include(dir_ + "/conf\xff/no.xml") + "</r>");
+    std::string const path = Write("path.xml", "<r>\n" + Include(Path("conf\xff/no.xml")) + "</r>");
     std::string const name = Write("name.xml", "<r\xff/>");
     std::string const value = Write("value.xml", "<r>\n\n<v>a\xff</v></r>");
     std::string const attr = Write("attr.xml", "<r>\n<v k=\"\x81\">1</v></r>");
     std::string const utf8 = Write("utf8.xml", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<r>\xd6\xd0</r>");
     std::string const good = Write("good.xml", "<good>1</good>");
     std::string const m =
-        Write("m.xml", "<r>\n" + Include(good) + "\n" + Include(dir_ + "/none.xml") + "</r>");
-    std::string const missing = dir_ + "/missing.xml";
+        Write("m.xml", "<r>\n" + Include(good) + "\n" + Include(Path("none.xml")) + "</r>");
+    std::string const missing = Path("missing.xml");
     std::string const nested = Write("nested.xml", "<r>\n" + Include(open) + "</r>");
     // What a host tells its user: the file at fault, its row, the reason.
     auto const reason = [this] {
         ZNRXmlConfig::LoadError const e = ZNRXmlConfig::GetLastLoadError();
-        std::string const file = e.file.ToStdCStr();
-        return (file.rfind(dir_, 0) == 0 ? file.substr(dir_.size()) : file) + ":" +
+        std::string file = e.file.ToStdCStr();
+        file = file.rfind(dir_, 0) == 0 || file.rfind(Included(dir_), 0) == 0 ? file.substr(dir_.size()) : file;
+        for (char& c : file) c = c == kSep ? '/' : c;
+        return file + ":" +
                std::to_string(e.row) + ": " + e.description.ToStdCStr();
     };
     std::vector<std::string> reasons;
@@ -210,7 +213,7 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
                   "/path.xml:2: text not convertible from GBK", "/name.xml:1: text not convertible from GBK",
                   "/value.xml:3: text not convertible from GBK", "/attr.xml:2: text not convertible from GBK",
                   "/utf8.xml:2: text not convertible from UTF-8", "/open.xml:3: Error reading end tag.",
-                  "/m.xml:3: can not include " + dir_ + "/none.xml: " + no_such.ToStdCStr()}),
+                  "/m.xml:3: can not include " + Path("none.xml") + ": " + no_such.ToStdCStr()}),
               reasons);
     std::string const load = "Can not load config file, ";
     std::vector<std::string> const expected = {
@@ -228,7 +231,7 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
         load + "text not convertible, file=\"" + value + "\" row=3 charset=\"GBK\"",
         load + "text not convertible, file=\"" + attr + "\" row=2 charset=\"GBK\"",
         load + "text not convertible, file=\"" + utf8 + "\" row=2 charset=\"UTF-8\"",
-        load + "file=\"" + open + "\" line=3 error desc=\"Error reading end tag.\"",
+        load + "file=\"" + Included(open) + "\" line=3 error desc=\"Error reading end tag.\"",
         load + "execute dictate error,                               file=\"" + m +
             "\" line=3 error desc=\"" + no_such.ToStdCStr() + "\"",
     };
@@ -239,11 +242,11 @@ TEST_F(XmlConfigTest, BadInputFailsWithTheReason) {
 }
 
 TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
-    std::string const self = dir_ + "/self.xml", a = dir_ + "/a.xml";
-    std::string const b = Write("b.xml", "<b>\n\n" + Include(dir_ + "/./a.xml") + "</b>");
+    std::string const self = Path("self.xml"), a = Path("a.xml");
+    std::string const b = Write("b.xml", "<b>\n\n" + Include(Path("./a.xml")) + "</b>");
     Write("self.xml", "<r>\n" + Include(self) + "\n</r>");
     Write("a.xml", "<a>" + Include(b) + "</a>");
-    std::string const in_dir = Write("loop/m.xml", "<m>" + Include(dir_ + "/loop") + "</m>");
+    std::string const in_dir = Write("loop/m.xml", "<m>" + Include(Path("loop")) + "</m>");
     for (std::string const& f : {self, a, in_dir}) EXPECT_FALSE(Load(f)) << f;
     std::string const leaf = Write("leaf.xml", "<leaf>x</leaf>");
     ASSERT_TRUE(Load(Write("twice.xml", "<t>" + Include(leaf) + Include(leaf) + "</t>")));
@@ -252,16 +255,16 @@ TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
     // A chain of distinct files: 32 nested levels load, a 33rd is refused.
     auto chain = [&](int files) {
         for (int i = 0; i < files; ++i) {
-            std::string const next = dir_ + "/chain/" + std::to_string(i + 1) + ".xml";
+            std::string const next = Path("chain/" + std::to_string(i + 1) + ".xml");
             Write("chain/" + std::to_string(i) + ".xml",
                   "<n>" + (i + 1 < files ? Include(next) : "") + "</n>");
         }
-        return dir_ + "/chain/0.xml";
+        return Path("chain/0.xml");
     };
     EXPECT_TRUE(Load(chain(33)) && !Load(chain(34)));
 
     // Each file includes the next twice: three files make 1 + 2 + 4 reads.
-    std::string const twice1 = dir_ + "/twice/1.xml", twice2 = dir_ + "/twice/2.xml";
+    std::string const twice1 = Path("twice/1.xml"), twice2 = Path("twice/2.xml");
     Write("twice/2.xml", "<c/>");
     Write("twice/1.xml", "<b>\n" + Include(twice2) + "\n" + Include(twice2) + "</b>");
     std::string const top = Write("twice/0.xml", "<a>" + Include(twice1) + Include(twice1) + "</a>");
@@ -273,11 +276,11 @@ TEST_F(XmlConfigTest, IncludeCyclesAndDepthAreBounded) {
     ZNRXmlConfig::SetMaxLoadFiles(10000);
     std::string const load = "Can not load config file, ";
     std::vector<std::string> const expected = {
-        load + "include cycle, file=\"" + self + "\" line=2 include=\"" + self + "\"",
-        load + "include cycle, file=\"" + b + "\" line=3 include=\"" + dir_ + "/./a.xml\"",
-        load + "include cycle, file=\"" + in_dir + "\" line=1 include=\"" + in_dir + "\"",
-        load + "include depth limit reached, file=\"" + dir_ + "/chain/32.xml\" line=1 limit=32",
-        load + "file count limit reached, file=\"" + twice1 + "\" line=3 include=\"" + twice2 +
+        load + "include cycle, file=\"" + self + "\" line=2 include=\"" + Included(self) + "\"",
+        load + "include cycle, file=\"" + Included(b) + "\" line=3 include=\"" + Included(Path("./a.xml")) + "\"",
+        load + "include cycle, file=\"" + in_dir + "\" line=1 include=\"" + Included(in_dir) + "\"",
+        load + "include depth limit reached, file=\"" + Included(Path("chain/32.xml")) + "\" line=1 limit=32",
+        load + "file count limit reached, file=\"" + Included(twice1) + "\" line=3 include=\"" + Included(twice2) +
             "\" limit=6",
     };
     EXPECT_EQ(expected, Errors());

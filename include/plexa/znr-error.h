@@ -157,10 +157,19 @@ ZNR_API std::error_category const& ZNRErrorCategory();
 /// (so it compares equal to the matching `std::errc`); a library code of
 /// domain 1 its number in ZNRErrorCategory(). Anything else (kind 3, a
 /// library code of another domain) gives -1 in ZNRErrorCategory(), which no
-/// library error uses. Any thread.
+/// library error uses. Any thread. Inline: the standard categories are the
+/// caller's own, as a runtime linked into each module has its own.
 /// @param code the error code.
 /// @return the error code, by value.
-ZNR_API std::error_code ZNRMakeErrorCode(std::uint64_t code);
+inline std::error_code ZNRMakeErrorCode(std::uint64_t code) {
+    int const number = static_cast<int>(ZNRErrorNumber(code));
+    if (code == 0) return std::error_code();
+    if (ZNRErrorKind(code) == 0) return std::error_code(number, std::generic_category());
+    if (ZNRErrorKind(code) == 1) return std::error_code(number, std::system_category());
+    // -1 keeps a code of foreign origin from passing for a library error.
+    bool const library = ZNRErrorKind(code) == 2 && ZNRErrorDomain(code) == 1;
+    return std::error_code(library ? number : -1, ZNRErrorCategory());
+}
 
 /// When `condition` is false: writes "Assert failed, file(line):function @
 /// condition_text" and a line break to standard error, stops in an attached

@@ -130,7 +130,7 @@ private:
     char* buffer_;
 };
 
-extern template class ZNRSingleton<ZNRLogger>;
+extern template class ZNR_API ZNRSingleton<ZNRLogger>;
 
 /// Writes to the numbered set of log files and, when asked, to the console.
 /// The live file always has the configured name; once it reaches the

@@ -27,6 +27,6 @@ public:
     static ZNRMemAllocator* Default();
 };
 
-extern template class ZNRSingleton<ZNRMemAllocator>;
+extern template class ZNR_API ZNRSingleton<ZNRMemAllocator>;
 
 #endif

@@ -140,6 +140,6 @@ private:
     ZNRThreadMutex lock_;
 };
 
-extern template class ZNRSingleton<ZNRMessageQueueMgr>;
+extern template class ZNR_API ZNRSingleton<ZNRMessageQueueMgr>;
 
 #endif

@@ -618,6 +618,6 @@ private:
 typedef ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread> ZNRReactorMgr;
 
 extern template class ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>;
-extern template class ZNRSingleton<ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>>;
+extern template class ZNR_API ZNRSingleton<ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>>;
 
 #endif

@@ -8,11 +8,12 @@
 /// lock, so two threads racing on first use get the same object; both
 /// members are safe from any thread.
 ///
-/// The template has default visibility and the library declares its own
-/// instantiations extern, so the host program and libplexa.so share one
-/// instance pointer and one lock per type.
+/// The library exports its own instantiations and declares them extern
+/// (ZNR_API) next to their types, so the host program and the library share
+/// one instance pointer and one lock per type; other types get theirs where
+/// they are used.
 template <class T>
-class ZNR_API ZNRSingleton {
+class ZNRSingleton {
 public:
     /// The instance, created with new T on first use (or first use after
     /// Destroy()). It stays the singleton's: callers never delete it.

@@ -162,6 +162,6 @@ private:
     ZNRTLS current_;
 };
 
-extern template class ZNRSingleton<ZNRThreadMgr>;
+extern template class ZNR_API ZNRSingleton<ZNRThreadMgr>;
 
 #endif

@@ -1,6 +1,8 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-utils.h>
 
+#include "../znr-file-system.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <string>
@@ -74,19 +76,9 @@ std::uint64_t CollectFiles(std::string const& dir, ZNRString const& prefix,
 
 } // namespace
 
-std::uint64_t ZNRTestFile(char const* path, ZNRTestFileMode_t mode, bool* result) {
-    static int const kAccessModes[] = {F_OK, W_OK, R_OK, R_OK | W_OK};
-    if (static_cast<unsigned int>(mode) > 3) return ZNR_ERROR_INVALID_PARAM;
-    if (path == nullptr) return ZNRCrtError(EINVAL);
-    bool ok = access(path, kAccessModes[mode]) == 0;
-    if (!ok) {
-        int const err = errno;
-        int const expected = mode == ZNR_TEST_FILE_EXIST ? ENOENT : EACCES;
-        if (err != expected) return ZNRCrtError(err);
-    }
-    if (result != nullptr) *result = ok;
-    return 0;
-}
+char const kZNRPathSeparator = '/';
+
+int ZNRPlatformFileAccess(char const* path, int mode) { return access(path, mode) == 0 ? 0 : errno; }
 
 std::uint64_t ZNRIsDirFile(ZNRString const& path) {
     std::string p;

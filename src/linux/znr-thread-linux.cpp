@@ -1,5 +1,4 @@
 #include <plexa/znr-error.h>
-#include <plexa/znr-tls.h>
 
 #include "../znr-thread-platform.h"
 
@@ -10,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <utility>
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -18,32 +16,6 @@
 #include <unistd.h>
 
 namespace {
-
-// Lets waiters on an adopted thread know when it has ended.
-struct AdoptedState {
-    explicit AdoptedState(pthread_t self) : thread(self), ended(false) {}
-    pthread_t const thread;
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool ended;
-};
-
-// Runs when the adopted thread ends, before any exit hook added after the
-// adoption.
-class AdoptedEnd : public ZNRThreadExitHook {
-public:
-    explicit AdoptedEnd(std::shared_ptr<AdoptedState> state) : state_(std::move(state)) {}
-    void OnThreadExit() override {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        state_->ended = true;
-        state_->cond.notify_all();
-    }
-    // Nobody can wait once the handle is gone.
-    bool Expired() override { return state_.use_count() == 1; }
-
-private:
-    std::shared_ptr<AdoptedState> state_;
-};
 
 // Priorities map onto SCHED_OTHER nice values of the new thread:
 // highest -10, above normal -5, normal inherited as is, anything else 19.
@@ -90,9 +62,23 @@ void* Trampoline(void* p) {
 
 }  // namespace
 
+struct ZNRThreadEnd {
+    explicit ZNRThreadEnd(pthread_t self) : thread(self), ended(false) {}
+    pthread_t const thread;
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool ended;
+};
+
+void ZNRPlatformThreadEndMark(ZNRThreadEnd* end) {
+    std::lock_guard<std::mutex> lock(end->mutex);
+    end->ended = true;
+    end->cond.notify_all();
+}
+
 struct ZNRThreadHandle {
     pthread_t thread;
-    std::shared_ptr<AdoptedState> adopted;
+    std::shared_ptr<ZNRThreadEnd> adopted;
 };
 
 std::uint64_t ZNRPlatformThreadCreate(void (*body)(void*), void* arg, int priority,
@@ -124,7 +110,7 @@ std::uint64_t ZNRPlatformThreadCreate(void (*body)(void*), void* arg, int priori
 std::uint64_t ZNRPlatformThreadJoin(ZNRThreadHandle* handle, long* exit_code) {
     if (handle == nullptr) return ZNRSysError(ESRCH);
     if (handle->adopted) {
-        AdoptedState& state = *handle->adopted;
+        ZNRThreadEnd& state = *handle->adopted;
         if (pthread_equal(state.thread, pthread_self())) return ZNRSysError(EDEADLK);
         std::unique_lock<std::mutex> lock(state.mutex);
         state.cond.wait(lock, [&state] { return state.ended; });
@@ -153,18 +139,9 @@ ZNRThreadHandle* ZNRPlatformThreadAdoptCurrent(std::uint64_t* error) {
         return nullptr;
     }
     handle->thread = pthread_self();
-    handle->adopted = std::make_shared<AdoptedState>(handle->thread);
-    AdoptedEnd* end = new (std::nothrow) AdoptedEnd(handle->adopted);
-    if (end == nullptr) {
-        *error = ZNRSysError(ENOMEM);
-        return nullptr;
-    }
-    *error = ZNRAtThreadExit(end);
-    if (*error != 0) {
-        end->Destroy();
-        return nullptr;
-    }
-    return handle.release();
+    handle->adopted = std::make_shared<ZNRThreadEnd>(handle->thread);
+    *error = ZNRThreadWatchEnd(handle->adopted);
+    return *error == 0 ? handle.release() : nullptr;
 }
 
 void ZNRPlatformThreadSetName(char const* name) {

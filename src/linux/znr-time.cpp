@@ -1,5 +1,7 @@
 #include <plexa/znr-utils.h>
 
+#include "../znr-time.h"
+
 #include <cerrno>
 #include <ctime>
 
@@ -24,15 +26,7 @@ void ZNRSleep(int ms) {
     }
 }
 
-void ZNRGetDate(ZNRDate_t* out, std::int64_t const* time) {
-    if (out == nullptr) return;
+bool ZNRPlatformLocalTime(std::int64_t const* time, tm* out) {
     time_t const t = time != nullptr ? static_cast<time_t>(*time) : ::time(nullptr);
-    tm local;
-    if (localtime_r(&t, &local) == nullptr) return;
-    out->year = local.tm_year + 1900;
-    out->month = local.tm_mon + 1;
-    out->day = local.tm_mday;
-    out->hour = local.tm_hour;
-    out->minute = local.tm_min;
-    out->second = local.tm_sec;
+    return localtime_r(&t, out) != nullptr;
 }

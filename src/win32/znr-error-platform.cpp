@@ -32,7 +32,8 @@ std::string ZNRPlatformErrorText(int err) {
                                        FORMAT_MESSAGE_IGNORE_INSERTS,
                                    nullptr, static_cast<DWORD>(err), 0,
                                    reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    if (n == 0) return "Unknown error " + std::to_string(err);
+    // A number the system has no text for has none here either.
+    if (n == 0) return std::string();
     // The caller reads the text in the process's narrow encoding; the
     // system's line break is kept.
     std::string narrow;

@@ -1,6 +1,8 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-utils.h>
 
+#include "../znr-file-system.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <io.h>
@@ -108,20 +110,10 @@ std::uint64_t CollectFiles(std::wstring const& base, ZNRString const& prefix,
 
 } // namespace
 
+char const kZNRPathSeparator = '\\';
+
 // The narrow path is in the ANSI code page, as the C runtime reads it.
-std::uint64_t ZNRTestFile(char const* path, ZNRTestFileMode_t mode, bool* result) {
-    static int const kAccessModes[] = {0, 2, 4, 6};
-    if (static_cast<unsigned int>(mode) > 3) return ZNR_ERROR_INVALID_PARAM;
-    if (path == nullptr) return ZNRCrtError(EINVAL);
-    bool ok = _access(path, kAccessModes[mode]) == 0;
-    if (!ok) {
-        int const err = errno;
-        int const expected = mode == ZNR_TEST_FILE_EXIST ? ENOENT : EACCES;
-        if (err != expected) return ZNRCrtError(err);
-    }
-    if (result != nullptr) *result = ok;
-    return 0;
-}
+int ZNRPlatformFileAccess(char const* path, int mode) { return _access(path, mode) == 0 ? 0 : errno; }
 
 std::uint64_t ZNRIsDirFile(ZNRString const& path) {
     std::wstring p;

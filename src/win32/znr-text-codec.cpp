@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <cctype>
 #include <cstring>
 #include <locale.h>
+#include <string>
 
 #include <windows.h>
 
@@ -20,20 +22,39 @@ struct NamedCodePage {
     UINT code_page;
 };
 
+// Charset names as locale names spell them, compared by their letters and
+// digits only ("ISO-8859-1", "iso88591" and "ISO_8859-1" are one).
 NamedCodePage const kNames[] = {
-    {"UTF-8", CP_UTF8},  {"UTF8", CP_UTF8},           {"GBK", 936},        {"ASCII", kAscii},
-    {"US-ASCII", kAscii}, {"ANSI_X3.4-1968", kAscii}, {"UTF-16LE", kWide},
+    {"utf8", CP_UTF8},        {"gbk", 936},           {"gb2312", 936},        {"euccn", 936},
+    {"gb18030", 54936},       {"big5", 950},          {"sjis", 932},          {"shiftjis", 932},
+    {"eucjp", 20932},         {"iso2022jp", 50220},   {"euckr", 51949},       {"koi8r", 20866},
+    {"koi8u", 21866},         {"tis620", 874},        {"iso88591", 28591},    {"latin1", 28591},
+    {"iso88592", 28592},      {"iso88593", 28593},    {"iso88594", 28594},    {"iso88595", 28595},
+    {"iso88596", 28596},      {"iso88597", 28597},    {"iso88598", 28598},    {"iso88599", 28599},
+    {"iso885913", 28603},     {"iso885915", 28605},   {"ascii", kAscii},      {"usascii", kAscii},
+    {"ansix341968", kAscii},  {"utf16le", kWide},
 };
+
+std::string Folded(char const* name) {
+    std::string folded;
+    for (; *name != '\0'; ++name) {
+        unsigned char const c = static_cast<unsigned char>(*name);
+        if (std::isalnum(c)) folded.push_back(static_cast<char>(std::tolower(c)));
+    }
+    return folded;
+}
 
 bool StartsWithNoCase(char const* text, char const* prefix) {
     return _strnicmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
 // A charset name, "CPnnn", "windows-nnn" or a bare code page number; 0 for
-// a name it does not know.
+// a name it does not know or a code page the system lacks.
 UINT CodePageOf(char const* name) {
+    std::string const folded = Folded(name);
     for (NamedCodePage const& entry : kNames)
-        if (_stricmp(name, entry.name) == 0) return entry.code_page;
+        if (folded == entry.name)
+            return entry.code_page == kWide || IsValidCodePage(entry.code_page) ? entry.code_page : 0;
     if (StartsWithNoCase(name, "CP")) name += 2;
     else if (StartsWithNoCase(name, "windows-")) name += 8;
     if (*name < '1' || *name > '9') return 0;
@@ -42,6 +63,13 @@ UINT CodePageOf(char const* name) {
     return *end == '\0' && number <= 65535 && IsValidCodePage(static_cast<UINT>(number))
                ? static_cast<UINT>(number)
                : 0;
+}
+
+// The ISO-2022 pages, UTF-7 and the ISCII ones take no flags: their faults
+// go unseen.
+bool TakesFlags(UINT code_page) {
+    return !(code_page >= 50220 && code_page <= 50229) && !(code_page >= 57002 && code_page <= 57011) &&
+           code_page != 65000 && code_page != 42;
 }
 
 // Bytes of the character that starts with lead; 0 when no character does.
@@ -57,12 +85,12 @@ std::size_t CharLength(UINT code_page, unsigned char lead) {
 
 // Appends the units of size bytes when all of them are valid text.
 bool DecodeRun(UINT code_page, char const* bytes, std::size_t size, std::wstring* wide) {
-    int const n = MultiByteToWideChar(code_page, MB_ERR_INVALID_CHARS, bytes, static_cast<int>(size),
-                                      nullptr, 0);
+    DWORD const flags = TakesFlags(code_page) ? MB_ERR_INVALID_CHARS : 0;
+    int const n = MultiByteToWideChar(code_page, flags, bytes, static_cast<int>(size), nullptr, 0);
     if (n <= 0) return false;
     std::size_t const at = wide->size();
     wide->resize(at + static_cast<std::size_t>(n));
-    MultiByteToWideChar(code_page, MB_ERR_INVALID_CHARS, bytes, static_cast<int>(size), &(*wide)[at], n);
+    MultiByteToWideChar(code_page, flags, bytes, static_cast<int>(size), &(*wide)[at], n);
     return true;
 }
 
@@ -70,9 +98,10 @@ bool DecodeRun(UINT code_page, char const* bytes, std::size_t size, std::wstring
 // WC_NO_BEST_FIT_CHARS a legacy code page would silently substitute look-alikes.
 bool EncodeRun(UINT code_page, wchar_t const* units, std::size_t count, std::string* out) {
     bool const utf8 = code_page == CP_UTF8;
-    DWORD const flags = utf8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS;
+    bool const flagged = TakesFlags(code_page);
+    DWORD const flags = utf8 ? WC_ERR_INVALID_CHARS : flagged ? WC_NO_BEST_FIT_CHARS : 0;
     BOOL used_default = FALSE;
-    BOOL* const used = utf8 ? nullptr : &used_default;
+    BOOL* const used = utf8 || !flagged ? nullptr : &used_default;
     int const n = WideCharToMultiByte(code_page, flags, units, static_cast<int>(count), nullptr, 0,
                                       nullptr, used);
     if (n <= 0 || used_default) return false;

@@ -1,5 +1,4 @@
 #include <plexa/znr-error.h>
-#include <plexa/znr-tls.h>
 
 #include "../znr-thread-platform.h"
 #include "znr-win32-wide.h"
@@ -8,42 +7,17 @@
 #include <memory>
 #include <new>
 #include <process.h>
-#include <utility>
 
 #include <windows.h>
 
 namespace {
-
-// Set by the adopted thread's exit hook.
-struct AdoptedState {
-    AdoptedState() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
-    ~AdoptedState() {
-        if (ended != nullptr) CloseHandle(ended);
-    }
-    AdoptedState(AdoptedState const&) = delete;
-    AdoptedState& operator=(AdoptedState const&) = delete;
-    HANDLE const ended;
-};
-
-// Runs when the adopted thread ends, before any exit hook added after the
-// adoption.
-class AdoptedEnd : public ZNRThreadExitHook {
-public:
-    explicit AdoptedEnd(std::shared_ptr<AdoptedState> state) : state_(std::move(state)) {}
-    void OnThreadExit() override { SetEvent(state_->ended); }
-    // Nobody can wait once the handle is gone.
-    bool Expired() override { return state_.use_count() == 1; }
-
-private:
-    std::shared_ptr<AdoptedState> state_;
-};
 
 bool LevelOf(int priority, int* level) {
     switch (priority) {
     case 0: *level = THREAD_PRIORITY_HIGHEST; return true;
     case 1: *level = THREAD_PRIORITY_ABOVE_NORMAL; return true;
     case 2: return false;
-    default: *level = THREAD_PRIORITY_LOWEST; return true;
+    default: *level = THREAD_PRIORITY_IDLE; return true;
     }
 }
 
@@ -67,12 +41,25 @@ unsigned __stdcall Trampoline(void* p) {
 
 }  // namespace
 
+// Set by the adopted thread's exit hook.
+struct ZNRThreadEnd {
+    ZNRThreadEnd() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~ZNRThreadEnd() {
+        if (ended != nullptr) CloseHandle(ended);
+    }
+    ZNRThreadEnd(ZNRThreadEnd const&) = delete;
+    ZNRThreadEnd& operator=(ZNRThreadEnd const&) = delete;
+    HANDLE const ended;
+};
+
+void ZNRPlatformThreadEndMark(ZNRThreadEnd* end) { SetEvent(end->ended); }
+
 struct ZNRThreadHandle {
     ~ZNRThreadHandle() {
         if (thread != nullptr) CloseHandle(thread);
     }
     HANDLE thread = nullptr;
-    std::shared_ptr<AdoptedState> adopted;
+    std::shared_ptr<ZNRThreadEnd> adopted;
 };
 
 // The thread starts suspended and gets its priority before it first runs,
@@ -152,22 +139,13 @@ ZNRThreadHandle* ZNRPlatformThreadAdoptCurrent(std::uint64_t* error) {
         *error = ZNRSysError(static_cast<int>(GetLastError()));
         return nullptr;
     }
-    handle->adopted = std::make_shared<AdoptedState>();
+    handle->adopted = std::make_shared<ZNRThreadEnd>();
     if (handle->adopted->ended == nullptr) {
         *error = ZNRSysError(static_cast<int>(GetLastError()));
         return nullptr;
     }
-    AdoptedEnd* end = new (std::nothrow) AdoptedEnd(handle->adopted);
-    if (end == nullptr) {
-        *error = ZNRSysError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    *error = ZNRAtThreadExit(end);
-    if (*error != 0) {
-        end->Destroy();
-        return nullptr;
-    }
-    return handle.release();
+    *error = ZNRThreadWatchEnd(handle->adopted);
+    return *error == 0 ? handle.release() : nullptr;
 }
 
 // SetThreadDescription is missing before Windows 10 1607 and under some

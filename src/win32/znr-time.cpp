@@ -1,5 +1,7 @@
 #include <plexa/znr-utils.h>
 
+#include "../znr-time.h"
+
 #include <ctime>
 
 #include <windows.h>
@@ -19,15 +21,7 @@ void ZNRSleep(int ms) {
     Sleep(static_cast<DWORD>(ms));
 }
 
-void ZNRGetDate(ZNRDate_t* out, std::int64_t const* time) {
-    if (out == nullptr) return;
+bool ZNRPlatformLocalTime(std::int64_t const* time, tm* out) {
     __time64_t const t = time != nullptr ? static_cast<__time64_t>(*time) : _time64(nullptr);
-    tm local;
-    if (_localtime64_s(&local, &t) != 0) return;
-    out->year = local.tm_year + 1900;
-    out->month = local.tm_mon + 1;
-    out->day = local.tm_mday;
-    out->hour = local.tm_hour;
-    out->minute = local.tm_min;
-    out->second = local.tm_sec;
+    return _localtime64_s(out, &t) == 0;
 }
