@@ -144,6 +144,7 @@ private:
     void ArmStream(Handle& h, Kind kind);
     void StopStream(Handle& h);
     void ForgetStream(Handle& h);
+    int TakeHeld(Handle& h, unsigned int max, unsigned char** at, unsigned int* took);
     int CopyHeld(Handle& h, unsigned char* dst, int len);
     int LendHeld(Handle& h, Entry& e);
     void GiveBack(Entry& e);
@@ -576,43 +577,40 @@ void ZNRUringEngine::StopStream(Handle& h) {
     h.stream_stopping = true;
 }
 
+// Up to max of the oldest held bytes, in place, their count in *took; the
+// ring buffer they used up, if any, leaves the held list and is returned.
+int ZNRUringEngine::TakeHeld(Handle& h, unsigned int max, unsigned char** at, unsigned int* took) {
+    unsigned int const bid = static_cast<unsigned int>(h.held_head);
+    *took = std::min(held_length_[bid] - h.held_offset, max);
+    *at = buffers_ + static_cast<std::size_t>(bid) * kBufferSize + h.held_offset;
+    h.held_offset += *took;
+    if (h.held_offset < held_length_[bid]) return -1;
+    h.held_head = next_held_[bid];
+    if (h.held_head < 0) h.held_tail = -1;
+    h.held_offset = 0;
+    --h.held_count;
+    return static_cast<int>(bid);
+}
+
 int ZNRUringEngine::CopyHeld(Handle& h, unsigned char* dst, int len) {
     int n = 0;
     while (h.held_head >= 0 && n < len) {
-        unsigned int const bid = static_cast<unsigned int>(h.held_head);
-        unsigned int const take =
-            std::min(held_length_[bid] - h.held_offset, static_cast<unsigned int>(len - n));
-        std::memcpy(dst + n, buffers_ + static_cast<std::size_t>(bid) * kBufferSize + h.held_offset,
-                    take);
-        n += static_cast<int>(take);
-        h.held_offset += take;
-        if (h.held_offset == held_length_[bid]) {
-            h.held_head = next_held_[bid];
-            if (h.held_head < 0) h.held_tail = -1;
-            h.held_offset = 0;
-            --h.held_count;
-            Recycle(bid);
-        }
+        unsigned char* at = nullptr;
+        unsigned int took = 0;
+        int const used_up = TakeHeld(h, static_cast<unsigned int>(len - n), &at, &took);
+        std::memcpy(dst + n, at, took);
+        n += static_cast<int>(took);
+        if (used_up >= 0) Recycle(static_cast<unsigned int>(used_up));
     }
     return n;
 }
 
-// The oldest held bytes, in place: the read's buffer becomes the ring
-// buffer's, which goes back to the kernel once the read is released.
+// The read's buffer becomes the ring buffer's, which goes back to the
+// kernel once the read is released.
 int ZNRUringEngine::LendHeld(Handle& h, Entry& e) {
-    unsigned int const bid = static_cast<unsigned int>(h.held_head);
-    unsigned int const take =
-        std::min(held_length_[bid] - h.held_offset, static_cast<unsigned int>(e.cb->len));
-    e.cb->buf = buffers_ + static_cast<std::size_t>(bid) * kBufferSize + h.held_offset;
-    h.held_offset += take;
-    if (h.held_offset == held_length_[bid]) {
-        h.held_head = next_held_[bid];
-        if (h.held_head < 0) h.held_tail = -1;
-        h.held_offset = 0;
-        --h.held_count;
-        e.lent = static_cast<int>(bid);
-    }
-    return static_cast<int>(take);
+    unsigned int took = 0;
+    e.lent = TakeHeld(h, static_cast<unsigned int>(e.cb->len), &e.cb->buf, &took);
+    return static_cast<int>(took);
 }
 
 void ZNRUringEngine::Hold(Handle& h, unsigned int bid, int len) {
