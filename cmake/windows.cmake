@@ -62,7 +62,8 @@ if(PLEXA_BUILD_TESTS)
   # POSIX calls in their own set-up; test-singleton needs the singleton
   # template's instances exported, test-string charsets beyond 936/65001.
   set(PLEXA_WINDOWS_SUITES async-io byte-buffer data-dispatcher data-sender device digest entity-map
-    getopt http-request memory-pool message-queue pack signal socket thread-lock timer trans-message)
+    getopt http-request memory-pool message-queue pack reactor signal socket thread-lock timer
+    trans-message)
   foreach(suite ${PLEXA_WINDOWS_SUITES})
     add_executable(test-${suite} tests/test-${suite}.cpp)
     target_include_directories(test-${suite} PRIVATE tests src)
