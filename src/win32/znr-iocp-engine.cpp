@@ -241,6 +241,13 @@ int ZNRIocpEngine::Cancel(ZNRAsyncIO* io) {
 // ---------------------------------------------------------------- operations
 
 void ZNRIocpEngine::Start(ZNRAsyncIOCB* cb) {
+    // A connection already in the backlog is taken at once, so that a
+    // listener takes its backlog in bursts: AcceptEx need not finish at
+    // once for one (under Wine it never does).
+    if (cb->method == ZNRAsyncIOCB::METHOD_ACCEPT && ZNRAsyncWaitReady(cb, 0) &&
+        ZNRAsyncPerform(cb, true) == ZNR_PERFORM_DONE) {
+        return;
+    }
     Handle& h = *HandleOf(cb);
     Entry& e = h.side[SideOf(cb)];
     if (e.op == nullptr) e.op = new Op();
