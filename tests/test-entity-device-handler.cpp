@@ -111,7 +111,7 @@ protected:
     }
     void TearDown() override { mgr_.RemoveAll(); }
 
-    int Connect() { return ConnectTo(port_); }
+    RawSocket Connect() { return ConnectTo(port_); }
 
     ZNRReactorMgr mgr_;
     ZNREntityMap map_;
@@ -150,9 +150,9 @@ TEST_F(EntityDeviceHandler, FramesAcrossReadsAndBadFramesClose) {
         LogCapture capture;
         for (Case const& c : cases) {
             SCOPED_TRACE(c.name);
-            int const fd = Connect();
+            RawSocket const fd = Connect();
             for (std::string const& w : c.writes) {
-                ASSERT_EQ(static_cast<ssize_t>(w.size()), ::send(fd, w.data(), w.size(), MSG_NOSIGNAL));
+                ASSERT_EQ(static_cast<long long>(w.size()), SendRaw(fd, w.data(), w.size()));
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));  // pacing, so reads split
             }
             EXPECT_EQ(c.reply, ReadUpTo(fd, c.reply.size()));
@@ -161,17 +161,17 @@ TEST_F(EntityDeviceHandler, FramesAcrossReadsAndBadFramesClose) {
                 ++closes;
             } else {
                 // Still served after the case.
-                ASSERT_EQ(static_cast<ssize_t>(a.size()), ::send(fd, a.data(), a.size(), MSG_NOSIGNAL));
+                ASSERT_EQ(static_cast<long long>(a.size()), SendRaw(fd, a.data(), a.size()));
                 EXPECT_EQ(a, ReadUpTo(fd, a.size()));
             }
-            ::close(fd);
+            CloseRaw(fd);
         }
         // A target's own close request ends the device without an error.
-        int const fd = Connect();
+        RawSocket const fd = Connect();
         std::string const c = Entity(kClose, "");
-        ASSERT_EQ(static_cast<ssize_t>(c.size()), ::send(fd, c.data(), c.size(), MSG_NOSIGNAL));
+        ASSERT_EQ(static_cast<long long>(c.size()), SendRaw(fd, c.data(), c.size()));
         EXPECT_EQ("", ReadUpTo(fd, 1));
-        ::close(fd);
+        CloseRaw(fd);
         mgr_.RemoveAll();  // joins the loop: the log is ours to read
         std::vector<std::string> const errors = capture.Messages(ZNRLogger::LOGL_ERROR);
         ASSERT_EQ(static_cast<size_t>(closes), errors.size());

@@ -544,13 +544,13 @@ TEST_F(ReactorMgr, FactoryAcceptorServesConnections) {
         ASSERT_EQ(0u, acceptor.Start(ZNRString("127.0.0.1"), ZNRString("0"), group.GetIds(), &bound));
         char reply[8] = {};
         for (char const* expected : {"", "ping"}) {
-            int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            nettest::RawSocket const fd = nettest::NewSocket(AF_INET, SOCK_STREAM);
             ASSERT_EQ(0, ::connect(fd, bound.GetAddr(), bound.GetAddrLen()));
-            ASSERT_EQ(4, ::send(fd, "ping", 4, MSG_NOSIGNAL));
+            ASSERT_EQ(4, nettest::SendRaw(fd, "ping", 4));
             ASSERT_TRUE(nettest::WaitFor(fd));
-            ssize_t const got = ::recv(fd, reply, sizeof reply, 0);
+            long long const got = nettest::RecvRaw(fd, reply, sizeof reply);
             EXPECT_EQ(expected, std::string(reply, got > 0 ? static_cast<std::size_t>(got) : 0));
-            ::close(fd);
+            nettest::CloseRaw(fd);
         }
     }
     EXPECT_EQ((std::vector<std::string>{"made on its thread", "made on its thread", "handler gone"}), j_.Get());

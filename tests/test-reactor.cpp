@@ -582,7 +582,7 @@ TEST_F(Reactor, ClientsTimeoutsDatagramsPipesAndFakes) {
         EXPECT_TRUE(journal_.WaitFor("refused destroy"));
         std::vector<std::string> j = journal_.Get();
         j.erase(std::remove_if(j.begin(), j.end(), [](std::string const& e) { return e.find("refused") != 0; }), j.end());
-        EXPECT_EQ((std::vector<std::string>{"refused error " + std::to_string(ECONNREFUSED), "refused close",
+        EXPECT_EQ((std::vector<std::string>{"refused error " + std::to_string(kErrRefused), "refused close",
                                             "refused destroy"}),
                   j);
     } else {

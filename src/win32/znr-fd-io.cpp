@@ -66,9 +66,10 @@ int ZNRFdSetNonBlocking(ZNRNativeHandle fd) {
         u_long on = 1;
         return ioctlsocket(AsSocket(fd), FIONBIO, &on) == 0 ? 0 : WSAGetLastError();
     }
-    // Anonymous pipes are byte pipes; PIPE_NOWAIT is what makes them not wait.
-    DWORD mode = PIPE_READMODE_BYTE | PIPE_NOWAIT;
-    return SetNamedPipeHandleState(fd, &mode, nullptr, nullptr) ? 0 : static_cast<int>(GetLastError());
+    // Pipes stay in wait mode: their reads go through the completion port,
+    // or look with PeekNamedPipe first, and never wait. PIPE_NOWAIT would
+    // fail an overlapped read of an empty pipe with ERROR_NO_DATA at once.
+    return 0;
 }
 
 bool ZNRFdWouldBlock(int err) {

@@ -241,6 +241,13 @@ int ZNRIocpEngine::Cancel(ZNRAsyncIO* io) {
 // ---------------------------------------------------------------- operations
 
 void ZNRIocpEngine::Start(ZNRAsyncIOCB* cb) {
+    // A connection already in the backlog is taken at once, so that a
+    // listener takes its backlog in bursts: AcceptEx need not finish at
+    // once for one (under Wine it never does).
+    if (cb->method == ZNRAsyncIOCB::METHOD_ACCEPT && ZNRAsyncWaitReady(cb, 0) &&
+        ZNRAsyncPerform(cb, true) == ZNR_PERFORM_DONE) {
+        return;
+    }
     Handle& h = *HandleOf(cb);
     Entry& e = h.side[SideOf(cb)];
     if (e.op == nullptr) e.op = new Op();
@@ -268,9 +275,13 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
     int rc = 0;
     ZNRAsyncIOCB::Method_t method = cb->method;
     // A pipe or a file reads and writes as a file: Winsock's calls take
-    // sockets only.
+    // sockets only. A socket goes through Winsock even when read as a file:
+    // ReadFile and WriteFile on one fail under layered providers, and
+    // under Wine a write waiting for room is never resumed.
     if (!h.socket && (method == ZNRAsyncIOCB::METHOD_RECV || method == ZNRAsyncIOCB::METHOD_SEND)) {
         method = method == ZNRAsyncIOCB::METHOD_RECV ? ZNRAsyncIOCB::METHOD_READ : ZNRAsyncIOCB::METHOD_WRITE;
+    } else if (h.socket && (method == ZNRAsyncIOCB::METHOD_READ || method == ZNRAsyncIOCB::METHOD_WRITE)) {
+        method = method == ZNRAsyncIOCB::METHOD_READ ? ZNRAsyncIOCB::METHOD_RECV : ZNRAsyncIOCB::METHOD_SEND;
     }
     switch (method) {
     case ZNRAsyncIOCB::METHOD_RECV:
