@@ -12,6 +12,29 @@ std::uint64_t ZNRCompletionBinding::Lend(ZNRAsyncIOCB* cb, int size) {
     return 0;
 }
 
+namespace {
+
+// A burst's worth: 1 MiB idle at most.
+std::size_t const kSpareChunksMax = 16;
+
+} // namespace
+
+unsigned char* ZNRLendChunks::Take() {
+    if (spare_.empty()) return new unsigned char[kSize];
+    unsigned char* const chunk = spare_.back().release();
+    spare_.pop_back();
+    return chunk;
+}
+
+void ZNRLendChunks::Give(unsigned char* chunk) {
+    if (chunk == nullptr) return;
+    if (spare_.size() < kSpareChunksMax) {
+        spare_.emplace_back(chunk);
+    } else {
+        delete[] chunk;
+    }
+}
+
 void ZNRCompletionList::Push(ZNRCompletionLink* link) {
     link->prev = tail_;
     link->next = nullptr;
