@@ -846,7 +846,9 @@ TEST_F(AsyncIO, ReceiveMemoryRunningOutAndALaggingReaderLoseNothing) {
         }
         ZNRCompletion const c = Next();
         ASSERT_GT(c.bytes, 0);
-        if (first) EXPECT_EQ(static_cast<int>(sizeof buf), c.bytes);
+        if (first) {
+            EXPECT_EQ(static_cast<int>(sizeof buf), c.bytes);
+        }
         back.append(reinterpret_cast<char const*>(s->GetReadIOCB()->buf), static_cast<std::size_t>(c.bytes));
     }
     writer.join();
