@@ -98,6 +98,17 @@ private:
     std::vector<std::uint32_t> free_;
 };
 
+// The platform's engines, best first: a name and a maker that gives null
+// with *error set when the system refuses that engine.
+struct ZNREngineMaker {
+    char const* name;
+    ZNRCompletionEngine* (*make)(std::uint64_t* error);
+};
+extern ZNREngineMaker const kZNREngines[];
+extern int const kZNREngineCount;
+// The system's error for a name no engine has.
+extern std::uint64_t const kZNRNoSuchEngine;
+
 // Receive memory a lending engine hands to connections when data is there,
 // kept for reuse up to a bound. A chunk is as much as one read takes, the
 // same as libuv's and Boost.Asio's usual read size.
