@@ -26,6 +26,7 @@ struct ZNRStringLocale {
     std::string name;
     std::locale locale;
     std::string charset;  // what the name's texts are encoded in
+    bool utf8;            // converted without the platform's converter
 };
 
 namespace {
@@ -39,8 +40,10 @@ ZNRStringLocale const& LocaleByName(std::string const& name) {
     std::lock_guard<std::mutex> guard(mutex);
     auto it = cache->find(name);
     if (it != cache->end()) return *it->second;
-    std::unique_ptr<ZNRStringLocale> record(new ZNRStringLocale{name, std::locale::classic(),
-                                                                ZNRTextCodec::CharsetOfLocale(name.c_str())});
+    std::string charset = ZNRTextCodec::CharsetOfLocale(name.c_str());
+    bool const utf8 = ZNRTextCodec::IsUtf8Charset(charset.c_str());
+    std::unique_ptr<ZNRStringLocale> record(
+        new ZNRStringLocale{name, std::locale::classic(), std::move(charset), utf8});
     try {
         record->locale = std::locale(name.c_str());
     } catch (...) {
@@ -51,12 +54,6 @@ ZNRStringLocale const& LocaleByName(std::string const& name) {
 ZNRStringLocale const& DefaultLocale() {
     static ZNRStringLocale const& locale = LocaleByName(kDefaultLocaleName);
     return locale;
-}
-
-ZNRStdWString UnitsFromBytes(std::string const& bytes) {
-    ZNRStdWString units(bytes.size() / 2, 0);
-    if (!units.empty()) std::memcpy(&units[0], bytes.data(), units.size() * 2);
-    return units;
 }
 
 std::size_t UnitLength(unsigned short const* s) {
@@ -326,23 +323,11 @@ std::string ZNRString::ToStdCStr() const {
 }
 
 bool ZNRString::ToUtf8Str(std::string* out) const {
-    std::string utf8;
-    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), ZNRTextCodec::Utf8Charset(),
-                               str_->data(), str_->size() * 2, &utf8)) {
-        return false;
-    }
-    out->swap(utf8);
-    return true;
+    return ZNRTextCodec::Utf16ToUtf8(str_->data(), str_->size(), out);
 }
 
 bool ZNRString::NewFromUtf8Str(std::string const& in) {
-    std::string bytes;
-    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf8Charset(), ZNRTextCodec::Utf16Charset(),
-                               in.data(), in.size(), &bytes)) {
-        return false;
-    }
-    str_->assign(UnitsFromBytes(bytes));
-    return true;
+    return ZNRTextCodec::Utf8ToUtf16(in.data(), in.size(), &*str_);
 }
 
 bool ZNRString::IsUTF8() const {
@@ -508,32 +493,47 @@ ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
 
 unsigned short* ZNRString::MBSToWCS(char const* s) const {
     std::size_t length = s == nullptr ? 0 : std::strlen(s);
-    std::string bytes;
-    bool ok = ZNRTextCodec::Convert(locale_->charset.c_str(), ZNRTextCodec::Utf16Charset(),
-                                    s, length, &bytes);
+    unsigned short* wide;
+    bool ok;
+    std::size_t units = 0;
+    if (locale_->utf8) {
+        // UTF-8 never takes more units than bytes.
+        wide = new unsigned short[length + 1]();
+        ok = ZNRTextCodec::Utf8ToUtf16(s, length, wide, &units);
+    } else {
+        std::string bytes;
+        ok = ZNRTextCodec::Convert(locale_->charset.c_str(), ZNRTextCodec::Utf16Charset(), s, length, &bytes);
+        units = bytes.size() / 2;
+        wide = new unsigned short[(units > length ? units : length) + 1]();
+        if (units > 0) std::memcpy(wide, bytes.data(), units * 2);
+    }
     if (!ok) {
         std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
                      locale_->name.c_str());
     }
-    std::size_t units = bytes.size() / 2;
-    unsigned short* wide = new unsigned short[(units > length ? units : length) + 1]();
-    if (units > 0) std::memcpy(wide, bytes.data(), units * 2);
     return wide;
 }
 
 char* ZNRString::WCSToMBS(unsigned short const* s) const {
     std::size_t length = s == nullptr ? 0 : UnitLength(s);
-    std::string bytes;
-    bool ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale_->charset.c_str(),
-                                    s, length * 2, &bytes);
+    std::size_t size = length * 5 + 5;
+    char* narrow;
+    bool ok;
+    if (locale_->utf8) {
+        // At most 3 bytes a unit.
+        narrow = new char[size]();
+        ok = ZNRTextCodec::Utf16ToUtf8(s, length, narrow, &size);
+    } else {
+        std::string bytes;
+        ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale_->charset.c_str(), s, length * 2, &bytes);
+        if (bytes.size() >= size) size = bytes.size() + 1;
+        narrow = new char[size]();
+        if (!bytes.empty()) std::memcpy(narrow, bytes.data(), bytes.size());
+    }
     if (!ok) {
         std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
                      locale_->name.c_str());
     }
-    std::size_t size = length * 5 + 5;
-    if (bytes.size() >= size) size = bytes.size() + 1;
-    char* narrow = new char[size]();
-    if (!bytes.empty()) std::memcpy(narrow, bytes.data(), bytes.size());
     return narrow;
 }
 

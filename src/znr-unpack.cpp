@@ -5,6 +5,8 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-string.h>
 
+#include "znr-text-codec.h"
+
 #include <cstring>
 #include <type_traits>
 
@@ -103,7 +105,8 @@ std::uint64_t ZNRUnpack::Pop(ZNRString* value) {
     void const* const zero = std::memchr(text, 0, Remain());
     std::size_t const length =
         zero != nullptr ? static_cast<unsigned char const*>(zero) - text : Remain();
-    if (!value->NewFromUtf8Str(std::string(reinterpret_cast<char const*>(text), length))) {
+    // Straight into the string's units: no copy of the bytes on the way.
+    if (!ZNRTextCodec::Utf8ToUtf16(reinterpret_cast<char const*>(text), length, &static_cast<ZNRStdWString&>(*value))) {
         ZNR_LOG(DEBUG, "Unpack string error, can not convert utf8 string to locale!");
         return ZNR_ERROR_UNPACK_TEXT;
     }

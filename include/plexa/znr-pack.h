@@ -125,7 +125,9 @@ private:
     std::uint64_t Append(unsigned char const* data, unsigned int size);
     std::uint64_t ReplaceFixed(unsigned int offset, void const* value, unsigned int size);
     bool Fits(unsigned int size) const;
+    std::uint64_t GrowBlock(std::uint64_t need);
     std::uint64_t Reserve(unsigned int size);
+    void ExpectField(std::uint64_t size);
 
     unsigned int max_size_;
     ZNRByteBuffer* buffer_;
