@@ -77,26 +77,29 @@ void ZNRPack::ExpectField(std::uint64_t size) {
     if (need > buffer_->GetCapacity() && need <= max_size_) GrowBlock(need);
 }
 
-std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
+// Small enough to inline, so that a fixed-width push is one test and a store.
+inline std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
     unsigned int const count = buffer_->GetDataCount();
     unsigned int const capacity = buffer_->GetCapacity();
-    unsigned char* block = buffer_->GetData();
+    unsigned char* const block = buffer_->GetData();
     // Within the capacity, the limit and a block: one test for the common case.
     unsigned int const room = block == nullptr ? 0 : capacity < max_size_ ? capacity : max_size_;
-    if (std::uint64_t{count} + size > room) {
-        if (!Fits(size)) return ZNR_ERROR_PACK_OVER_LIMIT;
-        std::uint64_t const error = Reserve(size);
-        if (error != 0) return error;
-        block = buffer_->GetData();
-        // A buffer left without a block takes nothing, as AppendData.
-        if (block == nullptr) return 0;
-    }
+    if (std::uint64_t{count} + size > room) return Grow(data, size);
     if (size > 0) std::memcpy(block + count, data, size);
     buffer_->ResetDataCount(count + size);
     return 0;
 }
 
-std::uint64_t ZNRPack::PushFixed(void const* value, unsigned int size) {
+std::uint64_t ZNRPack::Grow(unsigned char const* data, unsigned int size) {
+    if (!Fits(size)) return ZNR_ERROR_PACK_OVER_LIMIT;
+    std::uint64_t const error = Reserve(size);
+    if (error != 0) return error;
+    // A buffer left without a block takes nothing.
+    buffer_->AppendData(data, size);
+    return 0;
+}
+
+inline std::uint64_t ZNRPack::PushFixed(void const* value, unsigned int size) {
     return Append(static_cast<unsigned char const*>(value), size);
 }
 

@@ -12,6 +12,12 @@ bool EqualNoCase(char const* a, char const* b) {
     return *a == *b;
 }
 
+std::uint64_t Load64(void const* p) {
+    std::uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    return word;
+}
+
 // Both walks write only when kWrite is set, so that a first walk can size
 // (and validate) the output and a second fill it without a scratch copy.
 template <bool kWrite>
@@ -19,6 +25,11 @@ bool EncodeUtf8(unsigned short const* in, std::size_t n, unsigned char* out, std
     std::size_t i = 0, o = 0;
     bool ok = true;
     while (i < n) {
+        // Runs of ASCII, four units a test.
+        for (; n - i >= 4 && (Load64(in + i) & 0xFF80FF80FF80FF80u) == 0; i += 4, o += 4)
+            if (kWrite)
+                for (int k = 0; k < 4; ++k) out[o + k] = static_cast<unsigned char>(in[i + k]);
+        if (i == n) break;
         unsigned int const u = in[i];
         if (u < 0x80) {
             if (kWrite) out[o] = static_cast<unsigned char>(u);
@@ -66,6 +77,11 @@ bool DecodeUtf8(unsigned char const* in, std::size_t size, unsigned short* out, 
     std::size_t i = 0, o = 0;
     bool ok = true;
     while (i < size) {
+        // Runs of ASCII, eight bytes a test.
+        for (; size - i >= 8 && (Load64(in + i) & 0x8080808080808080u) == 0; i += 8, o += 8)
+            if (kWrite)
+                for (int k = 0; k < 8; ++k) out[o + k] = in[i + k];
+        if (i == size) break;
         unsigned int const b = in[i];
         if (b < 0x80) {
             if (kWrite) out[o] = static_cast<unsigned short>(b);

@@ -61,7 +61,7 @@ void ZNRUnpack::CopyFrom(ZNRUnpack const& other) {
     position_ = other.position_;
 }
 
-std::uint64_t ZNRUnpack::PopFixed(void* value, unsigned int size) {
+inline std::uint64_t ZNRUnpack::PopFixed(void* value, unsigned int size) {
     if (Remain() < size) return ZNR_ERROR_UNPACK_SHORT;
     std::memcpy(value, Data() + position_, size);
     position_ += size;

@@ -123,6 +123,7 @@ public:
 private:
     std::uint64_t PushFixed(void const* value, unsigned int size);
     std::uint64_t Append(unsigned char const* data, unsigned int size);
+    std::uint64_t Grow(unsigned char const* data, unsigned int size);
     std::uint64_t ReplaceFixed(unsigned int offset, void const* value, unsigned int size);
     bool Fits(unsigned int size) const;
     std::uint64_t GrowBlock(std::uint64_t need);
