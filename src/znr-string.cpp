@@ -51,15 +51,59 @@ ZNRStringLocale const& LocaleByName(std::string const& name) {
     return *cache->emplace(name, std::move(record)).first->second;
 }
 
-ZNRStringLocale const& DefaultLocale() {
-    static ZNRStringLocale const& locale = LocaleByName(kDefaultLocaleName);
-    return locale;
-}
-
 std::size_t UnitLength(unsigned short const* s) {
     std::size_t n = 0;
     while (s[n] != 0) ++n;
     return n;
+}
+
+// The locale's narrow text as units in *out; a fault is reported and *out
+// keeps what came before it. Units past a converted zero are dropped, as
+// when the text went through a terminated buffer.
+void Widen(ZNRStringLocale const& locale, char const* s, ZNRStdWString* out) {
+    std::size_t const length = s == nullptr ? 0 : std::strlen(s);
+    bool ok;
+    if (locale.utf8) {
+        out->resize(length);  // UTF-8 never takes more units than bytes
+        std::size_t units = 0;
+        ok = ZNRTextCodec::Utf8ToUtf16(s, length, &(*out)[0], &units);
+        out->resize(units);
+    } else {
+        std::string bytes;
+        ok = ZNRTextCodec::Convert(locale.charset.c_str(), ZNRTextCodec::Utf16Charset(), s, length, &bytes);
+        out->resize(bytes.size() / 2);
+        if (!out->empty()) std::memcpy(&(*out)[0], bytes.data(), out->size() * 2);
+        std::size_t const zero = out->find(static_cast<unsigned short>(0));
+        if (zero != ZNRStdWString::npos) out->erase(zero);
+    }
+    if (!ok) {
+        std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
+                     locale.name.c_str());
+    }
+}
+
+// Units up to the first zero one as the locale's narrow text in *out
+// (empty on entry); faults as Widen.
+void Narrow(ZNRStringLocale const& locale, unsigned short const* s, std::string* out) {
+    std::size_t const length = s == nullptr ? 0 : UnitLength(s);
+    bool ok;
+    if (locale.utf8) {
+        out->resize(length * 3);  // at most 3 bytes a unit
+        std::size_t size = 0;
+        ok = ZNRTextCodec::Utf16ToUtf8(s, length, &(*out)[0], &size);
+        out->resize(size);
+    } else {
+        ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale.charset.c_str(), s, length * 2, out);
+    }
+    if (!ok) {
+        std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
+                     locale.name.c_str());
+    }
+}
+
+ZNRStringLocale const& DefaultLocale() {
+    static ZNRStringLocale const& locale = LocaleByName(kDefaultLocaleName);
+    return locale;
 }
 
 ZNRStdWString const& Units(ZNRString const& s) { return s; }
@@ -195,16 +239,12 @@ ZNRString::ZNRString(unsigned short ch, char const* locale_name) : locale_(nullp
 
 ZNRString::ZNRString(char const* s, char const* locale_name) : locale_(nullptr) {
     SetLocale(locale_name);
-    if (s != nullptr) {
-        std::unique_ptr<unsigned short[]> units(MBSToWCS(s));
-        str_->assign(units.get());
-    }
+    if (s != nullptr) Widen(*locale_, s, &*str_);
 }
 
 ZNRString::ZNRString(std::string const& s, char const* locale_name) : locale_(nullptr) {
     SetLocale(locale_name);
-    std::unique_ptr<unsigned short[]> units(MBSToWCS(s.c_str()));
-    str_->assign(units.get());
+    Widen(*locale_, s.c_str(), &*str_);
 }
 
 ZNRString::ZNRString(char ch, char const* locale_name) : locale_(nullptr) {
@@ -318,8 +358,10 @@ void ZNRString::Split(ZNRString const& separators, std::vector<ZNRString>* out) 
 }
 
 std::string ZNRString::ToStdCStr() const {
-    std::unique_ptr<char[]> narrow(WCSToMBS(str_->c_str()));
-    return std::string(narrow.get());
+    std::string narrow;
+    Narrow(*locale_, str_->c_str(), &narrow);
+    narrow.resize(std::strlen(narrow.c_str()));  // as read back from a terminated buffer
+    return narrow;
 }
 
 bool ZNRString::ToUtf8Str(std::string* out) const {
@@ -492,48 +534,21 @@ ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
 }
 
 unsigned short* ZNRString::MBSToWCS(char const* s) const {
-    std::size_t length = s == nullptr ? 0 : std::strlen(s);
-    unsigned short* wide;
-    bool ok;
-    std::size_t units = 0;
-    if (locale_->utf8) {
-        // UTF-8 never takes more units than bytes.
-        wide = new unsigned short[length + 1]();
-        ok = ZNRTextCodec::Utf8ToUtf16(s, length, wide, &units);
-    } else {
-        std::string bytes;
-        ok = ZNRTextCodec::Convert(locale_->charset.c_str(), ZNRTextCodec::Utf16Charset(), s, length, &bytes);
-        units = bytes.size() / 2;
-        wide = new unsigned short[(units > length ? units : length) + 1]();
-        if (units > 0) std::memcpy(wide, bytes.data(), units * 2);
-    }
-    if (!ok) {
-        std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
-                     locale_->name.c_str());
-    }
+    ZNRStdWString units;
+    Widen(*locale_, s, &units);
+    std::size_t const length = s == nullptr ? 0 : std::strlen(s);
+    unsigned short* wide = new unsigned short[(units.size() > length ? units.size() : length) + 1]();
+    if (!units.empty()) std::memcpy(wide, units.data(), units.size() * 2);
     return wide;
 }
 
 char* ZNRString::WCSToMBS(unsigned short const* s) const {
-    std::size_t length = s == nullptr ? 0 : UnitLength(s);
-    std::size_t size = length * 5 + 5;
-    char* narrow;
-    bool ok;
-    if (locale_->utf8) {
-        // At most 3 bytes a unit.
-        narrow = new char[size]();
-        ok = ZNRTextCodec::Utf16ToUtf8(s, length, narrow, &size);
-    } else {
-        std::string bytes;
-        ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale_->charset.c_str(), s, length * 2, &bytes);
-        if (bytes.size() >= size) size = bytes.size() + 1;
-        narrow = new char[size]();
-        if (!bytes.empty()) std::memcpy(narrow, bytes.data(), bytes.size());
-    }
-    if (!ok) {
-        std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
-                     locale_->name.c_str());
-    }
+    std::string bytes;
+    Narrow(*locale_, s, &bytes);
+    std::size_t size = (s == nullptr ? 0 : UnitLength(s)) * 5 + 5;
+    if (bytes.size() >= size) size = bytes.size() + 1;
+    char* narrow = new char[size]();
+    if (!bytes.empty()) std::memcpy(narrow, bytes.data(), bytes.size());
     return narrow;
 }
 
