@@ -78,24 +78,28 @@ void ZNRPack::ExpectField(std::uint64_t size) {
 }
 
 // Small enough to inline, so that a fixed-width push is one test and a store.
-inline std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
+inline unsigned char* ZNRPack::Room(unsigned int size, std::uint64_t* error) {
     unsigned int const count = buffer_->GetDataCount();
     unsigned int const capacity = buffer_->GetCapacity();
     unsigned char* const block = buffer_->GetData();
     // Within the capacity, the limit and a block: one test for the common case.
     unsigned int const room = block == nullptr ? 0 : capacity < max_size_ ? capacity : max_size_;
-    if (std::uint64_t{count} + size > room) return Grow(data, size);
-    if (size > 0) std::memcpy(block + count, data, size);
-    buffer_->ResetDataCount(count + size);
-    return 0;
+    return std::uint64_t{count} + size <= room ? block + count : Grow(size, error);
 }
 
-std::uint64_t ZNRPack::Grow(unsigned char const* data, unsigned int size) {
-    if (!Fits(size)) return ZNR_ERROR_PACK_OVER_LIMIT;
-    std::uint64_t const error = Reserve(size);
-    if (error != 0) return error;
-    // A buffer left without a block takes nothing.
-    buffer_->AppendData(data, size);
+unsigned char* ZNRPack::Grow(unsigned int size, std::uint64_t* error) {
+    *error = Fits(size) ? Reserve(size) : ZNR_ERROR_PACK_OVER_LIMIT;
+    // A buffer left without a block takes nothing, as AppendData.
+    if (*error != 0 || buffer_->GetData() == nullptr) return nullptr;
+    return buffer_->GetData() + buffer_->GetDataCount();
+}
+
+inline std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
+    std::uint64_t error = 0;
+    unsigned char* const at = Room(size, &error);
+    if (at == nullptr) return error;
+    if (size > 0) std::memcpy(at, data, size);
+    buffer_->ResetDataCount(buffer_->GetDataCount() + size);
     return 0;
 }
 
@@ -131,16 +135,11 @@ std::uint64_t ZNRPack::Push(ZNRString const& value) {
     std::uint64_t error = Push(count);
     if (error != 0) return error;
     // The count stays in the buffer when the text does not fit.
-    if (!Fits(count)) return ZNR_ERROR_PACK_OVER_LIMIT;
-    error = Reserve(count);
-    if (error != 0) return error;
-    // A buffer left without a block takes nothing, as AppendData.
-    if (buffer_->GetData() == nullptr) return 0;
-    unsigned int const at = buffer_->GetDataCount();
-    unsigned char* const text = buffer_->GetData() + at;
+    unsigned char* const text = Room(count, &error);
+    if (text == nullptr) return error;
     ZNRTextCodec::Utf16ToUtf8(value.data(), value.size(), reinterpret_cast<char*>(text), &length);
     text[length] = 0;
-    buffer_->ResetDataCount(at + count);
+    buffer_->ResetDataCount(buffer_->GetDataCount() + count);
     return 0;
 }
 

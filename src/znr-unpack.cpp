@@ -106,7 +106,8 @@ std::uint64_t ZNRUnpack::Pop(ZNRString* value) {
     std::size_t const length =
         zero != nullptr ? static_cast<unsigned char const*>(zero) - text : Remain();
     // Straight into the string's units: no copy of the bytes on the way.
-    if (!ZNRTextCodec::Utf8ToUtf16(reinterpret_cast<char const*>(text), length, &static_cast<ZNRStdWString&>(*value))) {
+    ZNRStdWString& units = *value;
+    if (!ZNRTextCodec::Utf8ToUtf16(reinterpret_cast<char const*>(text), length, &units)) {
         ZNR_LOG(DEBUG, "Unpack string error, can not convert utf8 string to locale!");
         return ZNR_ERROR_UNPACK_TEXT;
     }
