@@ -80,40 +80,31 @@ TypicalEntity MakeTypicalEntity() {
     return t;
 }
 
-void BM_PackUnpackTypicalEntity(benchmark::State& state) {
-    TypicalEntity const in = MakeTypicalEntity();
-    ZNRPack pack(512, 1 << 20, false);
-    for (auto _ : state) {
-        pack.Rewind(false);
-        if (pack.Push(in) != 0) state.SkipWithError("pack failed");
-        ZNRByteBuffer const* bytes = pack.GetBuffer();
-        ZNRUnpack unpack(bytes->GetData(), bytes->GetDataCount(), false, false);
-        TypicalEntity out;
-        if (unpack.Pop(&out) != 0) state.SkipWithError("unpack failed");
-        benchmark::DoNotOptimize(out.j);
-    }
-    state.SetItemsProcessed(state.iterations());
-    state.counters["entity_bytes"] = static_cast<double>(pack.GetBuffer()->GetDataCount());
+// Packs in into a reused pack and reads it back into out, as a server does
+// once per request.
+template <class Entity>
+void RoundTrip(benchmark::State& state, ZNRPack* pack, Entity const& in, Entity* out) {
+    pack->Rewind(false);
+    if (pack->Push(in) != 0) state.SkipWithError("pack failed");
+    ZNRByteBuffer const* bytes = pack->GetBuffer();
+    ZNRUnpack unpack(bytes->GetData(), bytes->GetDataCount(), false, false);
+    if (unpack.Pop(out) != 0) state.SkipWithError("unpack failed");
 }
-BENCHMARK(BM_PackUnpackTypicalEntity);
 
-// Packs the entity into a reused pack and reads it back into a fresh one,
-// as a server does once per request.
 template <class Entity>
 void PackUnpack(benchmark::State& state, Entity const& in) {
     ZNRPack pack(512, 1 << 20, false);
     for (auto _ : state) {
-        pack.Rewind(false);
-        if (pack.Push(in) != 0) state.SkipWithError("pack failed");
-        ZNRByteBuffer const* bytes = pack.GetBuffer();
-        ZNRUnpack unpack(bytes->GetData(), bytes->GetDataCount(), false, false);
         Entity out;
-        if (unpack.Pop(&out) != 0) state.SkipWithError("unpack failed");
+        RoundTrip(state, &pack, in, &out);
         benchmark::DoNotOptimize(out);
     }
     state.SetItemsProcessed(state.iterations());
     state.counters["entity_bytes"] = static_cast<double>(pack.GetBuffer()->GetDataCount());
 }
+
+void BM_PackUnpackTypicalEntity(benchmark::State& state) { PackUnpack(state, MakeTypicalEntity()); }
+BENCHMARK(BM_PackUnpackTypicalEntity);
 
 // Eight text fields from 6 to 120 characters: a name, an address, a
 // message, Chinese and Latin mixed.
@@ -165,12 +156,8 @@ void BM_PackUnpackTextEntityGbk(benchmark::State& state) {
     for (auto _ : state) {
         TextEntity in;
         for (std::size_t k = 0; k < 8; ++k) in.texts[k] = ZNRString(gbk[k], "chs");
-        pack.Rewind(false);
-        if (pack.Push(in) != 0) state.SkipWithError("pack failed");
-        ZNRByteBuffer const* bytes = pack.GetBuffer();
-        ZNRUnpack unpack(bytes->GetData(), bytes->GetDataCount(), false, false);
         TextEntity out;
-        if (unpack.Pop(&out) != 0) state.SkipWithError("unpack failed");
+        RoundTrip(state, &pack, in, &out);
         for (ZNRString const& t : out.texts) bytes_out += t.ToStdCStr().size();
     }
     benchmark::DoNotOptimize(bytes_out);
