@@ -36,10 +36,10 @@ public:
 /// flag is set. Failed pushes return library errors 19 (over the limit),
 /// 20 (replace out of range) or 21 (text not convertible or too long), or
 /// the buffer's error when it cannot grow (library error 50, no memory). A
-/// push that does not fit sets the
-/// capacity to exactly what it needs, while the block under it doubles (from
-/// 256 bytes) up to the limit, so N pushes copy O(N) bytes. A failed push of a fixed-width
-/// value leaves the pack unchanged. No lock: one thread at a time.
+/// push that does not fit sets the capacity to exactly what it needs, while
+/// the block under it doubles (from 256 bytes) up to the limit, so N pushes
+/// copy O(N) bytes. A failed push of a fixed-width value leaves the pack
+/// unchanged. No lock: one thread at a time.
 class ZNR_API ZNRPack {
 public:
     /// An empty pack that may hold at most max_size bytes, its buffer (from
