@@ -98,13 +98,28 @@ std::uint64_t ZNRAsyncIOCB::Check(int timeout_ms, int* bytes) {
 
 ZNRAsyncIO::~ZNRAsyncIO() = default;
 
-ZNRAsyncIOWin32::ZNRAsyncIOWin32() {
-    read_iocb_.read_side_ = true;
-    read_iocb_.peer_ = &write_iocb_;
-    write_iocb_.peer_ = &read_iocb_;
-}
+struct ZNRAsyncIOWin32::Pair {
+    ZNRAsyncIOCB read;
+    ZNRAsyncIOCB write;
+};
+
+ZNRAsyncIOWin32::ZNRAsyncIOWin32() = default;
 
 ZNRAsyncIOWin32::~ZNRAsyncIOWin32() { Detach(); }
+
+ZNRAsyncIOWin32::Pair* ZNRAsyncIOWin32::Blocks() {
+    if (pair_ == nullptr) {
+        pair_.reset(new Pair());
+        pair_->read.read_side_ = true;
+        pair_->read.peer_ = &pair_->write;
+        pair_->write.peer_ = &pair_->read;
+    }
+    return pair_.get();
+}
+
+ZNRAsyncIOCB* ZNRAsyncIOWin32::GetReadIOCB() { return &Blocks()->read; }
+
+ZNRAsyncIOCB* ZNRAsyncIOWin32::GetWriteIOCB() { return &Blocks()->write; }
 
 std::uint64_t ZNRAsyncIOWin32::ResetReadIOStatus() { return GetReadIOCB()->Reset(); }
 
@@ -119,14 +134,16 @@ std::uint64_t ZNRAsyncIOWin32::CheckWriteIOStatus(int timeout_ms, int* transferr
 }
 
 void ZNRAsyncIOWin32::SetIOFd(ZNRNativeHandle fd) {
-    read_iocb_.fd = fd;
-    write_iocb_.fd = fd;
+    Blocks()->read.fd = fd;
+    pair_->write.fd = fd;
 }
 
 void ZNRAsyncIOWin32::Detach() {
-    if (read_iocb_.binding_ != nullptr) read_iocb_.binding_->engine->Dissociate(&read_iocb_);
+    if (pair_ == nullptr) return;
+    ZNRAsyncIOCB& read = pair_->read;
+    if (read.binding_ != nullptr) read.binding_->engine->Dissociate(&read);
     // Whatever was under way on the descriptor goes with it.
-    for (ZNRAsyncIOCB* cb : {&read_iocb_, &write_iocb_}) {
+    for (ZNRAsyncIOCB* cb : {&read, &pair_->write}) {
         cb->status = ZNRAsyncIOCB::STATUS_IDLE;
         cb->fd = ZNRNoHandle();
     }

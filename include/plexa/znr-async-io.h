@@ -5,6 +5,7 @@
 #include <plexa/znr-native-handle.h>
 
 #include <cstdint>
+#include <memory>
 
 class ZNRSocket;
 struct ZNRCompletionBinding;
@@ -169,8 +170,8 @@ public:
     ZNRAsyncIOWin32& operator=(ZNRAsyncIOWin32 const&) = delete;
     ~ZNRAsyncIOWin32() override;
 
-    ZNRAsyncIOCB* GetReadIOCB() override { return &read_iocb_; }
-    ZNRAsyncIOCB* GetWriteIOCB() override { return &write_iocb_; }
+    ZNRAsyncIOCB* GetReadIOCB() override;
+    ZNRAsyncIOCB* GetWriteIOCB() override;
     std::uint64_t ResetReadIOStatus() override;
     std::uint64_t ResetWriteIOStatus() override;
     std::uint64_t CheckReadIOStatus(int timeout_ms, int* transferred) override;
@@ -183,8 +184,12 @@ public:
     void Detach();
 
 private:
-    ZNRAsyncIOCB read_iocb_;
-    ZNRAsyncIOCB write_iocb_;
+    struct Pair;
+    Pair* Blocks();
+
+    // Made on first use: a device that runs on its socket's never needs
+    // its own.
+    std::unique_ptr<Pair> pair_;
 };
 
 #endif
