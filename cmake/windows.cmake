@@ -30,7 +30,7 @@ add_library(plexa SHARED ${PLEXA_PORTABLE_SOURCES} ${PLEXA_WIN32_SOURCES})
 target_compile_features(plexa PUBLIC cxx_std_17)
 target_compile_definitions(plexa PRIVATE PLEXA_BUILDING PLEXA_VERSION_STRING="${PROJECT_VERSION}")
 target_include_directories(plexa PUBLIC include PRIVATE src src/win32)
-target_link_libraries(plexa PRIVATE tinyxml ZLIB::ZLIB ws2_32 mswsock iphlpapi rpcrt4 bcrypt
+target_link_libraries(plexa PRIVATE tinyxml ZLIB::ZLIB ws2_32 mswsock iphlpapi bcrypt
   crypt32 ntdll)
 
 if(PLEXA_BUILD_TESTS)

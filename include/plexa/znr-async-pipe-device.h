@@ -21,6 +21,11 @@
 /// replaces the listening instance under the same descriptor watch.
 /// A client that finds no server waits up to the parameter's wait timeout
 /// (0xFFFFFFFF: without limit). The buffer sizes are left to the system.
+///
+/// On Windows it is a named pipe, the name a full pipe path: each server
+/// device is an instance that everyone may connect to, with the
+/// parameter's buffer sizes; a client waits only while every instance of
+/// an existing pipe is busy (a name nobody serves fails at once).
 /// All calls belong to the thread that owns the device.
 class ZNR_API ZNRAsyncPipeDevice : public ZNRDevice, public ZNRAsyncIOWin32 {
 public:
@@ -55,8 +60,10 @@ public:
 
     /// Starts waiting for a server's client; it completes on the read side
     /// as OP_ACCEPT. False with the error stored: EINVAL unless this is an
-    /// open server, EBUSY while a wait is pending. Once registered, call it
-    /// on the reactor's loop thread.
+    /// open server, EBUSY while a wait is pending; on Windows 535
+    /// (ERROR_PIPE_CONNECTED) when the client connected first, whose accept
+    /// completes all the same. Once registered, call it on the reactor's
+    /// loop thread.
     virtual bool BeginAccept();
 
     /// The pipe's name as given to Open.

@@ -71,7 +71,6 @@ ZNRPerformResult PerformOnPipe(ZNRAsyncIOCB* cb) {
         break;
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
         err = PipeCall(cb, ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT, 0, &bytes);
-        if (err == ERROR_PIPE_CONNECTED) err = 0;
         break;
     default:
         return ZNR_PERFORM_AGAIN;

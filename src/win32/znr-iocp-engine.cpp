@@ -319,9 +319,9 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
         return static_cast<DWORD>(::WSAGetLastError());
     }
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
-        if (::ConnectNamedPipe(h.h, &op->ov)) return 0;
-        // 535: the client came between the instance and this call.
-        return ::GetLastError() == ERROR_PIPE_CONNECTED ? 0 : ::GetLastError();
+        // 535 (the client came first) finishes at once, with no packet:
+        // the device tells its caller so.
+        return ::ConnectNamedPipe(h.h, &op->ov) ? 0 : ::GetLastError();
     case ZNRAsyncIOCB::METHOD_CONNECT: {
         // ConnectEx wants a bound socket.
         sockaddr_storage any{};
