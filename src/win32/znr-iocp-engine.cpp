@@ -243,13 +243,15 @@ int ZNRIocpEngine::Cancel(ZNRAsyncIO* io) {
 void ZNRIocpEngine::Start(ZNRAsyncIOCB* cb) {
     // A connection already in the backlog is taken at once, so that a
     // listener takes its backlog in bursts: AcceptEx need not finish at
-    // once for one (under Wine it never does).
-    if (cb->method == ZNRAsyncIOCB::METHOD_ACCEPT && ZNRAsyncWaitReady(cb, 0) &&
-        ZNRAsyncPerform(cb, true) == ZNR_PERFORM_DONE) {
-        return;
-    }
+    // once for one (under Wine it never does). Its completion is queued as
+    // any other: a first accept has nobody else to hand it out.
     Handle& h = *HandleOf(cb);
     Entry& e = h.side[SideOf(cb)];
+    if (cb->method == ZNRAsyncIOCB::METHOD_ACCEPT && ZNRAsyncWaitReady(cb, 0) &&
+        ZNRAsyncPerform(cb, true) == ZNR_PERFORM_DONE) {
+        done_.Push(&e);
+        return;
+    }
     if (e.op == nullptr) e.op = new Op();
     std::memset(&e.op->ov, 0, sizeof(e.op->ov));
     e.op->accepted = INVALID_SOCKET;
