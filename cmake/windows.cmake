@@ -59,7 +59,7 @@ if(PLEXA_BUILD_TESTS)
   add_subdirectory(tests/windows-smoke)
 
   # The suites that build and pass for Windows so far. The reactor manager's
-  # users follow.
+  # own suites follow.
   set(PLEXA_WINDOWS_SUITES async-io blocking-device byte-buffer data-dispatcher data-sender device
     digest dll-loader entity-map error getopt http-request logger memory-pool message-queue pack process reactor
     signal singleton socket string tcp-acceptor thread thread-lock timer trans-message utils xml-config)
