@@ -9,6 +9,9 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #endif
+#if defined(_WIN32)
+#include <regex>
+#endif
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -1042,5 +1045,40 @@ TEST_F(Reactor, EngineChoiceFallsBackToEpollWhereIoUringIsForbidden) {
     EXPECT_EQ("IOCP reactor can not start its completion engine, unknown engine \"kqueue\" chosen by the host, "
               "error=\"" + ZNRGetErrorText(ZNRSysError(EINVAL)) + "\"",
               logs.Messages(ZNRLogger::LOGL_ERROR).back());
+}
+#endif
+
+#if defined(_WIN32)
+namespace {
+
+// How many pipe handles of this process are named "\<uuid>", as the
+// wake-up channels under \\.\pipe\ are.
+int UuidPipes() {
+    std::wregex const uuid(L"\\\\[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}");
+    int n = 0;
+    for (std::uintptr_t v = 4; v < 0x10000; v += 4) {
+        HANDLE const h = reinterpret_cast<HANDLE>(v);
+        union {
+            FILE_NAME_INFO info;
+            char bytes[1024];
+        } u;
+        if (::GetFileType(h) != FILE_TYPE_PIPE || !::GetFileInformationByHandleEx(h, FileNameInfo, &u, sizeof u)) {
+            continue;
+        }
+        n += std::regex_match(std::wstring(u.info.FileName, u.info.FileNameLength / sizeof(wchar_t)), uuid);
+    }
+    return n;
+}
+
+}  // namespace
+
+// Each reactor's wake-up channel is a pipe of its own, named by a fresh UUID.
+TEST_F(Reactor, WakeupPipeNamedByAFreshUuid) {
+    int const before = UuidPipes();
+    auto* other = new ZNRReactorIOCP(new ZNRTimerMgr());
+    ASSERT_EQ(0u, other->Init());
+    EXPECT_EQ(before + 2, UuidPipes());  // its two ends
+    other->Destroy();
+    EXPECT_EQ(before, UuidPipes());
 }
 #endif
