@@ -51,15 +51,13 @@ bool ZNRAsyncPipeDevice::BeginAccept() {
     ZNRAsyncIOCB* const cb = GetReadIOCB();
     std::uint64_t rc = ZNRSysError(EINVAL);
     if (!closed_ && GetType() == TYPE_PIPE_SERVER) {
+        // The caller learns that the client came first, and the accept still
+        // completes, so that a reactor announces the connection all the same.
+        std::uint64_t const first = ZNRLocalConnectedFirst(GetFd());
         cb->addr = nullptr;
         cb->addr_len = 0;
         rc = cb->Begin(ZNRAsyncIOCB::OP_ACCEPT, ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT, nullptr, 0);
-    }
-    // The caller learns that the client came first, and the accept still
-    // completes, so that a reactor announces the connection all the same.
-    if (rc == 0 && cb->status == ZNRAsyncIOCB::STATUS_DONE && ZNRLocalIsConnectedFirst(cb->error)) {
-        rc = cb->error;
-        cb->Complete(0, 0);
+        if (rc == 0) rc = first;
     }
     if (rc == 0) return true;
     SetError(rc);

@@ -19,8 +19,9 @@ void ZNRLocalRelease(std::string const& name, ZNRNativeHandle fd);
 // while no server instance is free for it. Windows waits only for a pipe
 // that exists: a name nobody serves fails at once.
 std::uint64_t ZNRLocalConnect(std::string const& name, unsigned int wait_ms, ZNRNativeHandle* fd);
-// True for the error an instance's accept ends with when its client
-// connected before the accept began: the connection is there already.
-bool ZNRLocalIsConnectedFirst(std::uint64_t err);
+// The error a listening instance's caller is told of when a client is
+// connected to it before its accept begins (the accept then completes at
+// once all the same); 0 otherwise, and always where nobody is told.
+std::uint64_t ZNRLocalConnectedFirst(ZNRNativeHandle fd);
 
 #endif

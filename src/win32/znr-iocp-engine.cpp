@@ -262,7 +262,9 @@ void ZNRIocpEngine::Start(ZNRAsyncIOCB* cb) {
         e.pending = true;
         return;
     }
-    Finished(e, bytes, err);
+    // 535: the pipe's client came before the accept, which is done at once
+    // and queues no packet.
+    Finished(e, bytes, err == ERROR_PIPE_CONNECTED ? 0 : err);
 }
 
 // Starts the overlapped call for the entry's request: 0 when it finished
@@ -321,8 +323,6 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
         return static_cast<DWORD>(::WSAGetLastError());
     }
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
-        // 535 (the client came first) finishes at once, with no packet:
-        // the device tells its caller so.
         return ::ConnectNamedPipe(h.h, &op->ov) ? 0 : ::GetLastError();
     case ZNRAsyncIOCB::METHOD_CONNECT: {
         // ConnectEx wants a bound socket.

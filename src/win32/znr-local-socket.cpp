@@ -62,4 +62,8 @@ std::uint64_t ZNRLocalConnect(std::string const& name, unsigned int wait_ms, ZNR
     return 0;
 }
 
-bool ZNRLocalIsConnectedFirst(std::uint64_t err) { return err == ZNRSysError(ERROR_PIPE_CONNECTED); }
+// Only a connected instance can be peeked at.
+std::uint64_t ZNRLocalConnectedFirst(ZNRNativeHandle fd) {
+    DWORD avail = 0;
+    return ::PeekNamedPipe(fd, nullptr, 0, nullptr, &avail, nullptr) ? ZNRSysError(ERROR_PIPE_CONNECTED) : 0;
+}
