@@ -59,10 +59,11 @@ if(PLEXA_BUILD_TESTS)
   add_subdirectory(tests/windows-smoke)
 
   # The suites that build and pass for Windows so far. The reactor manager's
-  # own suites follow.
+  # own suite follows.
   set(PLEXA_WINDOWS_SUITES async-io blocking-device byte-buffer data-dispatcher data-sender device
-    digest dll-loader entity-map error getopt http-request logger memory-pool message-queue pack process reactor
-    signal singleton socket string tcp-acceptor thread thread-lock timer trans-message utils xml-config)
+    digest dll-loader entity-device-handler entity-map error getopt http-request logger memory-pool
+    message-queue pack process reactor signal singleton socket string tcp-acceptor thread
+    thread-lock timer trans-message utils xml-config)
   foreach(suite ${PLEXA_WINDOWS_SUITES})
     add_executable(test-${suite} tests/test-${suite}.cpp)
     target_include_directories(test-${suite} PRIVATE tests src)

@@ -3,7 +3,11 @@
 
 #include <plexa/znr-native-handle.h>
 
+#include <cstdint>
+
 class ZNRAsyncIOCB;
+class ZNRAsyncSocket;
+class ZNRNetAddrInfo;
 
 // The platform side of a control block: the one system call that carries
 // out its request, without blocking.
@@ -16,6 +20,10 @@ enum ZNRPerformResult {
 // known_ready: the descriptor was just reported ready for cb's side, so
 // that a connect need not be probed before its result is read.
 ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready);
+
+// Starts connecting socket to addr: its write side then completes as a
+// connect with the outcome. A refusal the system gives at once is returned.
+std::uint64_t ZNRAsyncConnect(ZNRAsyncSocket* socket, ZNRNetAddrInfo const* addr);
 
 // Finishes an accept that gave fd: the connection takes the listening
 // descriptor's place or fills the control block's socket. peer_known: the

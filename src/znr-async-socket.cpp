@@ -2,7 +2,7 @@
 #include <plexa/znr-byte-buffer.h>
 #include <plexa/znr-error.h>
 
-#include "znr-error-platform.h"
+#include "znr-async-perform.h"
 
 #include <cerrno>
 
@@ -34,11 +34,7 @@ std::uint64_t ZNRAsyncSocket::Open(Type_t type) {
     return rc;
 }
 
-std::uint64_t ZNRAsyncSocket::Connect(ZNRNetAddrInfo const* addr) {
-    std::uint64_t const rc = ZNRSocket::Connect(addr);
-    if (rc != 0 && !ZNRPlatformIsInProgress(rc)) return rc;
-    return GetWriteIOCB()->Begin(ZNRAsyncIOCB::OP_CONNECT, ZNRAsyncIOCB::METHOD_CONNECT, nullptr, 0);
-}
+std::uint64_t ZNRAsyncSocket::Connect(ZNRNetAddrInfo const* addr) { return ZNRAsyncConnect(this, addr); }
 
 int ZNRAsyncSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
     return Started(GetReadIOCB()->Begin(ZNRAsyncIOCB::OP_READ, ZNRAsyncIOCB::METHOD_RECV, buf, len),

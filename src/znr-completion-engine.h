@@ -24,7 +24,7 @@ struct ZNRCompletion {
 // An engine's record of one watched descriptor; each engine derives its
 // own from it. Control blocks hold it opaquely and reach their engine
 // through it.
-struct ZNRCompletionBinding {
+struct ZNR_API ZNRCompletionBinding {
     ZNRCompletionEngine* engine = nullptr;
     std::uint32_t slot = 0;
     // Changes whenever the slot's descriptor does, so that a result the
@@ -96,6 +96,37 @@ public:
 private:
     std::vector<std::unique_ptr<Record>> records_;
     std::vector<std::uint32_t> free_;
+};
+
+// The platform's engines, best first: a name and a maker that gives null
+// with *error set when the system refuses that engine.
+struct ZNREngineMaker {
+    char const* name;
+    ZNRCompletionEngine* (*make)(std::uint64_t* error);
+};
+extern ZNREngineMaker const kZNREngines[];
+extern int const kZNREngineCount;
+// The system's error for a name no engine has.
+extern std::uint64_t const kZNRNoSuchEngine;
+
+// Receive memory a lending engine hands to connections when data is there,
+// kept for reuse up to a bound. A chunk is as much as one read takes, the
+// same as libuv's and Boost.Asio's usual read size.
+class ZNRLendChunks {
+public:
+    static int const kSize = 65536;
+
+    ZNRLendChunks() = default;
+    ZNRLendChunks(ZNRLendChunks const&) = delete;
+    ZNRLendChunks& operator=(ZNRLendChunks const&) = delete;
+
+    // kSize bytes.
+    unsigned char* Take();
+    // Kept for the next Take, or freed past the bound; null is nothing.
+    void Give(unsigned char* chunk);
+
+private:
+    std::vector<std::unique_ptr<unsigned char[]>> spare_;
 };
 
 // Turns operations started on control blocks into completions handed out

@@ -6,10 +6,13 @@
 #if defined(_WIN32)
 #include <winsock2.h>
 #include <ws2tcpip.h>
+typedef int ZNRSockLen;
 #else
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+typedef socklen_t ZNRSockLen;
 #endif
 
 #include <plexa/znr-native-handle.h>
@@ -32,6 +35,33 @@ void ZNRStoreError(std::uint64_t* err, std::uint64_t code);
 // A transfer's buffer it refuses (negative length, or none for bytes):
 // true with *err = EINVAL.
 bool ZNRSocketBadLength(unsigned char const* buf, int len, std::uint64_t* err);
+
+// The system's codes for a bad argument and for an address family it does
+// not take, as ZNRSysError values are made of.
+extern int const kZNRSocketInvalid;
+extern int const kZNRSocketNoFamily;
+// The last socket call's error, and a resolver call's (rc: its result).
+std::uint64_t ZNRSocketLastError();
+std::uint64_t ZNRResolverError(int rc);
+
+// The system calls under ZNRSocket, each restarted where a signal cut it
+// short. A new socket of kind, kept from child processes.
+std::uint64_t ZNRSocketMake(ZNRSocketKind const& kind, bool non_blocking, ZNRNativeHandle* fd);
+// What every socket of type gets, best effort.
+void ZNRSocketTune(ZNRNativeHandle fd, int type);
+void ZNRSocketCloseHandle(ZNRNativeHandle fd);
+// The next connection on listener, in the listener's blocking mode; its
+// peer into sa (len: its room, then its size) where sa is given.
+std::uint64_t ZNRSocketAcceptOne(ZNRNativeHandle listener, sockaddr* sa, ZNRSockLen* len, ZNRNativeHandle* fd);
+// Bytes moved; 0: none now, on a non-blocking socket; -1: *err is set
+// (the end of the stream included). sa: the sender, or the destination.
+int ZNRSocketRecvOne(ZNRNativeHandle fd, unsigned char* buf, int len, sockaddr* sa, ZNRSockLen* sa_len,
+                     std::uint64_t* err);
+int ZNRSocketSendOne(ZNRNativeHandle fd, unsigned char const* buf, int len, sockaddr const* sa,
+                     ZNRSockLen sa_len, std::uint64_t* err);
+// A send without a destination: to the connected peer, else EDESTADDRREQ.
+int ZNRSocketSendToPeer(ZNRNativeHandle fd, unsigned char const* buf, int len, std::uint64_t* err);
+std::uint64_t ZNRSocketLocalName(ZNRNativeHandle fd, sockaddr* sa, ZNRSockLen* len);
 
 // Socket-level options (SO_*): 0 or the system's error.
 std::uint64_t ZNRSocketSetInt(ZNRNativeHandle fd, int name, int value);

@@ -4,6 +4,7 @@
 
 #include "znr-socket-platform.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -126,6 +127,31 @@ std::uint64_t ZNRNetAddrInfo::Open(sockaddr const* sa, unsigned int len) {
 
 std::uint64_t ZNRNetAddrInfo::Reopen() { return InnerOpenAddr(addr_, addr_len_); }
 
+std::uint64_t ZNRNetAddrInfo::InnerOpenAddr(sockaddr const* sa, unsigned int len) {
+    if (sa == nullptr) return ZNRSysError(kZNRSocketInvalid);
+    // The resolver also names local-socket addresses; only IP ones are ours.
+    if (sa->sa_family != AF_INET && sa->sa_family != AF_INET6) return ZNRSysError(kZNRSocketNoFamily);
+    // Room for an IPv6 text with a scope name.
+    char host[64];
+    char service[16];
+    int const rc = getnameinfo(sa, static_cast<ZNRSockLen>(len), host, sizeof(host), service,
+                               sizeof(service), NI_NUMERICHOST | NI_NUMERICSERV);
+    if (rc != 0) return ZNRResolverError(rc);
+    type_ = sa->sa_family == AF_INET6 ? TYPE_IPV6 : TYPE_IPV4;
+    addr_str_ = ZNRString(host);
+    port_str_ = ZNRString(service);
+    return 0;
+}
+
+std::uint64_t ZNRNetAddrInfo::NetAddrToStr(unsigned int addr, ZNRString* text) {
+    in_addr in;
+    in.s_addr = addr;
+    char buffer[INET_ADDRSTRLEN];
+    if (inet_ntop(AF_INET, &in, buffer, sizeof(buffer)) == nullptr) return ZNRSocketLastError();
+    if (text != nullptr) *text = ZNRString(buffer, "chs");
+    return 0;
+}
+
 // ---------------------------------------------------------------- host info
 
 ZNRHostInfo::ZNRHostInfo() {}
@@ -172,6 +198,129 @@ std::uint64_t ZNRHostInfo::AddResolved(sockaddr const* sa, unsigned int len, boo
     }
     addr_infos_->push_back(addr);
     return 0;
+}
+
+// ---------------------------------------------------------------- sockets
+
+ZNRSocket::ZNRSocket() : type_(TYPE_NONE), fd_(ZNRNoHandle()) {}
+
+ZNRSocket::~ZNRSocket() {
+    if (ZNRIsHandle(fd_)) ZNRSocketCloseHandle(fd_);
+}
+
+std::uint64_t ZNRSocket::Open(Type_t type, ZNRNativeHandle fd) {
+    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    if (ZNRIsHandle(fd)) ZNRSocketTune(fd, type);
+    type_ = type;
+    fd_ = fd;
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Open(Type_t type) { return Create(type, false); }
+
+std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
+    ZNRSocketKind const* const kind = ZNRSocketKindOf(type);
+    if (kind == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    ZNRNativeHandle fd = ZNRNoHandle();
+    std::uint64_t const rc = ZNRSocketMake(*kind, non_blocking, &fd);
+    if (rc != 0) return rc;
+    ZNRSocketTune(fd, type);
+    type_ = type;
+    fd_ = fd;
+    return 0;
+}
+
+std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
+    if (client == nullptr) return ZNRSysError(kZNRSocketInvalid);
+    sockaddr_storage storage;
+    sockaddr* sa = nullptr;
+    ZNRSockLen len = 0;
+    ZNRSockLen peer_len = 0;
+    if (peer != nullptr) {
+        if (!ZNRSocketIsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
+        peer_len = static_cast<ZNRSockLen>(ZNRSocketKindOf(type_)->addr_len);
+        len = peer_len;
+        sa = reinterpret_cast<sockaddr*>(&storage);
+    }
+    ZNRNativeHandle fd = ZNRNoHandle();
+    std::uint64_t rc = ZNRSocketAcceptOne(fd_, sa, sa != nullptr ? &len : nullptr, &fd);
+    if (rc != 0) return rc;
+    if (peer != nullptr) {
+        rc = peer->Open(sa, static_cast<unsigned int>(std::min(len, peer_len)));
+        if (rc != 0) {
+            ZNRSocketCloseHandle(fd);
+            return rc;
+        }
+    }
+    ZNRSocketTune(fd, type_);
+    client->type_ = type_;
+    client->fd_ = fd;
+    return 0;
+}
+
+int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
+    // A zero-byte read would look like the peer's shutdown.
+    if (len == 0) return 0;
+    return ZNRSocketRecvOne(fd_, buf, len, nullptr, nullptr, err);
+}
+
+int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetAddrInfo* from) {
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
+    sockaddr_storage storage;
+    sockaddr* sa = nullptr;
+    ZNRSockLen from_len = 0;
+    ZNRSockLen len_in = 0;
+    if (from != nullptr) {
+        if (ZNRSocketKindOf(type_) == nullptr) {
+            ZNRStoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
+            return -1;
+        }
+        from_len = static_cast<ZNRSockLen>(ZNRSocketKindOf(type_)->addr_len);
+        len_in = from_len;
+        sa = reinterpret_cast<sockaddr*>(&storage);
+    }
+    int const result = ZNRSocketRecvOne(fd_, buf, len, sa, sa != nullptr ? &len_in : nullptr, err);
+    if (result > 0 && from != nullptr) {
+        std::uint64_t const rc = from->Open(sa, static_cast<unsigned int>(std::min(len_in, from_len)));
+        if (rc != 0) {
+            ZNRStoreError(err, rc);
+            return -1;
+        }
+    }
+    return result;
+}
+
+int ZNRSocket::Send(unsigned char const* buf, int len, std::uint64_t* err) {
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
+    return ZNRSocketSendOne(fd_, buf, len, nullptr, 0, err);
+}
+
+int ZNRSocket::SendTo(unsigned char const* buf, int len, std::uint64_t* err, ZNRNetAddrInfo const* to) {
+    if (ZNRSocketBadLength(buf, len, err)) return -1;
+    sockaddr const* const sa = to != nullptr ? to->GetAddr() : nullptr;
+    if (sa == nullptr) return ZNRSocketSendToPeer(fd_, buf, len, err);
+    return ZNRSocketSendOne(fd_, buf, len, sa, static_cast<ZNRSockLen>(to->GetAddrLen()), err);
+}
+
+std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
+    long value = 0;
+    std::uint64_t const rc = ZNRSocketGetInt(fd_, SO_ERROR, &value);
+    if (rc != 0) return rc;
+    ZNRStoreError(err, ZNRSysError(static_cast<int>(value)));
+    return 0;
+}
+
+std::uint64_t ZNRSocket::GetLocalInfo(ZNRNetAddrInfo* addr) {
+    if (ZNRSocketKindOf(type_) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
+    if (addr == nullptr) return ZNRSysError(kZNRSocketInvalid);
+    sockaddr_storage storage;
+    ZNRSockLen const want = static_cast<ZNRSockLen>(ZNRSocketKindOf(type_)->addr_len);
+    ZNRSockLen len = want;
+    auto* const sa = reinterpret_cast<sockaddr*>(&storage);
+    std::uint64_t const rc = ZNRSocketLocalName(fd_, sa, &len);
+    if (rc != 0) return rc;
+    return addr->Open(sa, static_cast<unsigned int>(std::min(len, want)));
 }
 
 // ---------------------------------------------------------------- socket options

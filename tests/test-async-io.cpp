@@ -853,13 +853,23 @@ TEST_F(AsyncIO, ReceiveMemoryRunningOutAndALaggingReaderLoseNothing) {
         }
     });
     ExpectNothing(100);
+    // Into the engine's memory where it lends: a backlog comes as one read
+    // of what was asked, however the engine holds it.
+    bool const lends = engine_->LendsReceives();
     std::string back;
-    while (back.size() < flood.size()) {
+    for (bool first = true; back.size() < flood.size(); first = false) {
         ASSERT_EQ(0u, s->ResetReadIOStatus());
-        ASSERT_EQ(0, s->Recv(buf, sizeof buf, &err));
+        if (lends) {
+            ASSERT_EQ(0u, ZNRCompletionBinding::Lend(s->GetReadIOCB(), sizeof buf));
+        } else {
+            ASSERT_EQ(0, s->Recv(buf, sizeof buf, &err));
+        }
         ZNRCompletion const c = Next();
         ASSERT_GT(c.bytes, 0);
-        back.append(reinterpret_cast<char const*>(buf), static_cast<std::size_t>(c.bytes));
+        if (first) {
+            EXPECT_EQ(static_cast<int>(sizeof buf), c.bytes);
+        }
+        back.append(reinterpret_cast<char const*>(s->GetReadIOCB()->buf), static_cast<std::size_t>(c.bytes));
     }
     writer.join();
     EXPECT_TRUE(back == flood) << back.size();

@@ -33,7 +33,9 @@ public:
     std::uint64_t Open(Type_t type) override;
     /// Starts connecting: 0 when under way (or already connected); the
     /// write side then completes as a connect (3) with the outcome. A
-    /// refused start gives the system error at once.
+    /// refused start gives the system error at once. On Windows ConnectEx
+    /// starts it, as soon as the socket's reactor watches it; addr must
+    /// stay alive until the connect completes.
     std::uint64_t Connect(ZNRNetAddrInfo const* addr) override;
     /// Starts a receive into buf.
     int Recv(unsigned char* buf, int len, std::uint64_t* err) override;

@@ -617,7 +617,11 @@ private:
 /// ZNRSingleton<ZNRReactorMgr>::Instance().
 typedef ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread> ZNRReactorMgr;
 
+// MinGW exports no member defined in a class template's body from a DLL:
+// programs there make their own, all of them being in this header.
+#ifndef _WIN32
 extern template class ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>;
+#endif
 extern template class ZNR_API ZNRSingleton<ZNRReactorMgr_T<ZNRReactorIOCP, ZNRTimerMgr, ZNRReactorThread>>;
 
 #endif

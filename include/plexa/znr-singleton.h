@@ -17,19 +17,11 @@ class ZNRSingleton {
 public:
     /// The instance, created with new T on first use (or first use after
     /// Destroy()). It stays the singleton's: callers never delete it.
-    static T* Instance() {
-        ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
-        if (instance_ == nullptr) instance_ = new T();
-        return instance_;
-    }
+    static T* Instance();
 
     /// Deletes the instance, if any; the next Instance() creates a new one.
     /// Pointers taken earlier dangle from then on.
-    static void Destroy() {
-        ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
-        delete instance_;
-        instance_ = nullptr;
-    }
+    static void Destroy();
 
 private:
     ZNRSingleton() = default;
@@ -37,6 +29,22 @@ private:
     static T* instance_;
     static ZNRThreadMutex lock_;
 };
+
+// Defined outside the class, so not inline: a DLL exports the members of
+// its instantiations only then (MinGW), and programs call its copies.
+template <class T>
+T* ZNRSingleton<T>::Instance() {
+    ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
+    if (instance_ == nullptr) instance_ = new T();
+    return instance_;
+}
+
+template <class T>
+void ZNRSingleton<T>::Destroy() {
+    ZNRGuardSpinLock guard(&lock_, __FILE__, __LINE__);
+    delete instance_;
+    instance_ = nullptr;
+}
 
 template <class T>
 T* ZNRSingleton<T>::instance_ = nullptr;

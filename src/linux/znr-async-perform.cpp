@@ -1,8 +1,10 @@
 #include <plexa/znr-async-io.h>
 #include <plexa/znr-error.h>
+#include <plexa/znr-async-socket.h>
 #include <plexa/znr-socket.h>
 
 #include "znr-async-perform.h"
+#include "znr-error-platform.h"
 #include "znr-fd-io.h"
 
 #include <cerrno>
@@ -110,6 +112,13 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
         break;
     }
     return ZNR_PERFORM_AGAIN;
+}
+
+// The system starts it; the write side's readiness tells the outcome.
+std::uint64_t ZNRAsyncConnect(ZNRAsyncSocket* socket, ZNRNetAddrInfo const* addr) {
+    std::uint64_t const rc = socket->ZNRSocket::Connect(addr);
+    if (rc != 0 && !ZNRPlatformIsInProgress(rc)) return rc;
+    return socket->GetWriteIOCB()->Begin(ZNRAsyncIOCB::OP_CONNECT, ZNRAsyncIOCB::METHOD_CONNECT, nullptr, 0);
 }
 
 void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, int fd, bool peer_known) {

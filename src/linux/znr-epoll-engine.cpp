@@ -17,10 +17,6 @@
 namespace {
 
 int const kEventsPerPoll = 64;
-// Receive memory lent to connections, taken when data is there: a
-// connection that waits holds none. Kept for reuse up to a bound.
-int const kLendSize = 16384;
-std::size_t const kSpareLendsMax = 64;
 
 enum Side { kRead = 0, kWrite = 1 };
 
@@ -84,7 +80,9 @@ private:
     ZNRCompletionList done_;
     unsigned int handed_since_poll_ = 0;
     epoll_event events_[kEventsPerPoll];
-    std::vector<std::unique_ptr<unsigned char[]>> spare_lends_;
+    // Receive memory, taken when data is there: a waiting connection
+    // holds none.
+    ZNRLendChunks chunks_;
 };
 
 ZNRCompletionEngine* ZNRCreateEpollEngine(std::uint64_t* error) {
@@ -101,7 +99,7 @@ ZNREpollEngine::~ZNREpollEngine() {
     for (std::size_t slot = 0; slot < handles_.Size(); ++slot) {
         for (Entry& entry : handles_.At(static_cast<std::uint32_t>(slot))->side) {
             if (entry.cb != nullptr) ZNRCompletionBinding::Bind(entry.cb, nullptr);
-            delete[] entry.lent;
+            chunks_.Give(entry.lent);
         }
     }
     ::close(epfd_);
@@ -188,36 +186,25 @@ void ZNREpollEngine::Release(ZNRAsyncIOCB* cb) {
 }
 
 void ZNREpollEngine::GiveBack(Entry& entry) {
-    if (entry.lent == nullptr) return;
-    if (spare_lends_.size() < kSpareLendsMax) {
-        spare_lends_.emplace_back(entry.lent);
-    } else {
-        delete[] entry.lent;
-    }
+    chunks_.Give(entry.lent);
     entry.lent = nullptr;
 }
 
 // A receive without a buffer reads into lent memory; what it does not keep
 // (nothing came, the end, an error) goes straight back.
 ZNRPerformResult ZNREpollEngine::PerformLent(ZNRAsyncIOCB* cb, Entry& entry) {
-    std::unique_ptr<unsigned char[]> chunk;
-    if (spare_lends_.empty()) {
-        chunk.reset(new unsigned char[kLendSize]);
-    } else {
-        chunk = std::move(spare_lends_.back());
-        spare_lends_.pop_back();
-    }
+    unsigned char* const chunk = chunks_.Take();
     int const wanted = cb->len;
-    cb->buf = chunk.get();
-    cb->len = std::min(wanted, kLendSize);
+    cb->buf = chunk;
+    cb->len = std::min(wanted, ZNRLendChunks::kSize);
     ZNRPerformResult const result = ZNRAsyncPerform(cb, true);
     if (result != ZNR_PERFORM_AGAIN && cb->transferred > 0) {
-        entry.lent = chunk.release();
+        entry.lent = chunk;
         return result;
     }
     cb->buf = nullptr;
     cb->len = wanted;
-    if (spare_lends_.size() < kSpareLendsMax) spare_lends_.push_back(std::move(chunk));
+    chunks_.Give(chunk);
     return result;
 }
 

@@ -21,32 +21,8 @@
 
 namespace {
 
-// Resolver failures have no errno of their own; each is given the nearest
-// one so that the code reads sensibly through ZNRGetErrorMsg.
-std::uint64_t ResolverError(int rc) {
-    switch (rc) {
-    case EAI_SYSTEM: return ZNRSysError(errno != 0 ? errno : EIO);
-    case EAI_MEMORY: return ZNRSysError(ENOMEM);
-    case EAI_FAMILY: return ZNRSysError(EAFNOSUPPORT);
-#ifdef EAI_ADDRFAMILY
-    case EAI_ADDRFAMILY: return ZNRSysError(EAFNOSUPPORT);
-#endif
-    case EAI_AGAIN: return ZNRSysError(EAGAIN);
-    case EAI_OVERFLOW: return ZNRSysError(EOVERFLOW);
-    case EAI_SOCKTYPE: return ZNRSysError(ESOCKTNOSUPPORT);
-    case EAI_BADFLAGS: return ZNRSysError(EINVAL);
-    case EAI_FAIL: return ZNRSysError(EIO);
-    default: return ZNRSysError(ENXIO);  // no such host or service
-    }
-}
 
 std::uint64_t LastSysError() { return ZNRSysError(errno); }
-
-// Urgent data stays in the stream, where reads find it in order, instead
-// of being skipped. Best effort: without it only that one byte is lost.
-void UrgentInline(int fd, ZNRSocket::Type_t type) {
-    if (ZNRSocketIsTcp(type)) ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
-}
 
 // Shared tail of Recv and RecvFrom: n is the system call's result.
 int RecvResult(ssize_t n, std::uint64_t* err) {
@@ -68,6 +44,88 @@ int SendResult(ssize_t n, std::uint64_t* err) {
 }
 
 } // namespace
+
+int const kZNRSocketInvalid = EINVAL;
+int const kZNRSocketNoFamily = EAFNOSUPPORT;
+
+std::uint64_t ZNRSocketLastError() { return LastSysError(); }
+
+// Resolver failures have no errno of their own; each is given the nearest
+// one so that the code reads sensibly through ZNRGetErrorMsg.
+std::uint64_t ZNRResolverError(int rc) {
+    switch (rc) {
+    case EAI_SYSTEM: return ZNRSysError(errno != 0 ? errno : EIO);
+    case EAI_MEMORY: return ZNRSysError(ENOMEM);
+    case EAI_FAMILY: return ZNRSysError(EAFNOSUPPORT);
+#ifdef EAI_ADDRFAMILY
+    case EAI_ADDRFAMILY: return ZNRSysError(EAFNOSUPPORT);
+#endif
+    case EAI_AGAIN: return ZNRSysError(EAGAIN);
+    case EAI_OVERFLOW: return ZNRSysError(EOVERFLOW);
+    case EAI_SOCKTYPE: return ZNRSysError(ESOCKTNOSUPPORT);
+    case EAI_BADFLAGS: return ZNRSysError(EINVAL);
+    case EAI_FAIL: return ZNRSysError(EIO);
+    default: return ZNRSysError(ENXIO);  // no such host or service
+    }
+}
+
+std::uint64_t ZNRSocketMake(ZNRSocketKind const& kind, bool non_blocking, int* fd) {
+    int const flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
+    int const s = ::socket(kind.family, kind.type | flags, kind.protocol);
+    if (s < 0) return LastSysError();
+    *fd = s;
+    return 0;
+}
+
+// Urgent data stays in the stream, where reads find it in order, instead
+// of being skipped. Best effort: without it only that one byte is lost.
+void ZNRSocketTune(int fd, int type) {
+    if (ZNRSocketIsTcp(type)) ZNRSocketSetInt(fd, SO_OOBINLINE, 1);
+}
+
+void ZNRSocketCloseHandle(int fd) { ::close(fd); }
+
+std::uint64_t ZNRSocketAcceptOne(int listener, sockaddr* sa, socklen_t* len, int* fd) {
+    // Accepted sockets take on the listener's blocking mode, as callers of
+    // a non-blocking listener expect.
+    int flags = SOCK_CLOEXEC;
+    int const listener_flags = ::fcntl(listener, F_GETFL);
+    if (listener_flags != -1 && (listener_flags & O_NONBLOCK) != 0) flags |= SOCK_NONBLOCK;
+    int s;
+    do {
+        s = ::accept4(listener, sa, len, flags);
+    } while (s < 0 && errno == EINTR);
+    if (s < 0) return LastSysError();
+    *fd = s;
+    return 0;
+}
+
+int ZNRSocketRecvOne(int fd, unsigned char* buf, int len, sockaddr* sa, socklen_t* sa_len, std::uint64_t* err) {
+    ssize_t n;
+    do {
+        n = ::recvfrom(fd, buf, static_cast<size_t>(len), 0, sa, sa_len);
+    } while (n < 0 && errno == EINTR);
+    return RecvResult(n, err);
+}
+
+int ZNRSocketSendOne(int fd, unsigned char const* buf, int len, sockaddr const* sa, socklen_t sa_len,
+                     std::uint64_t* err) {
+    ssize_t n;
+    do {
+        n = ::sendto(fd, buf, static_cast<size_t>(len), MSG_NOSIGNAL, sa, sa_len);
+    } while (n < 0 && errno == EINTR);
+    return SendResult(n, err);
+}
+
+// The system tells an unconnected socket's missing destination itself.
+int ZNRSocketSendToPeer(int fd, unsigned char const* buf, int len, std::uint64_t* err) {
+    return ZNRSocketSendOne(fd, buf, len, nullptr, 0, err);
+}
+
+std::uint64_t ZNRSocketLocalName(int fd, sockaddr* sa, socklen_t* len) {
+    if (::getsockname(fd, sa, len) != 0) return LastSysError();
+    return 0;
+}
 
 std::uint64_t ZNRSocketSetInt(int fd, int name, int value) {
     if (setsockopt(fd, SOL_SOCKET, name, &value, sizeof(value)) != 0) return LastSysError();
@@ -102,34 +160,9 @@ std::uint64_t ZNRSocketGetTime(int fd, int name, unsigned int* ms) {
 
 // ---------------------------------------------------------------- addresses
 
-std::uint64_t ZNRNetAddrInfo::InnerOpenAddr(sockaddr const* sa, unsigned int len) {
-    if (sa == nullptr) return ZNRSysError(EINVAL);
-    // The resolver also names local-socket addresses; only IP ones are ours.
-    if (sa->sa_family != AF_INET && sa->sa_family != AF_INET6) return ZNRSysError(EAFNOSUPPORT);
-    // Room for an IPv6 text with a scope name.
-    char host[64];
-    char service[16];
-    int const rc = getnameinfo(sa, len, host, sizeof(host), service, sizeof(service),
-                               NI_NUMERICHOST | NI_NUMERICSERV);
-    if (rc != 0) return ResolverError(rc);
-    type_ = sa->sa_family == AF_INET6 ? TYPE_IPV6 : TYPE_IPV4;
-    addr_str_ = ZNRString(host);
-    port_str_ = ZNRString(service);
-    return 0;
-}
-
 std::uint64_t ZNRNetAddrInfo::StrAddrToNet(ZNRString const& text, unsigned int* addr) {
     in_addr_t const value = inet_addr(text.ToStdCStr().c_str());
     if (addr != nullptr) *addr = static_cast<unsigned int>(value);
-    return 0;
-}
-
-std::uint64_t ZNRNetAddrInfo::NetAddrToStr(unsigned int addr, ZNRString* text) {
-    in_addr in;
-    in.s_addr = addr;
-    char buffer[INET_ADDRSTRLEN];
-    if (inet_ntop(AF_INET, &in, buffer, sizeof(buffer)) == nullptr) return LastSysError();
-    if (text != nullptr) *text = ZNRString(buffer, "chs");
     return 0;
 }
 
@@ -162,7 +195,7 @@ std::uint64_t ZNRHostInfo::Open(ZNRString const& host, ZNRString const& service,
     addrinfo* result = nullptr;
     int const rc = getaddrinfo(host.empty() ? nullptr : host_text.c_str(),
                                service.empty() ? nullptr : service_text.c_str(), &hints, &result);
-    if (rc != 0) return ResolverError(rc);
+    if (rc != 0) return ZNRResolverError(rc);
     std::uint64_t code = 0;
     for (addrinfo* p = result; p != nullptr && code == 0; p = p->ai_next) {
         code = AddResolved(p->ai_addr, static_cast<unsigned int>(p->ai_addrlen), p->ai_family == AF_INET6);
@@ -176,34 +209,6 @@ std::uint64_t ZNRHostInfo::Open(ZNRString const& host, ZNRString const& service,
 
 // ---------------------------------------------------------------- socket
 
-ZNRSocket::ZNRSocket() : type_(TYPE_NONE), fd_(-1) {}
-
-ZNRSocket::~ZNRSocket() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
-std::uint64_t ZNRSocket::Open(Type_t type, int fd) {
-    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
-    if (fd >= 0) UrgentInline(fd, type);
-    type_ = type;
-    fd_ = fd;
-    return 0;
-}
-
-std::uint64_t ZNRSocket::Open(Type_t type) { return Create(type, false); }
-
-std::uint64_t ZNRSocket::Create(Type_t type, bool non_blocking) {
-    if (ZNRSocketKindOf(type) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
-    ZNRSocketKind const& kind = *ZNRSocketKindOf(type);
-    int const flags = SOCK_CLOEXEC | (non_blocking ? SOCK_NONBLOCK : 0);
-    int const fd = ::socket(kind.family, kind.type | flags, kind.protocol);
-    if (fd < 0) return LastSysError();
-    UrgentInline(fd, type);
-    type_ = type;
-    fd_ = fd;
-    return 0;
-}
-
 std::uint64_t ZNRSocket::Bind(ZNRNetAddrInfo const* addr) {
     if (addr == nullptr || addr->GetAddr() == nullptr) return ZNRSysError(EINVAL);
     if (::bind(fd_, addr->GetAddr(), addr->GetAddrLen()) != 0) return LastSysError();
@@ -215,107 +220,10 @@ std::uint64_t ZNRSocket::Listen(int backlog) {
     return 0;
 }
 
-std::uint64_t ZNRSocket::Accept(ZNRSocket* client, ZNRNetAddrInfo* peer) {
-    if (client == nullptr) return ZNRSysError(EINVAL);
-    sockaddr_storage storage;
-    sockaddr* sa = nullptr;
-    socklen_t len = 0;
-    socklen_t peer_len = 0;
-    if (peer != nullptr) {
-        if (!ZNRSocketIsTcp(type_)) return ZNR_ERROR_BAD_SOCKET_TYPE;
-        peer_len = ZNRSocketKindOf(type_)->addr_len;
-        len = peer_len;
-        sa = reinterpret_cast<sockaddr*>(&storage);
-    }
-    // Accepted sockets take on the listener's blocking mode, as callers of
-    // a non-blocking listener expect.
-    int flags = SOCK_CLOEXEC;
-    int const listener_flags = ::fcntl(fd_, F_GETFL);
-    if (listener_flags != -1 && (listener_flags & O_NONBLOCK) != 0) flags |= SOCK_NONBLOCK;
-    int fd;
-    do {
-        fd = ::accept4(fd_, sa, sa != nullptr ? &len : nullptr, flags);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0) return LastSysError();
-    if (peer != nullptr) {
-        std::uint64_t const rc = peer->Open(sa, std::min(len, peer_len));
-        if (rc != 0) {
-            ::close(fd);
-            return rc;
-        }
-    }
-    UrgentInline(fd, type_);
-    client->type_ = type_;
-    client->fd_ = fd;
-    return 0;
-}
-
 std::uint64_t ZNRSocket::Connect(ZNRNetAddrInfo const* addr) {
     if (addr == nullptr || addr->GetAddr() == nullptr) return ZNRSysError(EINVAL);
     if (::connect(fd_, addr->GetAddr(), addr->GetAddrLen()) != 0) return LastSysError();
     return 0;
-}
-
-int ZNRSocket::Recv(unsigned char* buf, int len, std::uint64_t* err) {
-    if (ZNRSocketBadLength(buf, len, err)) return -1;
-    // A zero-byte read would look like the peer's shutdown.
-    if (len == 0) return 0;
-    ssize_t n;
-    do {
-        n = ::recv(fd_, buf, static_cast<size_t>(len), 0);
-    } while (n < 0 && errno == EINTR);
-    return RecvResult(n, err);
-}
-
-int ZNRSocket::RecvFrom(unsigned char* buf, int len, std::uint64_t* err, ZNRNetAddrInfo* from) {
-    if (ZNRSocketBadLength(buf, len, err)) return -1;
-    sockaddr_storage storage;
-    sockaddr* sa = nullptr;
-    socklen_t from_len = 0;
-    socklen_t len_in = 0;
-    if (from != nullptr) {
-        if (ZNRSocketKindOf(type_) == nullptr) {
-            ZNRStoreError(err, ZNR_ERROR_BAD_SOCKET_TYPE);
-            return -1;
-        }
-        from_len = ZNRSocketKindOf(type_)->addr_len;
-        len_in = from_len;
-        sa = reinterpret_cast<sockaddr*>(&storage);
-    }
-    ssize_t n;
-    do {
-        n = ::recvfrom(fd_, buf, static_cast<size_t>(len), 0, sa, sa != nullptr ? &len_in : nullptr);
-    } while (n < 0 && errno == EINTR);
-    int const result = RecvResult(n, err);
-    if (result > 0 && from != nullptr) {
-        std::uint64_t const rc = from->Open(sa, std::min(len_in, from_len));
-        if (rc != 0) {
-            ZNRStoreError(err, rc);
-            return -1;
-        }
-    }
-    return result;
-}
-
-int ZNRSocket::Send(unsigned char const* buf, int len, std::uint64_t* err) {
-    if (ZNRSocketBadLength(buf, len, err)) return -1;
-    ssize_t n;
-    do {
-        n = ::send(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
-    } while (n < 0 && errno == EINTR);
-    return SendResult(n, err);
-}
-
-int ZNRSocket::SendTo(unsigned char const* buf, int len, std::uint64_t* err,
-                      ZNRNetAddrInfo const* to) {
-    if (ZNRSocketBadLength(buf, len, err)) return -1;
-    sockaddr const* sa = to != nullptr ? to->GetAddr() : nullptr;
-    socklen_t const sa_len = sa != nullptr ? to->GetAddrLen() : 0;
-    ssize_t n;
-    do {
-        n = ::sendto(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL, sa, sa_len);
-    } while (n < 0 && errno == EINTR);
-    return SendResult(n, err);
 }
 
 std::uint64_t ZNRSocket::CloseRecv() {
@@ -342,23 +250,4 @@ std::uint64_t ZNRSocket::NonBlock(bool on) {
     int value = on ? 1 : 0;
     if (::ioctl(fd_, FIONBIO, &value) != 0) return LastSysError();
     return 0;
-}
-
-std::uint64_t ZNRSocket::GetError(std::uint64_t* err) {
-    int value = 0;
-    socklen_t len = sizeof(value);
-    if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &value, &len) != 0) return LastSysError();
-    ZNRStoreError(err, ZNRSysError(value));
-    return 0;
-}
-
-std::uint64_t ZNRSocket::GetLocalInfo(ZNRNetAddrInfo* addr) {
-    if (ZNRSocketKindOf(type_) == nullptr) return ZNR_ERROR_BAD_SOCKET_TYPE;
-    if (addr == nullptr) return ZNRSysError(EINVAL);
-    sockaddr_storage storage;
-    socklen_t const want = ZNRSocketKindOf(type_)->addr_len;
-    socklen_t len = want;
-    auto* sa = reinterpret_cast<sockaddr*>(&storage);
-    if (::getsockname(fd_, sa, &len) != 0) return LastSysError();
-    return addr->Open(sa, std::min(len, want));
 }

@@ -95,8 +95,10 @@ private:
             iovec iov{};
         };
         std::unique_ptr<Header> header;
-        // The ring buffer a finished receive lent out, back with its release.
+        // The ring buffer a finished receive lent out, or the chunk it
+        // gathered several into; back with its release.
         int lent = -1;
+        unsigned char* gathered = nullptr;
     };
     struct Handle : ZNRCompletionBinding {
         int fd = -1;
@@ -170,6 +172,7 @@ private:
     int next_held_[kBufferCount];
     unsigned int held_length_[kBufferCount];
     int free_buffers_ = 0;
+    ZNRLendChunks chunks_;
     ZNRBindingTable<Handle> handles_;
     ZNRCompletionList done_;
     std::vector<Handle*> starved_;
@@ -241,6 +244,7 @@ ZNRUringEngine::~ZNRUringEngine() {
         Handle& h = *handles_.At(static_cast<std::uint32_t>(slot));
         for (Entry& e : h.side) {
             if (e.cb != nullptr) ZNRCompletionBinding::Bind(e.cb, nullptr);
+            chunks_.Give(e.gathered);
         }
         for (int fd : h.accepted) ::close(fd);
     }
@@ -353,6 +357,8 @@ void ZNRUringEngine::Release(ZNRAsyncIOCB* cb) {
 }
 
 void ZNRUringEngine::GiveBack(Entry& e) {
+    chunks_.Give(e.gathered);
+    e.gathered = nullptr;
     if (e.lent < 0) return;
     Recycle(static_cast<unsigned int>(e.lent));
     e.lent = -1;
@@ -606,8 +612,16 @@ int ZNRUringEngine::CopyHeld(Handle& h, unsigned char* dst, int len) {
 }
 
 // The read's buffer becomes the ring buffer's, which goes back to the
-// kernel once the read is released.
+// kernel once the read is released. A backlog beyond one ring buffer is
+// gathered into one chunk, so that a reader takes as much at once as it
+// asked for, as it would from its socket.
 int ZNRUringEngine::LendHeld(Handle& h, Entry& e) {
+    unsigned int const first = held_length_[h.held_head] - h.held_offset;
+    if (h.held_count > 1 && first < static_cast<unsigned int>(e.cb->len)) {
+        e.gathered = chunks_.Take();
+        e.cb->buf = e.gathered;
+        return CopyHeld(h, e.gathered, std::min(e.cb->len, ZNRLendChunks::kSize));
+    }
     unsigned int took = 0;
     e.lent = TakeHeld(h, static_cast<unsigned int>(e.cb->len), &e.cb->buf, &took);
     return static_cast<int>(took);

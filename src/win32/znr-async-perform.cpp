@@ -4,6 +4,7 @@
 
 #include <plexa/znr-async-io.h>
 #include <plexa/znr-error.h>
+#include <plexa/znr-async-socket.h>
 #include <plexa/znr-socket.h>
 
 #include "znr-async-perform.h"
@@ -102,7 +103,7 @@ ZNRPerformResult Transferred(ZNRAsyncIOCB* cb, int n) {
 
 }  // namespace
 
-ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
+ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool) {
     if (!IsSocket(cb->fd)) return PerformOnPipe(cb);
     SOCKET const s = AsSocket(cb->fd);
     char* const buf = reinterpret_cast<char*>(cb->buf);
@@ -137,20 +138,24 @@ ZNRPerformResult ZNRAsyncPerform(ZNRAsyncIOCB* cb, bool known_ready) {
         ZNRAsyncAdopt(cb, reinterpret_cast<ZNRNativeHandle>(accepted), true);
         return ZNR_PERFORM_DONE;
     }
-    case ZNRAsyncIOCB::METHOD_CONNECT: {
-        if (!known_ready && !ZNRAsyncWaitReady(cb, 0)) return ZNR_PERFORM_AGAIN;
-        int value = 0;
-        int len = sizeof(value);
-        if (::getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&value), &len) != 0) {
-            value = ::WSAGetLastError();
-        }
-        cb->Complete(0, value == 0 ? 0 : ZNRSysError(value));
-        return ZNR_PERFORM_DONE;
-    }
+    case ZNRAsyncIOCB::METHOD_CONNECT:
+        // ConnectEx goes out once an engine watches the socket.
+        return ZNR_PERFORM_AGAIN;
     case ZNRAsyncIOCB::METHOD_NONE:
         break;
     }
     return ZNR_PERFORM_AGAIN;
+}
+
+// ConnectEx starts it when the engine issues the write side's operation,
+// then or once the socket is watched: a plain connect() first would leave
+// ConnectEx a socket that is connecting already.
+std::uint64_t ZNRAsyncConnect(ZNRAsyncSocket* socket, ZNRNetAddrInfo const* addr) {
+    if (addr == nullptr || addr->GetAddr() == nullptr) return ZNRSysError(WSAEINVAL);
+    ZNRAsyncIOCB* const cb = socket->GetWriteIOCB();
+    cb->addr = const_cast<sockaddr*>(addr->GetAddr());
+    cb->addr_len = addr->GetAddrLen();
+    return cb->Begin(ZNRAsyncIOCB::OP_CONNECT, ZNRAsyncIOCB::METHOD_CONNECT, nullptr, 0);
 }
 
 void ZNRAsyncAdopt(ZNRAsyncIOCB* cb, ZNRNativeHandle fd, bool peer_known) {
