@@ -1,3 +1,5 @@
+#include "../examples/entity-protocol.h"
+
 #include <plexa/plexa.h>
 
 #include <benchmark/benchmark.h>
@@ -78,22 +80,196 @@ TypicalEntity MakeTypicalEntity() {
     return t;
 }
 
-void BM_PackUnpackTypicalEntity(benchmark::State& state) {
-    TypicalEntity const in = MakeTypicalEntity();
+// Packs in into a reused pack and reads it back into out, as a server does
+// once per request.
+template <class Entity>
+void RoundTrip(benchmark::State& state, ZNRPack* pack, Entity const& in, Entity* out) {
+    pack->Rewind(false);
+    if (pack->Push(in) != 0) state.SkipWithError("pack failed");
+    ZNRByteBuffer const* bytes = pack->GetBuffer();
+    ZNRUnpack unpack(bytes->GetData(), bytes->GetDataCount(), false, false);
+    if (unpack.Pop(out) != 0) state.SkipWithError("unpack failed");
+}
+
+template <class Entity>
+void PackUnpack(benchmark::State& state, Entity const& in) {
     ZNRPack pack(512, 1 << 20, false);
     for (auto _ : state) {
-        pack.Rewind(false);
-        if (pack.Push(in) != 0) state.SkipWithError("pack failed");
-        ZNRByteBuffer const* bytes = pack.GetBuffer();
-        ZNRUnpack unpack(bytes->GetData(), bytes->GetDataCount(), false, false);
-        TypicalEntity out;
-        if (unpack.Pop(&out) != 0) state.SkipWithError("unpack failed");
-        benchmark::DoNotOptimize(out.j);
+        Entity out;
+        RoundTrip(state, &pack, in, &out);
+        benchmark::DoNotOptimize(out);
     }
     state.SetItemsProcessed(state.iterations());
     state.counters["entity_bytes"] = static_cast<double>(pack.GetBuffer()->GetDataCount());
 }
+
+void BM_PackUnpackTypicalEntity(benchmark::State& state) { PackUnpack(state, MakeTypicalEntity()); }
 BENCHMARK(BM_PackUnpackTypicalEntity);
+
+// Eight text fields from 6 to 120 characters: a name, an address, a
+// message, Chinese and Latin mixed.
+struct TextEntity : public ZNRMarshallable {
+    unsigned int id = 0;
+    ZNRString texts[8];
+
+    std::uint64_t Marshal(ZNRPack* p) const override {
+        std::uint64_t r = p->Push(id);
+        for (ZNRString const& t : texts)
+            if (r == 0) r = p->Push(t);
+        return r;
+    }
+    std::uint64_t Unmarshal(ZNRUnpack* u) override {
+        std::uint64_t r = u->Pop(&id);
+        for (ZNRString& t : texts)
+            if (r == 0) r = u->Pop(&t);
+        return r;
+    }
+};
+
+// The fields of a text-heavy entity as GBK bytes.
+std::vector<std::string> GbkTexts() {
+    std::string const zhong = "\xD6\xD0", wen = "\xCE\xC4";  // U+4E2D U+6587
+    std::vector<std::string> texts;
+    for (std::size_t k = 0; k < 8; ++k) {
+        std::string t = "user-" + std::to_string(k) + ":";
+        while (t.size() < 6 + k * 16) t += (k % 2 == 0) ? zhong + "address " + wen : "latin text ";
+        texts.push_back(t);
+    }
+    return texts;
+}
+
+void BM_PackUnpackTextEntityUtf8(benchmark::State& state) {
+    TextEntity in;
+    in.id = 77;
+    std::vector<std::string> const gbk = GbkTexts();
+    for (std::size_t k = 0; k < 8; ++k) in.texts[k] = ZNRString(gbk[k], "chs");
+    PackUnpack(state, in);
+}
+BENCHMARK(BM_PackUnpackTextEntityUtf8);
+
+// The host's side of GBK text: fields are made from GBK bytes before the
+// pack and turned back into GBK bytes after the unpack.
+void BM_PackUnpackTextEntityGbk(benchmark::State& state) {
+    std::vector<std::string> const gbk = GbkTexts();
+    ZNRPack pack(512, 1 << 20, false);
+    std::size_t bytes_out = 0;
+    for (auto _ : state) {
+        TextEntity in;
+        for (std::size_t k = 0; k < 8; ++k) in.texts[k] = ZNRString(gbk[k], "chs");
+        TextEntity out;
+        RoundTrip(state, &pack, in, &out);
+        for (ZNRString const& t : out.texts) bytes_out += t.ToStdCStr().size();
+    }
+    benchmark::DoNotOptimize(bytes_out);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_PackUnpackTextEntityGbk);
+
+// Sixty numbers of every width and no text.
+struct NumberEntity : public ZNRMarshallable {
+    unsigned char flags[12] = {};
+    short small[12] = {};
+    int ints[12] = {};
+    unsigned int ids[12] = {};
+    std::int64_t stamps[12] = {};
+
+    template <class Pack, class T, std::size_t N>
+    static std::uint64_t PushAll(Pack* p, T const (&values)[N], std::uint64_t r) {
+        for (T const& v : values)
+            if (r == 0) r = p->Push(v);
+        return r;
+    }
+    template <class Unpack, class T, std::size_t N>
+    static std::uint64_t PopAll(Unpack* u, T (&values)[N], std::uint64_t r) {
+        for (T& v : values)
+            if (r == 0) r = u->Pop(&v);
+        return r;
+    }
+    std::uint64_t Marshal(ZNRPack* p) const override {
+        return PushAll(p, stamps, PushAll(p, ids, PushAll(p, ints, PushAll(p, small, PushAll(p, flags, 0)))));
+    }
+    std::uint64_t Unmarshal(ZNRUnpack* u) override {
+        return PopAll(u, stamps, PopAll(u, ids, PopAll(u, ints, PopAll(u, small, PopAll(u, flags, 0)))));
+    }
+};
+
+void BM_PackUnpackNumberEntity(benchmark::State& state) {
+    NumberEntity in;
+    for (int k = 0; k < 12; ++k) {
+        in.flags[k] = static_cast<unsigned char>(k * 17);
+        in.small[k] = static_cast<short>(-300 * k);
+        in.ints[k] = -70000 * k;
+        in.ids[k] = 4000000000u - static_cast<unsigned int>(k);
+        in.stamps[k] = -(std::int64_t{1} << 40) * k;
+    }
+    PackUnpack(state, in);
+}
+BENCHMARK(BM_PackUnpackNumberEntity);
+
+// The entity server's key-value work for one put and one get, without the
+// network: the dispatcher's body goes through the entity map, the target
+// unmarshals the request and packs its reply into a frame as the server's
+// reply sender does.
+class KvTarget {
+public:
+    bool Put(entity_protocol::KvPutRequest const& request, void*) {
+        value_.assign(reinterpret_cast<char const*>(request.value.GetData()), request.value.GetDataCount());
+        entity_protocol::KvReply reply;
+        return Answer(entity_protocol::kKvPutUri, &reply);
+    }
+    bool Get(entity_protocol::KvKeyRequest const&, void*) {
+        entity_protocol::KvReply reply;
+        reply.value.SetCapacity(static_cast<unsigned int>(value_.size()));
+        reply.value.AppendData(reinterpret_cast<unsigned char const*>(value_.data()),
+                               static_cast<unsigned int>(value_.size()));
+        return Answer(entity_protocol::kKvGetUri, &reply);
+    }
+    std::size_t reply_bytes = 0;
+
+private:
+    bool Answer(unsigned int uri, entity_protocol::KvReply* reply) {
+        ZNRDataSender sender(false, static_cast<int>(ZNRTransMessage::MAX_LENGTH + ZNRTransMessage::HEADER_SIZE));
+        if (sender.CreateByEntityProtocol(uri, *reply, 0) != 0) return false;
+        reply_bytes += sender.GetBuffer()->GetDataCount();
+        return true;
+    }
+    std::string value_;
+};
+
+std::vector<unsigned char> Body(unsigned int uri, ZNRMarshallable const& entity) {
+    ZNRPack pack(0, 1 << 20, false);
+    pack.Push(uri);
+    pack.Push(entity);
+    ZNRByteBuffer const* b = pack.GetBuffer();
+    return std::vector<unsigned char>(b->GetData(), b->GetData() + b->GetDataCount());
+}
+
+void BM_EntityServerKvRequest(benchmark::State& state) {
+    using namespace entity_protocol;
+    KvPutRequest put;
+    put.key = "bench-7-12";
+    std::vector<unsigned char> value(64);
+    for (std::size_t k = 0; k < value.size(); ++k) value[k] = static_cast<unsigned char>(k * 37);
+    put.value.SetCapacity(64);
+    put.value.AppendData(value.data(), 64);
+    KvKeyRequest get;
+    get.key = put.key;
+    std::vector<unsigned char> const bodies[2] = {Body(kKvPutUri, put), Body(kKvGetUri, get)};
+    KvTarget target;
+    ZNREntityMap map;
+    map.AddEntityTarget(kKvPutUri, &target, &KvTarget::Put);
+    map.AddEntityTarget(kKvGetUri, &target, &KvTarget::Get);
+    std::size_t n = 0;
+    for (auto _ : state) {
+        std::vector<unsigned char> const& body = bodies[n++ & 1];
+        bool handled = false;
+        if (!map.DispatchEntity(body.data(), static_cast<int>(body.size()), false, &handled, nullptr) || !handled)
+            state.SkipWithError("request failed");
+    }
+    benchmark::DoNotOptimize(target.reply_bytes);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_EntityServerKvRequest);
 
 // 100k int pushes into a pack that starts empty: growth must not copy the
 // whole buffer on every push.

@@ -2,12 +2,17 @@
 // among them, UTF-16 units) and the members built on them, then both
 // template forms with the input as the template.
 //
+// UTF-8 and UTF-16 must be taken, refused and cut exactly as glibc's iconv
+// does, which the library's own transcoder replaces.
+//
 // Input: locale choice, then text used as UTF-8, as multi-byte text and as
 // 16-bit units.
 #include "fuzz-common.h"
 
 #include <cstring>
 #include <cwchar>
+
+#include <iconv.h>
 
 namespace {
 
@@ -37,6 +42,24 @@ std::basic_string<Char> Template(std::basic_string<Char> in, bool positional) {
 }
 
 bool HasZero(std::string const& s) { return s.find('\0') != std::string::npos; }
+
+// iconv's output for size bytes, and whether it took them all.
+bool Iconv(char const* from, char const* to, void const* in, std::size_t size, std::string* out) {
+    iconv_t const cd = iconv_open(to, from);
+    FUZZ_CHECK(cd != reinterpret_cast<iconv_t>(-1));
+    std::string bytes(static_cast<char const*>(in), size);
+    out->assign(size * 2 + 4, '\0');
+    char *in_ptr = &bytes[0], *out_ptr = &(*out)[0];
+    std::size_t in_left = size, out_left = out->size();
+    bool const ok = iconv(cd, &in_ptr, &in_left, &out_ptr, &out_left) != static_cast<std::size_t>(-1);
+    out->resize(out->size() - out_left);
+    iconv_close(cd);
+    return ok;
+}
+
+std::string BytesOf(ZNRStdWString const& units) {
+    return std::string(reinterpret_cast<char const*>(units.data()), units.size() * 2);
+}
 
 void CheckAffixes(ZNRString const& w) {
     for (ZNRString::size_type k : {0u, w.size() / 2, w.size()}) {
@@ -77,14 +100,20 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
 
     // UTF-8 in and out again; a failure keeps the old content.
     ZNRString u(u"old", locale);
-    std::string utf8;
+    std::string utf8, reference;
+    bool const iconv_ok = Iconv("UTF-8", "UTF-16LE", text.data(), text.size(), &reference);
     if (u.NewFromUtf8Str(text)) {
+        FUZZ_CHECK(iconv_ok && BytesOf(u) == reference);
         FUZZ_CHECK(u.ToUtf8Str(&utf8));
         if (!HasZero(text)) FUZZ_CHECK(utf8 == text);
     } else {
+        FUZZ_CHECK(!iconv_ok);
         FUZZ_CHECK(u == ZNRString(u"old"));
     }
     u.IsUTF8();
+    // A UTF-8 locale keeps what came before a fault, as iconv does.
+    Iconv("UTF-8", "UTF-16LE", text.c_str(), std::strlen(text.c_str()), &reference);
+    FUZZ_CHECK(BytesOf(ZNRString(text.c_str(), "zz_ZZ.UTF-8")) == reference);
 
     // Multi-byte text of the locale: what it gives converts back to itself.
     ZNRString narrow(text.c_str(), locale);
@@ -98,7 +127,11 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     ZNRStdWString units((size - 1) / 2, 0);
     if (!units.empty()) std::memcpy(&units[0], data + 1, units.size() * 2);
     ZNRString w(units, locale);
-    if (w.ToUtf8Str(&utf8)) {
+    bool const encodes = Iconv("UTF-16LE", "UTF-8", units.data(), units.size() * 2, &reference);
+    utf8 = "untouched";
+    FUZZ_CHECK(w.ToUtf8Str(&utf8) == encodes);
+    FUZZ_CHECK(utf8 == (encodes ? reference : "untouched"));
+    if (encodes) {
         ZNRString back(u"", locale);
         FUZZ_CHECK(back.NewFromUtf8Str(utf8));
         if (units.find(static_cast<unsigned short>(0)) == ZNRStdWString::npos) FUZZ_CHECK(back == w);

@@ -4,20 +4,27 @@
 #include <plexa/znr-error.h>
 #include <plexa/znr-string.h>
 
+#include "znr-text-codec.h"
+
 #include <cstring>
 #include <type_traits>
 
 namespace {
 
-// Writes the low `width` bytes of value, least significant first unless
-// bigendian.
+// The first block a pack grows into: a reply of a few fields then takes one.
+unsigned int const kFirstBlock = 256;
+
+// Writes value least significant byte first unless bigendian; compilers
+// make each loop one store (swapped for big-endian).
 template <class T>
 void Encode(T value, bool bigendian, unsigned char* out) {
     auto bits = static_cast<std::make_unsigned_t<T>>(value);
-    for (unsigned int i = 0; i < sizeof(T); ++i) {
-        unsigned int const at = bigendian ? static_cast<unsigned int>(sizeof(T)) - 1 - i : i;
-        out[at] = static_cast<unsigned char>(bits & 0xFFu);
-        bits = static_cast<decltype(bits)>(bits >> 4 >> 4);
+    if (bigendian) {
+        for (unsigned int i = sizeof(T); i-- > 0; bits = static_cast<decltype(bits)>(bits >> 4 >> 4))
+            out[i] = static_cast<unsigned char>(bits & 0xFFu);
+    } else {
+        for (unsigned int i = 0; i < sizeof(T); ++i, bits = static_cast<decltype(bits)>(bits >> 4 >> 4))
+            out[i] = static_cast<unsigned char>(bits & 0xFFu);
     }
 }
 
@@ -46,29 +53,57 @@ bool ZNRPack::Fits(unsigned int size) const {
 // Pushes set the capacity to exactly what they need, but the block under it
 // doubles (up to the limit): growing block by block would copy the whole
 // pack on every push.
+std::uint64_t ZNRPack::GrowBlock(std::uint64_t need) {
+    std::uint64_t block = buffer_->GetBlockSize();
+    if (need <= block) return 0;
+    block = block * 2 > kFirstBlock ? block * 2 : kFirstBlock;
+    if (block < need) block = need;
+    if (block > max_size_) block = max_size_;
+    return buffer_->Reserve(static_cast<unsigned int>(block));
+}
+
 std::uint64_t ZNRPack::Reserve(unsigned int size) {
     if (buffer_->GetFreeCapacity() >= size) return 0;
     // Fits() has kept this within max_size_.
     unsigned int const need = buffer_->GetDataCount() + size;
-    if (need > buffer_->GetBlockSize()) {
-        std::uint64_t block = 2 * static_cast<std::uint64_t>(buffer_->GetBlockSize());
-        if (block < need) block = need;
-        if (block > max_size_) block = max_size_;
-        std::uint64_t const error = buffer_->Reserve(static_cast<unsigned int>(block));
-        if (error != 0) return error;
-    }
-    return buffer_->SetCapacity(need);
+    std::uint64_t const error = GrowBlock(need);
+    return error != 0 ? error : buffer_->SetCapacity(need);
 }
 
-std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
-    if (!Fits(size)) return ZNR_ERROR_PACK_OVER_LIMIT;
-    std::uint64_t const error = Reserve(size);
-    if (error != 0) return error;
-    buffer_->AppendData(data, size);
+// A length and its bytes grow the block once. A failure to grow shows in
+// the push that meets it, so that the refusals stay those of each push.
+void ZNRPack::ExpectField(std::uint64_t size) {
+    std::uint64_t const need = buffer_->GetDataCount() + size;
+    if (need > buffer_->GetCapacity() && need <= max_size_) GrowBlock(need);
+}
+
+// Small enough to inline, so that a fixed-width push is one test and a store.
+inline unsigned char* ZNRPack::Room(unsigned int size, std::uint64_t* error) {
+    unsigned int const count = buffer_->GetDataCount();
+    unsigned int const capacity = buffer_->GetCapacity();
+    unsigned char* const block = buffer_->GetData();
+    // Within the capacity, the limit and a block: one test for the common case.
+    unsigned int const room = block == nullptr ? 0 : capacity < max_size_ ? capacity : max_size_;
+    return std::uint64_t{count} + size <= room ? block + count : Grow(size, error);
+}
+
+unsigned char* ZNRPack::Grow(unsigned int size, std::uint64_t* error) {
+    *error = Fits(size) ? Reserve(size) : ZNR_ERROR_PACK_OVER_LIMIT;
+    // A buffer left without a block takes nothing, as AppendData.
+    if (*error != 0 || buffer_->GetData() == nullptr) return nullptr;
+    return buffer_->GetData() + buffer_->GetDataCount();
+}
+
+inline std::uint64_t ZNRPack::Append(unsigned char const* data, unsigned int size) {
+    std::uint64_t error = 0;
+    unsigned char* const at = Room(size, &error);
+    if (at == nullptr) return error;
+    if (size > 0) std::memcpy(at, data, size);
+    buffer_->ResetDataCount(buffer_->GetDataCount() + size);
     return 0;
 }
 
-std::uint64_t ZNRPack::PushFixed(void const* value, unsigned int size) {
+inline std::uint64_t ZNRPack::PushFixed(void const* value, unsigned int size) {
     return Append(static_cast<unsigned char const*>(value), size);
 }
 
@@ -89,19 +124,29 @@ ZNR_PACK_PUSH(std::int64_t)
 ZNR_PACK_PUSH(std::uint64_t)
 #undef ZNR_PACK_PUSH
 
+// The text is measured first and then converted straight into the buffer,
+// so a text that has no UTF-8 form leaves the pack as it was.
 std::uint64_t ZNRPack::Push(ZNRString const& value) {
-    std::string utf8;
-    if (!value.ToUtf8Str(&utf8) || utf8.size() >= 0xFFFFFFFFu) return ZNR_ERROR_PACK_TEXT;
-    unsigned int const count = static_cast<unsigned int>(utf8.size()) + 1;
-    std::uint64_t const error = Push(count);
+    std::size_t length = 0;
+    if (!ZNRTextCodec::Utf16ToUtf8(value.data(), value.size(), nullptr, &length) || length >= 0xFFFFFFFFu)
+        return ZNR_ERROR_PACK_TEXT;
+    unsigned int const count = static_cast<unsigned int>(length) + 1;
+    ExpectField(4 + std::uint64_t{count});
+    std::uint64_t error = Push(count);
     if (error != 0) return error;
     // The count stays in the buffer when the text does not fit.
-    return Append(reinterpret_cast<unsigned char const*>(utf8.c_str()), count);
+    unsigned char* const text = Room(count, &error);
+    if (text == nullptr) return error;
+    ZNRTextCodec::Utf16ToUtf8(value.data(), value.size(), reinterpret_cast<char*>(text), &length);
+    text[length] = 0;
+    buffer_->ResetDataCount(buffer_->GetDataCount() + count);
+    return 0;
 }
 
 std::uint64_t ZNRPack::Push(std::string const& value) {
     if (value.size() > 0xFFFF) return ZNR_ERROR_PACK_TEXT;
     unsigned int const length = static_cast<unsigned int>(value.size());
+    ExpectField(2 + std::uint64_t{length});
     std::uint64_t const error = Push(static_cast<unsigned short>(length));
     if (error != 0) return error;
     return Append(reinterpret_cast<unsigned char const*>(value.data()), length);
@@ -109,6 +154,7 @@ std::uint64_t ZNRPack::Push(std::string const& value) {
 
 std::uint64_t ZNRPack::Push(ZNRByteBuffer const& value) {
     unsigned int const length = value.GetDataCount();
+    ExpectField(4 + std::uint64_t{length});
     std::uint64_t const error = Push(length);
     if (error != 0) return error;
     return Append(value.GetData(), length);

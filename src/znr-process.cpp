@@ -169,3 +169,15 @@ void ZNRProcessWin32::ClosePipes() {
     ZNRFdRelease(&out_fd_);
     ZNRFdRelease(&err_fd_);
 }
+
+// The child's output goes to its handlers from here on; where that cannot
+// be, the child is ended, as if it had never started.
+std::uint64_t ZNRProcessWin32::AttachOutput(ZNRProcessParam const& param) {
+    std::uint64_t const attached = ZNRProcessAttachOutput(param, &out_fd_, &err_fd_);
+    if (attached != 0) {
+        ClosePipes();
+        Kill();
+        Reap(true);
+    }
+    return attached;
+}

@@ -26,6 +26,7 @@ struct ZNRStringLocale {
     std::string name;
     std::locale locale;
     std::string charset;  // what the name's texts are encoded in
+    bool utf8;            // converted without the platform's converter
 };
 
 namespace {
@@ -39,8 +40,10 @@ ZNRStringLocale const& LocaleByName(std::string const& name) {
     std::lock_guard<std::mutex> guard(mutex);
     auto it = cache->find(name);
     if (it != cache->end()) return *it->second;
-    std::unique_ptr<ZNRStringLocale> record(new ZNRStringLocale{name, std::locale::classic(),
-                                                                ZNRTextCodec::CharsetOfLocale(name.c_str())});
+    std::string charset = ZNRTextCodec::CharsetOfLocale(name.c_str());
+    bool const utf8 = ZNRTextCodec::IsUtf8Charset(charset.c_str());
+    std::unique_ptr<ZNRStringLocale> record(
+        new ZNRStringLocale{name, std::locale::classic(), std::move(charset), utf8});
     try {
         record->locale = std::locale(name.c_str());
     } catch (...) {
@@ -48,21 +51,59 @@ ZNRStringLocale const& LocaleByName(std::string const& name) {
     return *cache->emplace(name, std::move(record)).first->second;
 }
 
-ZNRStringLocale const& DefaultLocale() {
-    static ZNRStringLocale const& locale = LocaleByName(kDefaultLocaleName);
-    return locale;
-}
-
-ZNRStdWString UnitsFromBytes(std::string const& bytes) {
-    ZNRStdWString units(bytes.size() / 2, 0);
-    if (!units.empty()) std::memcpy(&units[0], bytes.data(), units.size() * 2);
-    return units;
-}
-
 std::size_t UnitLength(unsigned short const* s) {
     std::size_t n = 0;
     while (s[n] != 0) ++n;
     return n;
+}
+
+// The locale's narrow text as units in *out; a fault is reported and *out
+// keeps what came before it. Units past a converted zero are dropped, as
+// when the text went through a terminated buffer.
+void Widen(ZNRStringLocale const& locale, char const* s, ZNRStdWString* out) {
+    std::size_t const length = s == nullptr ? 0 : std::strlen(s);
+    bool ok;
+    if (locale.utf8) {
+        out->resize(length);  // UTF-8 never takes more units than bytes
+        std::size_t units = 0;
+        ok = ZNRTextCodec::Utf8ToUtf16(s, length, &(*out)[0], &units);
+        out->resize(units);
+    } else {
+        std::string bytes;
+        ok = ZNRTextCodec::Convert(locale.charset.c_str(), ZNRTextCodec::Utf16Charset(), s, length, &bytes);
+        out->resize(bytes.size() / 2);
+        if (!out->empty()) std::memcpy(&(*out)[0], bytes.data(), out->size() * 2);
+        std::size_t const zero = out->find(static_cast<unsigned short>(0));
+        if (zero != ZNRStdWString::npos) out->erase(zero);
+    }
+    if (!ok) {
+        std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
+                     locale.name.c_str());
+    }
+}
+
+// Units up to the first zero one as the locale's narrow text in *out
+// (empty on entry); faults as Widen.
+void Narrow(ZNRStringLocale const& locale, unsigned short const* s, std::string* out) {
+    std::size_t const length = s == nullptr ? 0 : UnitLength(s);
+    bool ok;
+    if (locale.utf8) {
+        out->resize(length * 3);  // at most 3 bytes a unit
+        std::size_t size = 0;
+        ok = ZNRTextCodec::Utf16ToUtf8(s, length, &(*out)[0], &size);
+        out->resize(size);
+    } else {
+        ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale.charset.c_str(), s, length * 2, out);
+    }
+    if (!ok) {
+        std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
+                     locale.name.c_str());
+    }
+}
+
+ZNRStringLocale const& DefaultLocale() {
+    static ZNRStringLocale const& locale = LocaleByName(kDefaultLocaleName);
+    return locale;
 }
 
 ZNRStdWString const& Units(ZNRString const& s) { return s; }
@@ -198,16 +239,12 @@ ZNRString::ZNRString(unsigned short ch, char const* locale_name) : locale_(nullp
 
 ZNRString::ZNRString(char const* s, char const* locale_name) : locale_(nullptr) {
     SetLocale(locale_name);
-    if (s != nullptr) {
-        std::unique_ptr<unsigned short[]> units(MBSToWCS(s));
-        str_->assign(units.get());
-    }
+    if (s != nullptr) Widen(*locale_, s, &*str_);
 }
 
 ZNRString::ZNRString(std::string const& s, char const* locale_name) : locale_(nullptr) {
     SetLocale(locale_name);
-    std::unique_ptr<unsigned short[]> units(MBSToWCS(s.c_str()));
-    str_->assign(units.get());
+    Widen(*locale_, s.c_str(), &*str_);
 }
 
 ZNRString::ZNRString(char ch, char const* locale_name) : locale_(nullptr) {
@@ -321,28 +358,18 @@ void ZNRString::Split(ZNRString const& separators, std::vector<ZNRString>* out) 
 }
 
 std::string ZNRString::ToStdCStr() const {
-    std::unique_ptr<char[]> narrow(WCSToMBS(str_->c_str()));
-    return std::string(narrow.get());
+    std::string narrow;
+    Narrow(*locale_, str_->c_str(), &narrow);
+    narrow.resize(std::strlen(narrow.c_str()));  // as read back from a terminated buffer
+    return narrow;
 }
 
 bool ZNRString::ToUtf8Str(std::string* out) const {
-    std::string utf8;
-    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), ZNRTextCodec::Utf8Charset(),
-                               str_->data(), str_->size() * 2, &utf8)) {
-        return false;
-    }
-    out->swap(utf8);
-    return true;
+    return ZNRTextCodec::Utf16ToUtf8(str_->data(), str_->size(), out);
 }
 
 bool ZNRString::NewFromUtf8Str(std::string const& in) {
-    std::string bytes;
-    if (!ZNRTextCodec::Convert(ZNRTextCodec::Utf8Charset(), ZNRTextCodec::Utf16Charset(),
-                               in.data(), in.size(), &bytes)) {
-        return false;
-    }
-    str_->assign(UnitsFromBytes(bytes));
-    return true;
+    return ZNRTextCodec::Utf8ToUtf16(in.data(), in.size(), &*str_);
 }
 
 bool ZNRString::IsUTF8() const {
@@ -507,30 +534,18 @@ ZNRString& ZNRString::AppendFromTempl(char const* fmt, ...) {
 }
 
 unsigned short* ZNRString::MBSToWCS(char const* s) const {
-    std::size_t length = s == nullptr ? 0 : std::strlen(s);
-    std::string bytes;
-    bool ok = ZNRTextCodec::Convert(locale_->charset.c_str(), ZNRTextCodec::Utf16Charset(),
-                                    s, length, &bytes);
-    if (!ok) {
-        std::fprintf(stderr, "Convert locale string to wchar string error, locale name=\"%s\"",
-                     locale_->name.c_str());
-    }
-    std::size_t units = bytes.size() / 2;
-    unsigned short* wide = new unsigned short[(units > length ? units : length) + 1]();
-    if (units > 0) std::memcpy(wide, bytes.data(), units * 2);
+    ZNRStdWString units;
+    Widen(*locale_, s, &units);
+    std::size_t const length = s == nullptr ? 0 : std::strlen(s);
+    unsigned short* wide = new unsigned short[(units.size() > length ? units.size() : length) + 1]();
+    if (!units.empty()) std::memcpy(wide, units.data(), units.size() * 2);
     return wide;
 }
 
 char* ZNRString::WCSToMBS(unsigned short const* s) const {
-    std::size_t length = s == nullptr ? 0 : UnitLength(s);
     std::string bytes;
-    bool ok = ZNRTextCodec::Convert(ZNRTextCodec::Utf16Charset(), locale_->charset.c_str(),
-                                    s, length * 2, &bytes);
-    if (!ok) {
-        std::fprintf(stderr, "Convert wchar string to locale string error, locale name=\"%s\"",
-                     locale_->name.c_str());
-    }
-    std::size_t size = length * 5 + 5;
+    Narrow(*locale_, s, &bytes);
+    std::size_t size = (s == nullptr ? 0 : UnitLength(s)) * 5 + 5;
     if (bytes.size() >= size) size = bytes.size() + 1;
     char* narrow = new char[size]();
     if (!bytes.empty()) std::memcpy(narrow, bytes.data(), bytes.size());

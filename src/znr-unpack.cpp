@@ -5,6 +5,8 @@
 #include <plexa/znr-logger.h>
 #include <plexa/znr-string.h>
 
+#include "znr-text-codec.h"
+
 #include <cstring>
 #include <type_traits>
 
@@ -59,7 +61,7 @@ void ZNRUnpack::CopyFrom(ZNRUnpack const& other) {
     position_ = other.position_;
 }
 
-std::uint64_t ZNRUnpack::PopFixed(void* value, unsigned int size) {
+inline std::uint64_t ZNRUnpack::PopFixed(void* value, unsigned int size) {
     if (Remain() < size) return ZNR_ERROR_UNPACK_SHORT;
     std::memcpy(value, Data() + position_, size);
     position_ += size;
@@ -103,7 +105,9 @@ std::uint64_t ZNRUnpack::Pop(ZNRString* value) {
     void const* const zero = std::memchr(text, 0, Remain());
     std::size_t const length =
         zero != nullptr ? static_cast<unsigned char const*>(zero) - text : Remain();
-    if (!value->NewFromUtf8Str(std::string(reinterpret_cast<char const*>(text), length))) {
+    // Straight into the string's units: no copy of the bytes on the way.
+    ZNRStdWString& units = *value;
+    if (!ZNRTextCodec::Utf8ToUtf16(reinterpret_cast<char const*>(text), length, &units)) {
         ZNR_LOG(DEBUG, "Unpack string error, can not convert utf8 string to locale!");
         return ZNR_ERROR_UNPACK_TEXT;
     }

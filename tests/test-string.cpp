@@ -75,28 +75,57 @@ TEST(ZNRStringTest, NarrowConversionsKeepThePrefixAndReportFailures) {
     }
 }
 
-TEST(ZNRStringTest, Utf8ConversionsRejectMalformedInput) {
-    ZNRString s(u"old");
-    ASSERT_TRUE(s.NewFromUtf8Str("a\xF0\x9F\x98\x80\xE4\xB8\xAD"));
-    EXPECT_EQ((Units{'a', 0xD83D, 0xDE00, 0x4E2D}), UnitsOf(s));
-    std::string utf8;
-    for (auto const& c : {std::make_pair(s, "a\xF0\x9F\x98\x80\xE4\xB8\xAD"),
-                          std::make_pair(ZNRString("\xD6\xD0\xCE\xC4"), "\xE4\xB8\xAD\xE6\x96\x87"),
-                          std::make_pair(ZNRString(""), "")})
-        EXPECT_TRUE(c.first.ToUtf8Str(&utf8) && utf8 == c.second) << utf8;
+// The UTF-8 forms iconv takes and refuses. Refused bytes leave a string as
+// it was; through a UTF-8 locale they keep what came before the fault.
+TEST(ZNRStringTest, Utf8ConversionsTakeAndRefuseWhatIconvDoes) {
+    // Both ways: the ends of each sequence length and of the surrogates, a
+    // byte-order mark as a character, a zero, a run of ASCII past a word.
+    struct { std::string bytes; Units units; } const both[] = {
+        {"", {}}, {std::string("a\0b", 3), {'a', 0, 'b'}}, {"\x7F\xC2\x80\xDF\xBF", {0x7F, 0x80, 0x7FF}},
+        {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80", {0x800, 0xD7FF, 0xE000}},
+        {"\xEF\xBB\xBF\xEF\xBF\xBF", {0xFEFF, 0xFFFF}},
+        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", {0xD800, 0xDC00, 0xDBFF, 0xDFFF}},
+        {"0123456789\xC3\xA9", {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 0xE9}},
+    };
+    for (auto const& c : both) {
+        ZNRString s(u"old");
+        std::string utf8;
+        EXPECT_TRUE(s.NewFromUtf8Str(c.bytes)) << c.bytes;
+        EXPECT_EQ(c.units, UnitsOf(s)) << c.bytes;
+        EXPECT_TRUE(Wide(c.units).ToUtf8Str(&utf8) && utf8 == c.bytes) << c.bytes;
+    }
 
-    s = ZNRString(u"keep");
-    // Bad continuation, overlong, cut off, encoded surrogate.
-    for (char const* bad : {"ab\xC3\x28", "\xC0\xAF", "ab\xE4\xB8", "\xED\xA0\x80"})
-        EXPECT_FALSE(s.NewFromUtf8Str(bad)) << bad;
-    EXPECT_EQ(ZNRString(u"keep"), s);
-    ASSERT_TRUE(s.NewFromUtf8Str(""));
-    EXPECT_TRUE(s.empty());
-    std::string out = "untouched";
-    // High at the end, low alone, high without low.
-    for (Units const& bad : {Units{'a', 0xD83D}, Units{'a', 0xDE00, 'b'}, Units{0xD83D, 'b'}})
-        EXPECT_FALSE(Wide(bad).ToUtf8Str(&out)) << std::hex << bad[1];
-    EXPECT_EQ("untouched", out);
+    // Bad continuations, overlong forms, encoded surrogates, code points
+    // past U+10FFFF, five- and six-byte forms, cut-off sequences; `kept`
+    // ASCII bytes come before the fault.
+    struct { std::string bytes; std::size_t kept; } const bad_bytes[] = {
+        {"\x80", 0}, {"ab\xC3\x28", 2}, {"\xC0\x80", 0}, {"\xC1\xBF", 0}, {"\xE0\x9F\xBF", 0},
+        {"\xF0\x8F\xBF\xBF", 0}, {"\xED\xA0\x80", 0}, {"\xED\xBF\xBF", 0}, {"\xF4\x90\x80\x80", 0},
+        {"\xF5\x80\x80\x80", 0}, {"\xF8\x88\x80\x80\x80", 0}, {"\xFC\x84\x80\x80\x80\x80", 0},
+        {"\xFE", 0}, {"\xFF", 0}, {"abcdefghi\xC2", 9}, {"ab\xE4\xB8", 2}, {"\xF0\x9F\x98", 0},
+        {"\xE4\xB8\x41", 0}, {"0123456789abcdef\xF0\x9F\x98\x41", 16},
+    };
+    for (auto const& c : bad_bytes) {
+        ZNRString s(u"keep");
+        EXPECT_FALSE(s.NewFromUtf8Str(c.bytes)) << c.bytes;
+        EXPECT_EQ(ZNRString(u"keep"), s);
+        EXPECT_EQ(ToWideError("zz_ZZ.UTF-8"), Stderr([&] { s = ZNRString(c.bytes, "zz_ZZ.UTF-8"); }));
+        EXPECT_EQ(ZNRString(c.bytes.substr(0, c.kept)), s) << c.bytes;
+    }
+
+    // Lone surrogates: high at the end, low alone, high before a high.
+    struct { Units units; char const* kept; } const bad_units[] = {
+        {{'a', 0xD83D}, "a"}, {{'a', 0xDE00, 'b'}, "a"}, {{0xD83D, 'b'}, ""}, {{0xD800, 0xD800, 0xDC00}, ""},
+        {{'0', '1', '2', '3', '4', '5', '6', '7', 0xDC00}, "01234567"},
+    };
+    for (auto const& c : bad_units) {
+        std::string out = "untouched", narrow;
+        EXPECT_FALSE(Wide(c.units).ToUtf8Str(&out)) << c.kept;
+        EXPECT_EQ("untouched", out);
+        EXPECT_EQ("Convert wchar string to locale string error, locale name=\"zz_ZZ.UTF-8\"",
+                  Stderr([&] { narrow = Wide(c.units, "zz_ZZ.UTF-8").ToStdCStr(); }));
+        EXPECT_EQ(c.kept, narrow);
+    }
 }
 
 TEST(ZNRStringTest, FormattingIsCutAt4096Bytes) {

@@ -37,8 +37,8 @@ public:
 /// 20 (replace out of range) or 21 (text not convertible or too long), or
 /// the buffer's error when it cannot grow (library error 50, no memory). A
 /// push that does not fit sets the
-/// capacity to exactly what it needs, while the block under it doubles up to
-/// the limit, so N pushes copy O(N) bytes. A failed push of a fixed-width
+/// capacity to exactly what it needs, while the block under it doubles (from
+/// 256 bytes) up to the limit, so N pushes copy O(N) bytes. A failed push of a fixed-width
 /// value leaves the pack unchanged. No lock: one thread at a time.
 class ZNR_API ZNRPack {
 public:
@@ -122,10 +122,14 @@ public:
 
 private:
     std::uint64_t PushFixed(void const* value, unsigned int size);
+    unsigned char* Room(unsigned int size, std::uint64_t* error);
+    unsigned char* Grow(unsigned int size, std::uint64_t* error);
     std::uint64_t Append(unsigned char const* data, unsigned int size);
     std::uint64_t ReplaceFixed(unsigned int offset, void const* value, unsigned int size);
     bool Fits(unsigned int size) const;
+    std::uint64_t GrowBlock(std::uint64_t need);
     std::uint64_t Reserve(unsigned int size);
+    void ExpectField(std::uint64_t size);
 
     unsigned int max_size_;
     ZNRByteBuffer* buffer_;

@@ -109,6 +109,7 @@ public:
 private:
     void ClosePipes();
     std::uint64_t Reap(bool block);
+    std::uint64_t AttachOutput(ZNRProcessParam const& param);
 
     int pid_;
     ZNRNativeHandle pidfd_;  // none where the system has none: Wait then polls

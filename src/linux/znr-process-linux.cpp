@@ -148,14 +148,7 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
     }
     pid_ = pid;
     pidfd_ = OpenPidFd(pid);
-    std::uint64_t const attached = ZNRProcessAttachOutput(param, &out_fd_, &err_fd_);
-    if (attached != 0) {
-        ClosePipes();
-        Kill();
-        Reap(true);
-        return attached;
-    }
-    return 0;
+    return AttachOutput(param);
 }
 
 std::uint64_t ZNRProcessWin32::WriteInput(void const* data, unsigned int size) {

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
+#include <vector>
 
 #include <iconv.h>
 #include <langinfo.h>
@@ -15,26 +15,28 @@ thread_local bool t_cache_closed = false;
 
 // Opening a descriptor loads converter modules and is far dearer than a
 // conversion, so each thread keeps the ones it has used.
+// A thread uses a handful of pairs: a scan of them builds no key.
 class DescriptorCache {
 public:
     ~DescriptorCache() {
-        for (auto& entry : descriptors_) iconv_close(entry.second);
+        for (Entry& entry : descriptors_) iconv_close(entry.cd);
         t_cache_closed = true;
     }
 
     iconv_t Get(char const* from, char const* to) {
-        std::string key(to);
-        key.push_back('\0');
-        key.append(from);
-        auto it = descriptors_.find(key);
-        if (it != descriptors_.end()) return it->second;
+        for (Entry& entry : descriptors_)
+            if (entry.from == from && entry.to == to) return entry.cd;
         iconv_t cd = iconv_open(to, from);
-        if (cd != kBadDescriptor) descriptors_.emplace(key, cd);
+        if (cd != kBadDescriptor) descriptors_.push_back(Entry{from, to, cd});
         return cd;
     }
 
 private:
-    std::map<std::string, iconv_t> descriptors_;
+    struct Entry {
+        std::string from, to;
+        iconv_t cd;
+    };
+    std::vector<Entry> descriptors_;
 };
 
 // Falls back to a private descriptor when the thread's cache is already gone

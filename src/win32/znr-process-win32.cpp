@@ -205,14 +205,7 @@ std::uint64_t ZNRProcessWin32::Start(ZNRProcessParam const& param) {
     CloseHandle(pi.hThread);
     pid_ = static_cast<int>(pi.dwProcessId);
     pidfd_ = pi.hProcess;
-    std::uint64_t const attached = ZNRProcessAttachOutput(param, &out_fd_, &err_fd_);
-    if (attached != 0) {
-        ClosePipes();
-        Kill();
-        Reap(true);
-        return attached;
-    }
-    return 0;
+    return AttachOutput(param);
 }
 
 std::uint64_t ZNRProcessWin32::WriteInput(void const* data, unsigned int size) {
