@@ -29,7 +29,7 @@ bool ZNRAsyncPipeDevice::Open(ZNRDeviceParam* param) {
         return false;
     }
     ZNRNativeHandle fd = ZNRNoHandle();
-    std::uint64_t const rc = p->is_server ? ZNRLocalListen(name, &fd)
+    std::uint64_t const rc = p->is_server ? ZNRLocalListen(name, p->in_buffer_size, p->out_buffer_size, &fd)
                                           : ZNRLocalConnect(name, p->wait_timeout, &fd);
     if (rc != 0) {
         SetError(rc);
@@ -51,9 +51,13 @@ bool ZNRAsyncPipeDevice::BeginAccept() {
     ZNRAsyncIOCB* const cb = GetReadIOCB();
     std::uint64_t rc = ZNRSysError(EINVAL);
     if (!closed_ && GetType() == TYPE_PIPE_SERVER) {
+        // The caller learns that the client came first, and the accept still
+        // completes, so that a reactor announces the connection all the same.
+        std::uint64_t const first = ZNRLocalConnectedFirst(GetFd());
         cb->addr = nullptr;
         cb->addr_len = 0;
         rc = cb->Begin(ZNRAsyncIOCB::OP_ACCEPT, ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT, nullptr, 0);
+        if (rc == 0) rc = first;
     }
     if (rc == 0) return true;
     SetError(rc);
@@ -90,12 +94,12 @@ bool ZNRAsyncPipeDevice::Close() {
     if (!closed_) {
         ZNRNativeHandle const fd = GetFd();
         Detach();
-        ZNRFdClose(fd);
         if (is_server_) {
             std::string name;
             name_.ToUtf8Str(&name);
-            ZNRLocalRelease(name);
+            ZNRLocalRelease(name, fd);
         }
+        ZNRFdClose(fd);
         closed_ = true;
         eof_ = true;
         desc_.clear();

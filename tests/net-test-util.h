@@ -33,6 +33,8 @@ int const kErrNotSocket = WSAENOTSOCK;
 int const kErrNoDestination = WSAEDESTADDRREQ;
 int const kErrRefused = WSAECONNREFUSED;
 int const kErrCancelled = ERROR_OPERATION_ABORTED;
+int const kErrWouldBlock = WSAEWOULDBLOCK;
+int const kErrBrokenPipe = ERROR_BROKEN_PIPE;
 #else
 typedef int RawSocket;
 int const kErrInvalid = EINVAL;
@@ -40,7 +42,28 @@ int const kErrNotSocket = EBADF;
 int const kErrNoDestination = EDESTADDRREQ;
 int const kErrRefused = ECONNREFUSED;
 int const kErrCancelled = ECANCELED;
+int const kErrWouldBlock = EAGAIN;
+int const kErrBrokenPipe = EPIPE;
 #endif
+
+// Whether h is inherited by child processes.
+inline bool IsInherited(ZNRNativeHandle h) {
+#if defined(_WIN32)
+    DWORD flags = 0;
+    return ::GetHandleInformation(h, &flags) && (flags & HANDLE_FLAG_INHERIT) != 0;
+#else
+    return (::fcntl(h, F_GETFD) & FD_CLOEXEC) == 0;
+#endif
+}
+// Whether h still names an open handle or descriptor.
+inline bool IsOpenHandle(ZNRNativeHandle h) {
+#if defined(_WIN32)
+    DWORD flags = 0;
+    return ::GetHandleInformation(h, &flags) != 0;
+#else
+    return ::fcntl(h, F_GETFD) != -1;
+#endif
+}
 
 // Winsock starts with the library; elsewhere this does nothing.
 inline std::uint64_t const kStarted = ZNRInit();

@@ -9,8 +9,8 @@
 /// @file
 /// The local named pipe device.
 
-/// A local named pipe: a stream socket of the local domain named by the
-/// pipe name as given. A name that starts with `\\.\pipe\` lives in the
+/// A local named pipe, named as given. On Linux it is a stream socket of
+/// the local domain. A name that starts with `\\.\pipe\` lives in the
 /// abstract namespace and leaves nothing on disk; any other name is a
 /// file-system path, created by the first server and removed by the last.
 ///
@@ -20,7 +20,12 @@
 /// accept completes on the read side (operation 0) and the connection then
 /// replaces the listening instance under the same descriptor watch.
 /// A client that finds no server waits up to the parameter's wait timeout
-/// (0xFFFFFFFF: without limit). The buffer sizes are left to the system.
+/// (0xFFFFFFFF: without limit). Linux leaves the buffer sizes to the system.
+///
+/// On Windows it is a named pipe, the name a full pipe path: each server
+/// device is an instance that everyone may connect to, with the
+/// parameter's buffer sizes; a client waits only while every instance of
+/// an existing pipe is busy (a name nobody serves fails at once).
 /// All calls belong to the thread that owns the device.
 class ZNR_API ZNRAsyncPipeDevice : public ZNRDevice, public ZNRAsyncIOWin32 {
 public:
@@ -55,8 +60,10 @@ public:
 
     /// Starts waiting for a server's client; it completes on the read side
     /// as OP_ACCEPT. False with the error stored: EINVAL unless this is an
-    /// open server, EBUSY while a wait is pending. Once registered, call it
-    /// on the reactor's loop thread.
+    /// open server, EBUSY while a wait is pending; on Windows 535
+    /// (ERROR_PIPE_CONNECTED) when the client connected first, whose accept
+    /// completes all the same. Once registered, call it on the reactor's
+    /// loop thread.
     virtual bool BeginAccept();
 
     /// The pipe's name as given to Open.

@@ -115,9 +115,9 @@ public:
     bool is_server = false;
     /// Not read.
     std::uint32_t reserved = 0;
-    /// Not read: the system sizes the buffers.
+    /// A server's inbound buffer on Windows; elsewhere the system sizes it.
     unsigned int in_buffer_size = 512;
-    /// Not read: the system sizes the buffers.
+    /// A server's outbound buffer on Windows; elsewhere the system sizes it.
     unsigned int out_buffer_size = 512;
     /// How long a client waits for a server, in ms (0xFFFFFFFF: without limit).
     unsigned int wait_timeout = 1000;

@@ -103,7 +103,7 @@ std::uint64_t NewListener(std::string const& name, int* fd) {
 
 } // namespace
 
-std::uint64_t ZNRLocalListen(std::string const& name, int* fd) {
+std::uint64_t ZNRLocalListen(std::string const& name, unsigned int, unsigned int, int* fd) {
     std::lock_guard<std::mutex> guard(RegistryLock());
     auto it = Registry().find(name);
     if (it == Registry().end()) {
@@ -127,7 +127,7 @@ std::uint64_t ZNRLocalListen(std::string const& name, int* fd) {
     return 0;
 }
 
-void ZNRLocalRelease(std::string const& name) {
+void ZNRLocalRelease(std::string const& name, int) {
     std::lock_guard<std::mutex> guard(RegistryLock());
     auto const it = Registry().find(name);
     if (it == Registry().end() || --it->second.instances > 0) return;
@@ -156,3 +156,6 @@ std::uint64_t ZNRLocalConnect(std::string const& name, unsigned int wait_ms, int
         pause = std::min(pause * 2, std::chrono::milliseconds(50));
     }
 }
+
+// A local socket's accept takes a client whenever it came.
+std::uint64_t ZNRLocalConnectedFirst(int) { return 0; }

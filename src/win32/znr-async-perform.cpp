@@ -15,7 +15,8 @@
 // non-blocking socket call, and wait with WSAPoll; watched ones never come
 // here on Windows, where the completion port carries every request out.
 // Pipes have no readiness to wait for: a read takes what PeekNamedPipe
-// shows, a write or a connect wait runs to its end on an event of its own.
+// shows, an accept waits until a client is there to peek at, and a write
+// runs to its end on an event of its own.
 
 namespace {
 
@@ -71,7 +72,13 @@ ZNRPerformResult PerformOnPipe(ZNRAsyncIOCB* cb) {
         err = PipeCall(cb, ZNRAsyncIOCB::METHOD_WRITE, static_cast<DWORD>(cb->len), &bytes);
         break;
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
+        // A listening instance cannot be peeked at: no client yet.
+        if (!::PeekNamedPipe(static_cast<HANDLE>(cb->fd), nullptr, 0, nullptr, nullptr, nullptr) &&
+            ::GetLastError() == ERROR_BAD_PIPE) {
+            return ZNR_PERFORM_AGAIN;
+        }
         err = PipeCall(cb, ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT, 0, &bytes);
+        // The client came first: that is the connection.
         if (err == ERROR_PIPE_CONNECTED) err = 0;
         break;
     default:

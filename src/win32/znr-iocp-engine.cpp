@@ -243,13 +243,15 @@ int ZNRIocpEngine::Cancel(ZNRAsyncIO* io) {
 void ZNRIocpEngine::Start(ZNRAsyncIOCB* cb) {
     // A connection already in the backlog is taken at once, so that a
     // listener takes its backlog in bursts: AcceptEx need not finish at
-    // once for one (under Wine it never does).
-    if (cb->method == ZNRAsyncIOCB::METHOD_ACCEPT && ZNRAsyncWaitReady(cb, 0) &&
-        ZNRAsyncPerform(cb, true) == ZNR_PERFORM_DONE) {
-        return;
-    }
+    // once for one (under Wine it never does). Its completion is queued as
+    // any other: a first accept has nobody else to hand it out.
     Handle& h = *HandleOf(cb);
     Entry& e = h.side[SideOf(cb)];
+    if (cb->method == ZNRAsyncIOCB::METHOD_ACCEPT && ZNRAsyncWaitReady(cb, 0) &&
+        ZNRAsyncPerform(cb, true) == ZNR_PERFORM_DONE) {
+        done_.Push(&e);
+        return;
+    }
     if (e.op == nullptr) e.op = new Op();
     std::memset(&e.op->ov, 0, sizeof(e.op->ov));
     e.op->accepted = INVALID_SOCKET;
@@ -260,7 +262,9 @@ void ZNRIocpEngine::Start(ZNRAsyncIOCB* cb) {
         e.pending = true;
         return;
     }
-    Finished(e, bytes, err);
+    // 535: the pipe's client came before the accept, which is done at once
+    // and queues no packet.
+    Finished(e, bytes, err == ERROR_PIPE_CONNECTED ? 0 : err);
 }
 
 // Starts the overlapped call for the entry's request: 0 when it finished
@@ -319,9 +323,7 @@ DWORD ZNRIocpEngine::Issue(Handle& h, Entry& e, DWORD* bytes) {
         return static_cast<DWORD>(::WSAGetLastError());
     }
     case ZNRAsyncIOCB::METHOD_LOCAL_ACCEPT:
-        if (::ConnectNamedPipe(h.h, &op->ov)) return 0;
-        // 535: the client came between the instance and this call.
-        return ::GetLastError() == ERROR_PIPE_CONNECTED ? 0 : ::GetLastError();
+        return ::ConnectNamedPipe(h.h, &op->ov) ? 0 : ::GetLastError();
     case ZNRAsyncIOCB::METHOD_CONNECT: {
         // ConnectEx wants a bound socket.
         sockaddr_storage any{};

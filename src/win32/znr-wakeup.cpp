@@ -1,16 +1,12 @@
 #include <plexa/znr-error.h>
+#include <plexa/znr-id-allocator.h>
+#include <plexa/znr-string.h>
 
 #include "znr-wakeup.h"
 
 #include <windows.h>
-#include <rpc.h>
 
 #include <string>
-
-// Windows has no counter descriptor: the channel is a named pipe of its
-// own, read (overlapped) through the completion port and written to by
-// ZNRWakeupAdd. Each add is one 8-byte message and each read takes one,
-// so a read clears one add rather than the whole count.
 
 namespace {
 
@@ -18,18 +14,13 @@ DWORD const kBufferSize = 64 * 1024;
 
 std::uint64_t LastError() { return ZNRSysError(static_cast<int>(GetLastError())); }
 
-// A name no other pipe has: \\.\pipe\plexa-wakeup-<uuid>.
+// A name no other pipe has: \\.\pipe\ and a fresh UUID.
 std::uint64_t UniquePath(std::string* path) {
-    UUID uuid;
-    RPC_STATUS status = UuidCreate(&uuid);
-    // A uuid unique to this machine is all a local pipe needs.
-    if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) return ZNRSysError(status);
-    RPC_CSTR text = nullptr;
-    status = UuidToStringA(&uuid, &text);
-    if (status != RPC_S_OK) return ZNRSysError(status);
-    *path = std::string("\\\\.\\pipe\\plexa-wakeup-") + reinterpret_cast<char const*>(text);
-    RpcStringFreeA(&text);
-    return 0;
+    ZNRIdAllocator ids;
+    ZNRString uuid;
+    std::uint64_t const rc = ids.AllocUUID(&uuid);
+    if (rc == 0) *path = "\\\\.\\pipe\\" + uuid.ToStdCStr();
+    return rc;
 }
 
 } // namespace
