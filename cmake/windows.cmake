@@ -62,8 +62,8 @@ if(PLEXA_BUILD_TESTS)
   # own suite follows.
   set(PLEXA_WINDOWS_SUITES async-io blocking-device byte-buffer data-dispatcher data-sender device
     digest dll-loader entity-device-handler entity-map error getopt http-request logger memory-pool
-    message-queue pack process reactor signal singleton socket string tcp-acceptor thread
-    thread-lock timer trans-message utils xml-config)
+    message-queue pack process reactor reactor-mgr signal singleton socket string tcp-acceptor
+    thread thread-lock timer trans-message utils xml-config)
   foreach(suite ${PLEXA_WINDOWS_SUITES})
     add_executable(test-${suite} tests/test-${suite}.cpp)
     target_include_directories(test-${suite} PRIVATE tests src)

@@ -506,9 +506,9 @@ TEST_F(ReactorMgr, GroupEndsItsOwnReactorsWithTheirWork) {
         EXPECT_EQ(3u, mgr_.New(&err));  // not the group's
         for (std::uint64_t id : group.GetIds()) {
             ASSERT_EQ(0u, mgr_.RegisterTask(id, [this, id] {
-                j_.Add("on " + ThreadName());
                 mgr_.RegisterDevice(id, new ZNRFakeDevice(), new EchoHandler(id, &j_), nullptr, 100, 10, 100,
                                     0xFFFFFFFF);
+                j_.Add("on " + ThreadName());  // the group may end from here on
                 std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the next task waits
                 return false;
             }));
