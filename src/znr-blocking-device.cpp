@@ -168,8 +168,17 @@ void ZNRTcpDevice::MarkAccepted() {
     closed_ = false;
     eof_ = false;
     SetType(TYPE_TCP_ACCEPTED);
-    desc_ = ZNRString(u"Tcp accept client, remote ip=") + remote_addr_->GetAddrStr() +
-            ZNRString(u" remote port=") + remote_addr_->GetPortStr();
+}
+
+// Most connections a server holds are never described: the text would
+// cost each of them more than a hundred bytes for nothing. An open device
+// with a peer and no text yet is an accepted one: clients get theirs at Open.
+ZNRString const& ZNRTcpDevice::GetDescInfo() const {
+    if (desc_.empty() && !closed_ && remote_addr_ != nullptr) {
+        desc_ = ZNRString(u"Tcp accept client, remote ip=") + remote_addr_->GetAddrStr() +
+                ZNRString(u" remote port=") + remote_addr_->GetPortStr();
+    }
+    return desc_;
 }
 
 int ZNRTcpDevice::Read(unsigned char* buf, int len) {

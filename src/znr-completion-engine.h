@@ -114,7 +114,7 @@ extern std::uint64_t const kZNRNoSuchEngine;
 // same as libuv's and Boost.Asio's usual read size.
 class ZNRLendChunks {
 public:
-    static int const kSize = 65536;
+    static constexpr int kSize = 65536;
 
     ZNRLendChunks() = default;
     ZNRLendChunks(ZNRLendChunks const&) = delete;

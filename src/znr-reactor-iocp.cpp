@@ -96,6 +96,49 @@ private:
     ZNRByteBuffer* buffer_;
 };
 
+void LogSendOverflow(int held, int max, std::string const& desc) {
+    ZNR_LOG(ERROR,
+            "Can not send data to iocp device, send buffer is overflow, current_size=%d "
+            "max_size=%d desc_info=\"%s\"",
+            held, max, desc.c_str());
+}
+
+// The first sends refused on other threads for a device's send maximum:
+// only the loop thread may read the device's description, which is made
+// when first asked for. It logs them and leaves a copy of the text with
+// the device's send budget, so that later refusals are logged where they
+// happen; refusals meanwhile join the report.
+class ZNRReactorIOCPSendOverflowLoopEvent : public ZNRReactorLoopEvent {
+public:
+    ZNRReactorIOCPSendOverflowLoopEvent(ZNRReactorIOCP* reactor, std::uint32_t device_id, int max)
+        : reactor_(reactor), device_id_(device_id), max_(max) {}
+    ~ZNRReactorIOCPSendOverflowLoopEvent() override = default;
+
+    // Under the reactor's loop-event lock.
+    void Add(int held) { held_.push_back(held); }
+
+    bool OnLoopEvent(ZNRReactor*) override {
+        ZNRReactorIOCPDeviceBase* const device = reactor_->FindDevice(device_id_);
+        std::string const desc = device != nullptr ? Narrow(device->GetDescInfo()) : std::string();
+        std::vector<int> held;
+        reactor_->TakeSendOverflows(device_id_, this, &desc, &held);
+        for (int h : held) LogSendOverflow(h, max_, desc);
+        return false;
+    }
+    void Destroy() override {
+        reactor_->TakeSendOverflows(device_id_, this, nullptr, nullptr);
+        delete this;
+    }
+
+private:
+    friend class ZNRReactorIOCP;
+
+    ZNRReactorIOCP* reactor_;
+    std::uint32_t device_id_;
+    int max_;
+    std::vector<int> held_;
+};
+
 ZNRReactorLoopEvent::~ZNRReactorLoopEvent() = default;
 ZNRReactorTask::~ZNRReactorTask() = default;
 ZNRReactorStopNotify::~ZNRReactorStopNotify() = default;
@@ -364,6 +407,7 @@ std::uint64_t ZNRReactorIOCP::QueueLocked(ZNRReactorLoopEvent* event) {
 std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* data, int size) {
     auto* const event = new ZNRReactorIOCPSendDataLoopEvent(id, data, size);
     std::string desc;
+    bool log_here = false;
     int held = 0;
     int max = 0;
     std::uint64_t rc = 0;
@@ -377,21 +421,42 @@ std::uint64_t ZNRReactorIOCP::QueueSend(std::uint32_t id, unsigned char const* d
         }
         rc = AdmitLocked(true);
         if (rc == 0 && known && static_cast<long long>(held) + size > max) {
-            desc = Narrow(*budget->second.desc);
-            rc = ZNR_ERROR_SEND_OVERFLOW;
+            log_here = budget->second.desc != nullptr;
+            if (log_here) desc = *budget->second.desc;
+            rc = log_here ? ZNR_ERROR_SEND_OVERFLOW : ReportSendOverflowLocked(id, &budget->second, held);
         } else if (rc == 0) {
             rc = QueueLocked(event);
             if (rc == 0 && known) budget->second.queued += size;
         }
     }
-    if (rc == ZNR_ERROR_SEND_OVERFLOW) {
-        ZNR_LOG(ERROR,
-                "Can not send data to iocp device, send buffer is overflow, current_size=%d "
-                "max_size=%d desc_info=\"%s\"",
-                held, max, desc.c_str());
-    }
+    if (log_here) LogSendOverflow(held, max, desc);
     if (rc != 0) event->Destroy();
     return rc;
+}
+
+std::uint64_t ZNRReactorIOCP::ReportSendOverflowLocked(std::uint32_t id, SendBudget* budget, int held) {
+    if (budget->overflow == nullptr) {
+        auto* const report = new ZNRReactorIOCPSendOverflowLoopEvent(this, id, budget->max);
+        std::uint64_t const rc = QueueLocked(report);
+        if (rc != 0) {
+            delete report;  // not Destroy: the lock is held
+            return rc;
+        }
+        budget->overflow = report;
+    }
+    budget->overflow->Add(held);
+    return ZNR_ERROR_SEND_OVERFLOW;
+}
+
+void ZNRReactorIOCP::TakeSendOverflows(std::uint32_t id, ZNRReactorIOCPSendOverflowLoopEvent* report,
+                                       std::string const* desc, std::vector<int>* held) {
+    ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
+    SendBudgetMap::iterator const budget = send_budgets_->find(id);
+    if (budget != send_budgets_->end() && budget->second.overflow == report) {
+        budget->second.overflow = nullptr;
+        if (desc != nullptr) budget->second.desc.reset(new std::string(*desc));
+    }
+    if (held != nullptr) held->swap(report->held_);
 }
 
 void ZNRReactorIOCP::ReleaseSendBudget(std::uint32_t id, int size) {
@@ -545,8 +610,7 @@ std::uint64_t ZNRReactorIOCP::RegisterDevice(ZNRDevice* device, ZNRDeviceHandler
     {
         ZNRGuardSpinLock guard(&loop_event_lock_, __FILE__, __LINE__);
         (*send_budgets_)[id] = SendBudget{iocp_device->GetSendBuffMaxSize(), 0,
-                                          iocp_device->GetQueuedSendBytesCounter(),
-                                          &iocp_device->GetDescInfo()};
+                                          iocp_device->GetQueuedSendBytesCounter(), nullptr, nullptr};
     }
 
     // Accepted connections are announced with OnOpen, connections made as

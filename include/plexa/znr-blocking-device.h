@@ -31,7 +31,8 @@ public:
     bool Open(ZNRDeviceParam* param) override;
     int Read(unsigned char* buf, int len) override;
     int Write(unsigned char const* buf, int len) override;
-    ZNRString const& GetDescInfo() const override { return desc_; }
+    /// An accepted connection's is made when first asked for.
+    ZNRString const& GetDescInfo() const override;
     ZNRNativeHandle GetFd() override;
     bool CloseRead() override;
     bool CloseWrite() override;
@@ -76,8 +77,8 @@ protected:
     ZNRNetAddrInfo* local_addr_;
     /// Copy of the peer's address, owned; null when none.
     ZNRNetAddrInfo* remote_addr_;
-    /// The description.
-    ZNRString desc_;
+    /// The description; an accepted connection's is made on first use.
+    mutable ZNRString desc_;
     /// Receive time-out (ms) for the connections a listener accepts.
     unsigned int recv_timeout_;
     /// Send time-out (ms) for the connections a listener accepts.

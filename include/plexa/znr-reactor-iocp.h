@@ -11,6 +11,7 @@
 #include <atomic>
 #include <deque>
 #include <list>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -20,6 +21,7 @@ struct ZNRCompletion;
 class ZNRReactorIOCPDeviceBase;
 class ZNRReactorIOCPLoopEventReadDevice;
 class ZNRReactorIOCPLoopEventWriteDevice;
+class ZNRReactorIOCPSendOverflowLoopEvent;
 class ZNRThread;
 
 /// @file
@@ -151,6 +153,7 @@ private:
     friend class ZNRReactorIOCPDeviceTimer;
     friend class ZNRReactorIOCPAcceptRetryTimer;
     friend class ZNRReactorIOCPSendDataLoopEvent;
+    friend class ZNRReactorIOCPSendOverflowLoopEvent;
 
     // Looked up on every completion; ordered only at shutdown.
     typedef std::unordered_map<std::uint32_t, ZNRReactorIOCPDeviceBase*> DeviceMap;
@@ -160,7 +163,10 @@ private:
         int max;
         int queued;
         std::atomic<int> const* device_queued;
-        ZNRString const* desc;
+        // Refusals waiting to be logged on the loop thread, if any; the
+        // description's text once that has been done.
+        ZNRReactorIOCPSendOverflowLoopEvent* overflow;
+        std::unique_ptr<std::string> desc;
     };
     typedef std::unordered_map<std::uint32_t, SendBudget> SendBudgetMap;
 
@@ -195,6 +201,13 @@ private:
     std::uint64_t QueueLocked(ZNRReactorLoopEvent* event);
     std::uint64_t QueueSend(std::uint32_t id, unsigned char const* data, int size);
     void ReleaseSendBudget(std::uint32_t id, int size);
+    // A send over the device's maximum from another thread: library error
+    // 8, and a line logged on the loop thread. Under the loop-event lock.
+    std::uint64_t ReportSendOverflowLocked(std::uint32_t id, SendBudget* budget, int held);
+    // The report's refusals into *held (when given); the device's budget
+    // forgets the report and keeps *desc (when given).
+    void TakeSendOverflows(std::uint32_t id, ZNRReactorIOCPSendOverflowLoopEvent* report,
+                           std::string const* desc, std::vector<int>* held);
     void NotifyStop(ZNRStlAdapter<std::list<ZNRReactorStopNotify*>>& notifies);
     void CloseAll();
     void DrainClosed();
