@@ -1,7 +1,6 @@
 # The Windows build, included by the top-level CMakeLists.txt in place of
-# the Linux one. The library joins it once its platform layer builds; until
-# then it builds the smoke suite, which links what the library will (zlib,
-# TinyXML, Winsock) and proves the toolchain and the test driver.
+# the Linux one: the library from src/ and src/win32/, every suite, and a
+# smoke suite that proves the toolchain and the test driver on their own.
 # Cross-built with cmake/mingw-w64.cmake and run under Wine: scripts/test --windows.
 
 # The platform layer's sources.
